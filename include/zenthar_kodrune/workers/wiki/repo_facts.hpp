@@ -1,0 +1,24 @@
+// Facts about the repository: path normal form and content hashes.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace zenthar_kodrune::workers::wiki {
+
+// Backslashes become "/", empty and "." segments are dropped: "./src//x.cpp"
+// gives "src/x.cpp". ".." segments are kept as they stand.
+std::string _norm(std::string_view path);
+
+// Lowercase hexadecimal SHA-256 of the text's bytes (64 characters).
+std::string _text_hash(std::string_view text);
+
+// Lowercase hexadecimal SHA-256 of a file's bytes; nullopt when `relative` is
+// not a regular file under `root`. A path that would leave `root` (an absolute
+// path, or ".." above it) is a ValueError; a read failure an OsError.
+std::optional<std::string> file_content_hash(const std::filesystem::path& root,
+                                             std::string_view relative);
+
+}  // namespace zenthar_kodrune::workers::wiki

@@ -1,0 +1,87 @@
+// The wiki store's interface: the table `wiki_pages`, one row per
+// (branch, page_id), and the database handle it runs on. SQLite serves it by
+// default (sqlite_store.hpp); anything that can keep these promises can serve.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "zenthar_kodrune/workers/wiki/types.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+// A bound "?" parameter: null, integer or text.
+using SqlValue = std::variant<std::nullptr_t, std::int64_t, std::string>;
+
+class Database;
+
+// A transaction scope. Leaving it normally commits; leaving it by an exception
+// rolls back. Scopes nest: one opened inside another is a savepoint, so a host
+// can wrap several operations in one transaction.
+class Transaction {
+ public:
+  explicit Transaction(Database& db);
+  // Commits when not unwinding; a failing commit then throws from here.
+  ~Transaction() noexcept(false);
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+
+ private:
+  Database& db_;
+  int uncaught_at_entry_;
+};
+
+class Database {
+ public:
+  virtual ~Database() = default;
+
+  // `auto tx = db.transaction();` opens a scope that lasts until `tx` dies.
+  [[nodiscard]] Transaction transaction() { return Transaction(*this); }
+
+  // Runs one statement, binding `params` to its "?" placeholders in order.
+  virtual void execute(std::string_view sql, const std::vector<SqlValue>& params = {}) = 0;
+
+  // The scope's two ends; `error` is true when the scope is left by an exception.
+  virtual void begin_transaction() = 0;
+  virtual void end_transaction(bool error) = 0;
+};
+
+// The columns of one `wiki_pages` row after branch, page id and title, in the
+// order `upsert_wiki_page` takes them by name.
+struct WikiPageColumns {
+  std::string description;
+  std::string importance = "medium";
+  std::string level = "module";
+  std::string parent_section;
+  std::string rel_path;
+  std::vector<std::string> source_files;
+  Json source_hashes = Json::object();
+  std::vector<std::string> related_pages;
+  std::string status;
+  std::string page_type;
+  std::optional<std::string> content_hash;
+  Json build_cache = Json::object();
+};
+
+class WikiStore {
+ public:
+  virtual ~WikiStore() = default;
+
+  virtual Database& db() = 0;
+
+  // Inserts the row or replaces every column of the existing one; a replaced
+  // row keeps its place in first-insertion order.
+  virtual void upsert_wiki_page(const std::string& branch, const std::string& page_id,
+                                const std::string& title, const WikiPageColumns& columns) = 0;
+
+  // The branch's rows decoded (lists as lists, mappings as mappings), in
+  // first-insertion order. Undecodable stored JSON is a StoreError naming the
+  // branch, page id and column.
+  virtual Existing load_pages(const std::string& branch) = 0;
+};
+
+}  // namespace zenthar_kodrune::workers::wiki

@@ -1,0 +1,73 @@
+// PCRE2 wrapper: compile once (JIT when the library has it), match per call.
+#define PCRE2_CODE_UNIT_WIDTH 8
+#include "zenthar_kodrune/workers/wiki/regex.hpp"
+
+#include <pcre2.h>
+
+#include <memory>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+pcre2_code* code_of(void* code) { return static_cast<pcre2_code*>(code); }
+
+struct MatchDataDeleter {
+  void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
+};
+
+}  // namespace
+
+Regex::Regex(std::string_view pattern, std::uint32_t options) : pattern_(pattern) {
+  int error_code = 0;
+  PCRE2_SIZE error_offset = 0;
+  pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern_.data()), pattern_.size(),
+                                   options, &error_code, &error_offset, nullptr);
+  if (code == nullptr) {
+    PCRE2_UCHAR message[256];
+    pcre2_get_error_message(error_code, message, sizeof message);
+    throw ValueError("regular expression \"" + pattern_ + "\" does not compile at offset " +
+                     std::to_string(error_offset) + ": " + reinterpret_cast<const char*>(message));
+  }
+  // JIT is an optimisation: when the library lacks it the interpreter serves.
+  (void)pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);
+  code_ = code;
+}
+
+Regex::~Regex() { pcre2_code_free(code_of(code_)); }
+
+std::optional<std::vector<std::string_view>> Regex::match(std::string_view subject) const {
+  std::unique_ptr<pcre2_match_data, MatchDataDeleter> data(
+      pcre2_match_data_create_from_pattern(code_of(code_), nullptr));
+  if (!data) throw std::bad_alloc();
+  const int rc = pcre2_match(code_of(code_), reinterpret_cast<PCRE2_SPTR>(subject.data()),
+                             subject.size(), 0, PCRE2_ANCHORED, data.get(), nullptr);
+  if (rc == PCRE2_ERROR_NOMATCH) return std::nullopt;
+  if (rc < 0) {
+    PCRE2_UCHAR message[256];
+    pcre2_get_error_message(rc, message, sizeof message);
+    throw ValueError("matching \"" + pattern_ + "\" failed: " + reinterpret_cast<const char*>(message));
+  }
+  std::uint32_t groups = 0;
+  pcre2_pattern_info(code_of(code_), PCRE2_INFO_CAPTURECOUNT, &groups);
+  const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(data.get());
+  std::vector<std::string_view> out;
+  out.reserve(groups + 1);
+  for (std::uint32_t i = 0; i <= groups; ++i) {
+    if (ovector[2 * i] == PCRE2_UNSET) {
+      out.emplace_back();
+    } else {
+      out.push_back(subject.substr(ovector[2 * i], ovector[2 * i + 1] - ovector[2 * i]));
+    }
+  }
+  return out;
+}
+
+bool Regex::full_match(std::string_view subject) const {
+  auto groups = match(subject);
+  return groups && groups->front().size() == subject.size();
+}
+
+}  // namespace zenthar_kodrune::workers::wiki

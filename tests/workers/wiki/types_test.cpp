@@ -1,0 +1,90 @@
+// Page types: importance scores, stored files, citation identity, family links.
+#include "zenthar_kodrune/workers/wiki/types.hpp"
+
+#include <gtest/gtest.h>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+namespace {
+
+TEST(PagePlan, ImportanceScoreTreatsUnknownWordsAsMedium) {
+  const std::vector<std::pair<std::string, int>> cases = {
+      {"critical", 4}, {"high", 3}, {"medium", 2}, {"low", 1}, {"urgent", 2}, {"", 2}};
+  for (const auto& [word, score] : cases) {
+    PagePlan plan;
+    plan.importance = word;
+    EXPECT_EQ(plan.importance_score(), score) << word;
+  }
+}
+
+TEST(PagePlan, StoredSourceFilesAreDistinctAndSorted) {
+  PagePlan plan;
+  plan.source_files = {"b.py", "a.py", "b.py"};
+  EXPECT_EQ(plan.stored_source_files(), (std::vector<std::string>{"a.py", "b.py"}));
+}
+
+TEST(CitationKey, ParsesDecimalTextAndDefaultsMissingToZero) {
+  EXPECT_EQ(citation_key(Json{{"path", "a.py"}, {"line_start", "12"}, {"line_end", 14}}),
+            (CitationKey{"a.py", 12, 14}));
+  EXPECT_EQ(citation_key(Json{{"line_start", "-3"}, {"line_end", "+4"}}), (CitationKey{"", -3, 4}));
+  EXPECT_EQ(citation_key(Json::object()), (CitationKey{"", 0, 0}));
+}
+
+TEST(CitationKey, RejectsTextThatIsNotAWholeDecimalNumber) {
+  for (const char* bad : {"12a", " 12", "", "+", "1.5"}) {
+    EXPECT_THROW(citation_key(Json{{"path", "a.py"}, {"line_start", bad}}), ValueError) << bad;
+  }
+  EXPECT_THROW(citation_key(Json{{"path", "a.py"}, {"line_end", nullptr}}), TypeError);
+}
+
+TEST(SectionOf, FallsBackByLevel) {
+  PagePlan module_plan;
+  PagePlan overview_plan;
+  overview_plan.level = "overview";
+  PagePlan listed;
+  listed.parent_section = "Parser";
+  EXPECT_EQ(section_of(module_plan), "Modules");
+  EXPECT_EQ(section_of(overview_plan), "Overview");
+  EXPECT_EQ(section_of(listed), "Parser");
+}
+
+TEST(LinkFamilies, SetsTheFirstChildOfEachIdAndLeavesRelatedPagesAlone) {
+  auto parent = make_plan({.page_id = "p", .title = "Parser", .children = {"c", "missing"}});
+  auto child = make_plan({.page_id = "c", .related_pages = {"p"}});
+  auto twin = make_plan({.page_id = "c"});
+  PlanList plans = link_families({parent, child, twin});
+  ASSERT_EQ(plans.size(), 3u);
+  EXPECT_EQ(plans[1].get(), child.get());
+  EXPECT_EQ(child->parent_section, "Parser");
+  EXPECT_EQ(twin->parent_section, "");
+  EXPECT_EQ(child->related_pages, (std::vector<std::string>{"p"}));
+}
+
+TEST(RowReaders, EmptyValuesTakeDefaultsAndWrongTypesNameKeyAndPage) {
+  const Json row = {{"page_id", "module-core"}, {"title", ""}, {"level", nullptr},
+                    {"source_files", 7}, {"importance", 0}};
+  EXPECT_EQ(row_text(row, "title", "fallback"), "fallback");
+  EXPECT_EQ(row_text(row, "level", "module"), "module");
+  EXPECT_EQ(row_text(row, "importance", "medium"), "medium");
+  try {
+    row_text_list(row, "source_files");
+    FAIL() << "a number is not a list of paths";
+  } catch (const TypeError& e) {
+    EXPECT_NE(std::string(e.what()).find("source_files"), std::string::npos);
+    EXPECT_NE(std::string(e.what()).find("module-core"), std::string::npos);
+  }
+  EXPECT_THROW(row_page_id(Json{{"title", "x"}}), KeyError);
+}
+
+TEST(PlanJson, RoundTripsEveryFieldInOrderAndDefaultsMissingOnes) {
+  auto plan = plan_from_json(Json{{"page_id", "m"}, {"source_files", {"a"}}, {"catch_all", true}});
+  EXPECT_EQ(plan->level, "module");
+  EXPECT_EQ(plan->importance, "medium");
+  EXPECT_EQ(plan_to_json(*plan).dump(),
+            R"({"page_id":"m","title":"","level":"module","importance":"medium","description":"","topic":"","source_files":["a"],"children":[],"related_pages":[],"parent_section":"","type":"","catch_all":true})");
+  EXPECT_THROW(plan_from_json(Json{{"source_files", 3}}), TypeError);
+}
+
+}  // namespace
+}  // namespace zenthar_kodrune::workers::wiki

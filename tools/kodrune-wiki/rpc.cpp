@@ -1,0 +1,155 @@
+// The rpc loop: parse, dispatch, answer. A bad line is answered with an error
+// and the loop goes on.
+#include "kodrune-wiki/rpc.hpp"
+
+#include <iostream>
+#include <string>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+
+namespace kodrune_cli {
+
+namespace wiki = zenthar_kodrune::workers::wiki;
+
+const OpTable& rpc_ops() {
+  static const OpTable table = [] {
+    OpTable ops;
+    register_reconcile_ops(ops);
+    register_audit_ops(ops);
+    register_store_ops(ops);
+    register_section_ops(ops);
+    return ops;
+  }();
+  return table;
+}
+
+namespace {
+
+Json error_response(const Json& id, std::string_view kind, std::string_view message) {
+  Json response = Json::object();
+  response["id"] = id;
+  response["error"] = Json::object();
+  response["error"]["kind"] = kind;
+  response["error"]["message"] = message;
+  return response;
+}
+
+// The protocol's kinds; anything the library raises outside them (a store
+// failure, a file-system error) is an "os_error".
+std::string_view protocol_kind(std::string_view kind) {
+  if (kind == "key_error" || kind == "type_error" || kind == "value_error" ||
+      kind == "invalid_request") {
+    return kind;
+  }
+  return "os_error";
+}
+
+std::string dump(const Json& value) {
+  return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace
+
+std::string rpc_respond(std::string_view line) {
+  Json request;
+  try {
+    request = Json::parse(line);
+  } catch (const Json::parse_error& e) {
+    return dump(error_response(nullptr, "invalid_request", std::string("malformed JSON: ") + e.what()));
+  }
+  if (!request.is_object()) {
+    return dump(error_response(nullptr, "invalid_request", "a request must be a JSON object"));
+  }
+  const Json id = request.contains("id") ? request["id"] : Json(nullptr);
+  const Json* op = wiki::find_value(request, "op");
+  if (op == nullptr || !op->is_string()) {
+    return dump(error_response(id, "invalid_request", "a request needs \"op\" as text"));
+  }
+  const auto& ops = rpc_ops();
+  auto found = ops.find(op->get_ref<const std::string&>());
+  if (found == ops.end()) {
+    return dump(error_response(id, "invalid_request", "unknown op: " + op->get<std::string>()));
+  }
+  const Json* args = wiki::find_value(request, "args");
+  if (args == nullptr || !args->is_object()) {
+    return dump(error_response(id, "invalid_request", "a request needs \"args\" as an object"));
+  }
+  try {
+    Json response = Json::object();
+    response["id"] = id;
+    response["result"] = found->second(*args);
+    return dump(response);
+  } catch (const InvalidRequest& e) {
+    return dump(error_response(id, "invalid_request", e.what()));
+  } catch (const wiki::Error& e) {
+    return dump(error_response(id, protocol_kind(e.kind()), e.what()));
+  } catch (const Json::type_error& e) {
+    return dump(error_response(id, "type_error", e.what()));
+  } catch (const Json::exception& e) {
+    return dump(error_response(id, "value_error", e.what()));
+  } catch (const std::exception& e) {
+    return dump(error_response(id, "os_error", e.what()));
+  }
+}
+
+int serve_rpc(std::istream& in, std::ostream& out) {
+  std::string line;
+  while (std::getline(in, line)) {
+    if (!line.empty() && line.back() == '\r') line.pop_back();
+    if (line.find_first_not_of(" \t") == std::string::npos) continue;
+    out << rpc_respond(line) << '\n';
+    out.flush();
+  }
+  return 0;
+}
+
+const Json& require_arg(const Json& args, std::string_view key) {
+  const Json* value = wiki::find_value(args, key);
+  if (value == nullptr) throw InvalidRequest("missing args: " + std::string(key));
+  return *value;
+}
+
+const Json* optional_arg(const Json& args, std::string_view key) {
+  const Json* value = wiki::find_value(args, key);
+  return value == nullptr || value->is_null() ? nullptr : value;
+}
+
+wiki::Existing existing_from_json(const Json& value) {
+  if (!value.is_object()) throw InvalidRequest("\"existing\" must be an object of page id to row");
+  wiki::Existing existing;
+  existing.reserve(value.size());
+  for (auto it = value.begin(); it != value.end(); ++it) {
+    if (!it.value().is_object()) {
+      throw InvalidRequest("the row of \"" + it.key() + "\" in \"existing\" must be an object");
+    }
+    existing.emplace(it.key(), it.value());
+  }
+  return existing;
+}
+
+wiki::PathSet paths_from_json(const Json& value, std::string_view what) {
+  if (!value.is_array()) throw InvalidRequest("\"" + std::string(what) + "\" must be a list of paths");
+  wiki::PathSet paths;
+  paths.reserve(value.size());
+  for (const auto& item : value) {
+    if (!item.is_string()) throw InvalidRequest("\"" + std::string(what) + "\" must hold text only");
+    paths.insert(item.get<std::string>());
+  }
+  return paths;
+}
+
+wiki::Amendments records_from_json(const Json& value, std::string_view what) {
+  if (!value.is_array()) throw InvalidRequest("\"" + std::string(what) + "\" must be a list of records");
+  wiki::Amendments records;
+  records.reserve(value.size());
+  for (const auto& item : value) records.push_back(item);
+  return records;
+}
+
+bool bool_arg(const Json& args, std::string_view key, bool fallback) {
+  const Json* value = wiki::find_value(args, key);
+  if (value == nullptr) return fallback;
+  return !wiki::is_empty(*value);
+}
+
+}  // namespace kodrune_cli
