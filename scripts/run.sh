@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Sets up, builds, and runs the main job: `kodrune-wiki plan` on a repository
+# (this one by default) with the SQLite store, twice. The first run plans the
+# wiki and persists it as the plan of record; the second pins every page to
+# it, so it reports no amendments.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repo=${1:-.}
+
+bash scripts/setup.sh
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF -DKODRUNE_BUILD_BENCH=OFF >/dev/null
+cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)" --target kodrune-wiki >/dev/null
+
+echo "== first run =="
+build/release/kodrune-wiki plan --repo "$repo"
+echo
+echo "== second run =="
+build/release/kodrune-wiki plan --repo "$repo"
