@@ -23,6 +23,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -37,10 +38,19 @@
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
+namespace spdlog {
+class logger;
+}  // namespace spdlog
+
 namespace zenthar_kodrune::workers::wiki {
 
 // The name of this module's logger (spdlog).
 inline constexpr std::string_view PLAN_RECORD_LOGGER = "zenthar_kodrune.workers.wiki.plan_record";
+
+// This module's logger: the one registered under PLAN_RECORD_LOGGER, created
+// (writing to standard error) and registered on first use when none is.
+// Callers may add sinks to it to capture what the module logs.
+std::shared_ptr<spdlog::logger> plan_record_logger();
 
 // ---- reconciliation ----
 
