@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <tsl/ordered_map.h>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -22,6 +23,9 @@ Json amend(std::string_view action, std::string_view page_id, std::string_view r
 struct ReplanRemap {
   tsl::ordered_map<std::string, std::string> map;
   tsl::ordered_map<std::string, std::vector<std::string>> merged;
+  // The (fresh id, old id) pairs held in `merged`, so `merge` tests for a
+  // repeat in constant time. Kept in step by `merge`.
+  std::unordered_map<std::string, std::unordered_set<std::string>> merged_index;
 
   // Appends `old_id` to merged[fresh_id] unless it is there already.
   void merge(const std::string& fresh_id, const std::string& old_id);

@@ -1,0 +1,22 @@
+// Page titles: once a page has been written, the title its author chose wins
+// over the planner's, so a rename made while writing survives later builds.
+// A row that was never written (no content hash) is a skeleton whose title is
+// the planner's own, and is left alone.
+#include "zenthar_kodrune/workers/wiki/page_title.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+PlanList keep_agent_titles(PlanList plans, const Existing& existing) {
+  for (const auto& plan : plans) {
+    auto found = existing.find(plan->page_id);
+    if (found == existing.end()) continue;
+    const Json& row = found->second;
+    const Json* content_hash = find_value(row, "content_hash");
+    if (content_hash == nullptr || is_empty(*content_hash)) continue;
+    std::string title = row_text(row, "title");
+    if (!title.empty()) plan->title = std::move(title);
+  }
+  return plans;
+}
+
+}  // namespace zenthar_kodrune::workers::wiki

@@ -1,0 +1,135 @@
+// Replan carry: amendment records, and where the prose of a page that goes
+// away is carried.
+//
+// Prose follows files: an old page's prose goes to the fresh page that now
+// holds most of its still-live files. Each distinct path counts once, on both
+// sides, so a list that names a file twice does not win a tie by it. Overlaps
+// are counted through an index from path to the plans holding it, so the cost
+// is the number of (path, plan) hits rather than old pages times fresh plans.
+#include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
+
+#include <cstddef>
+#include <optional>
+#include <unordered_map>
+
+namespace zenthar_kodrune::workers::wiki {
+
+Json amend(std::string_view action, std::string_view page_id, std::string_view reason,
+           std::optional<std::string_view> level) {
+  Json record = Json::object();
+  record["action"] = action;
+  record["page_id"] = page_id;
+  record["reason"] = reason;
+  if (level) record["level"] = *level;
+  return record;
+}
+
+void ReplanRemap::merge(const std::string& fresh_id, const std::string& old_id) {
+  if (!merged_index[fresh_id].insert(old_id).second) return;
+  merged[fresh_id].push_back(old_id);
+}
+
+Json ReplanRemap::to_json() const {
+  Json out = Json::object();
+  out["map"] = Json::object();
+  for (const auto& [fresh_id, old_id] : map) out["map"][fresh_id] = old_id;
+  out["merged"] = Json::object();
+  for (const auto& [fresh_id, old_ids] : merged) out["merged"][fresh_id] = old_ids;
+  return out;
+}
+
+namespace {
+
+// Which plans of a list hold a path, each plan listed once per distinct path.
+class OverlapIndex {
+ public:
+  explicit OverlapIndex(const PlanList& plans) : counts_(plans.size(), 0) {
+    for (std::size_t i = 0; i < plans.size(); ++i) {
+      for (const auto& path : plans[i]->source_files) {
+        auto& holders = by_path_[path];
+        if (holders.empty() || holders.back() != i) holders.push_back(i);
+      }
+    }
+  }
+
+  // The index of the plan holding most of `files` (distinct paths), the first
+  // on ties; nullopt when no plan holds any.
+  std::optional<std::size_t> most_shared(const std::vector<std::string>& files) {
+    for (const auto& path : files) {
+      auto found = by_path_.find(path);
+      if (found == by_path_.end()) continue;
+      for (std::size_t i : found->second) {
+        if (counts_[i]++ == 0) touched_.push_back(i);
+      }
+    }
+    std::optional<std::size_t> best;
+    for (std::size_t i : touched_) {
+      if (!best || counts_[i] > counts_[*best] || (counts_[i] == counts_[*best] && i < *best)) {
+        best = i;
+      }
+    }
+    for (std::size_t i : touched_) counts_[i] = 0;
+    touched_.clear();
+    return best;
+  }
+
+ private:
+  std::unordered_map<std::string_view, std::vector<std::size_t>> by_path_;
+  std::vector<std::size_t> counts_;
+  std::vector<std::size_t> touched_;
+};
+
+// The row's stored files that are still live, each distinct path once.
+std::vector<std::string> live_files(const Json& row, const PathSet& live_paths) {
+  std::vector<std::string> files;
+  std::unordered_set<std::string> seen;
+  for (auto& path : row_text_list(row, "source_files")) {
+    if (live_paths.count(path) != 0 && seen.insert(path).second) files.push_back(std::move(path));
+  }
+  return files;
+}
+
+}  // namespace
+
+Json carry_superseded(ReplanRemap& remap, const std::string& child_id, const Json& row,
+                      const PlanList& family_plans, const PathSet& live_paths,
+                      const std::string& reason) {
+  const std::vector<std::string> files = live_files(row, live_paths);
+  if (!family_plans.empty()) {
+    OverlapIndex index(family_plans);
+    // With no overlap at all the prose still goes to the family's first page:
+    // the family as a whole replaced the child.
+    const std::size_t target = index.most_shared(files).value_or(0);
+    remap.merge(family_plans[target]->page_id, child_id);
+  }
+  return amend("retire", child_id, reason);
+}
+
+void inherit_prose(ReplanRemap& remap, const RowRefs& pinned_existing,
+                   const PlanList& fresh_code_plans, const PathSet& live_paths,
+                   const std::unordered_set<std::string>& fresh_ids, Amendments& amendments) {
+  // Pages the fresh plan still has keep their own prose; this runs before any
+  // overlap is looked at so that such a page is never seeded from another.
+  for (const auto& [old_id, row] : pinned_existing) {
+    if (fresh_ids.count(old_id) != 0) remap.map.insert_or_assign(old_id, old_id);
+  }
+  OverlapIndex index(fresh_code_plans);
+  for (const auto& [old_id, row] : pinned_existing) {
+    if (fresh_ids.count(old_id) != 0) continue;
+    const auto best = index.most_shared(live_files(*row, live_paths));
+    if (!best) {
+      amendments.push_back(amend("retire", old_id, "no fresh page shares its files"));
+      continue;
+    }
+    const std::string& best_id = fresh_code_plans[*best]->page_id;
+    if (remap.map.find(best_id) == remap.map.end()) {
+      remap.map.emplace(best_id, old_id);
+      amendments.push_back(amend("remap", old_id, "prose seeds " + best_id));
+    } else {
+      remap.merge(best_id, old_id);
+      amendments.push_back(amend("remap", old_id, "prose merged into " + best_id));
+    }
+  }
+}
+
+}  // namespace zenthar_kodrune::workers::wiki
