@@ -1,0 +1,127 @@
+// The store side of the plan of record: skeleton rows for a first plan, the
+// choice of pages to write, and the stale mark on synthesis pages.
+//
+// A skeleton row and a marked synthesis page hold the stale marker as their
+// hashes. No current hash mapping holds its key, so such a page keeps being
+// selected until it is saved with real hashes; the row's `status` is never
+// what decides.
+#include <algorithm>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+#include "zenthar_kodrune/workers/wiki_types.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+const PagePlan& plan_at(const PlanList& plans, std::size_t index) {
+  if (!plans[index]) throw TypeError("plan " + std::to_string(index) + " of the list is null");
+  return *plans[index];
+}
+
+// Mapping equality: the same keys with equal values, whatever their order.
+bool same_mapping(const Json& current, const Json& stored) {
+  if (!stored.is_object() || current.size() != stored.size()) return false;
+  for (auto it = current.begin(); it != current.end(); ++it) {
+    auto found = stored.find(it.key());
+    if (found == stored.end() || *found != it.value()) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+Json stale_marker() {
+  Json marker = Json::object();
+  marker[std::string(_STALE_SENTINEL)] = "pending";
+  return marker;
+}
+
+int PlanRecordMixin::_persist_plan_skeleton(const PlanList& plans) {
+  int count = 0;
+  WikiStore& store = repository();
+  // One transaction for the whole plan: a failure part-way leaves no row of
+  // this call behind, so the skeleton is stored whole or not at all.
+  auto scope = store.db().transaction();
+  const Existing& existing = _existing();
+  for (std::size_t i = 0; i < plans.size(); ++i) {
+    const PagePlan& plan = plan_at(plans, i);
+    if (!is_pinned_level(plan.level)) continue;
+    // Custom pages come from the steering, not the structure: never pinned.
+    if (plan.page_id.starts_with("custom-")) continue;
+    if (plan.source_files.empty() && plan.children.empty()) continue;
+    // A stored page is never overwritten with a skeleton.
+    if (existing.contains(plan.page_id)) continue;
+
+    WikiPageColumns columns;
+    columns.description = plan.description;
+    columns.importance = plan.importance.empty() ? "medium" : plan.importance;
+    columns.level = plan.level;
+    columns.parent_section = section_of(plan);
+    columns.rel_path = "pages/" + plan.page_id + ".md";
+    columns.source_files = plan.stored_source_files();
+    columns.source_hashes = stale_marker();
+    // A family parent records its children here; `pin_plan` rebuilds the
+    // family from them.
+    columns.related_pages = plan.children.empty() ? plan.related_pages : plan.children;
+    columns.status = "stale";
+    columns.page_type = plan.type;
+    store.upsert_wiki_page(branch(), plan.page_id, plan.title, columns);
+    ++count;
+  }
+  return count;
+}
+
+std::set<std::string> PlanRecordMixin::_select_stale(const PlanList& plans,
+                                                     const Existing& existing, bool force) {
+  std::set<std::string> stale;
+  if (force || existing.empty()) {
+    for (std::size_t i = 0; i < plans.size(); ++i) stale.insert(plan_at(plans, i).page_id);
+    return stale;
+  }
+  for (std::size_t i = 0; i < plans.size(); ++i) {
+    const PagePlan& plan = plan_at(plans, i);
+    auto found = existing.find(plan.page_id);
+    if (found == existing.end()) {
+      stale.insert(plan.page_id);
+      continue;
+    }
+    const Json& row = found->second;
+    // A plan without files of its own (a synthesis parent) is hashed over the
+    // files of its row: for a parent stored with none, over no file at all,
+    // so only the steering or the stale marker can select it.
+    const std::vector<std::string> files =
+        plan.source_files.empty() ? row_text_list(row, "source_files") : plan.source_files;
+    const Json current = _hashes_with_steering(files);
+    // An absent "source_hashes" reads as the empty mapping; a present null
+    // (or any non-mapping) equals no mapping, so the page is stale.
+    const Json* stored = find_value(row, "source_hashes");
+    const bool fresh = stored == nullptr ? current.empty() : same_mapping(current, *stored);
+    if (!fresh) stale.insert(plan.page_id);
+  }
+  return stale;
+}
+
+void PlanRecordMixin::_mark_synthesis_stale(const std::vector<std::string>& page_ids) {
+  // std::string orders bytewise, which is code-point order for UTF-8.
+  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
+  if (ids.empty()) return;
+  std::string placeholders;
+  for (std::size_t i = 0; i < ids.size(); ++i) placeholders += i == 0 ? "?" : ",?";
+  std::vector<SqlValue> params;
+  params.reserve(ids.size() + 2);
+  params.emplace_back(std::string(STALE_MARKER_TEXT));
+  params.emplace_back(branch());
+  for (const auto& id : ids) params.emplace_back(id);
+  // No transaction of its own: the statement joins whatever the host has open.
+  repository().db().execute(
+      "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (" + placeholders +
+          ")",
+      params);
+}
+
+}  // namespace zenthar_kodrune::workers::wiki
