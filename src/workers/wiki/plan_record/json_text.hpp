@@ -1,0 +1,21 @@
+// The JSON text form this module writes to files and stores: one line, ", "
+// after every comma and ": " after every colon, no other spaces outside
+// strings, members in insertion order, non-ASCII characters as UTF-8 rather
+// than escapes. Readers of the plan log and of stored mappings compare this
+// text byte for byte, so every writer of it goes through here.
+#pragma once
+
+#include <string>
+
+#include "zenthar_kodrune/workers/wiki/types.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+// Appends the text of `value` to `out`. A string that is not valid UTF-8 is a
+// Json::type_error (316); `out` may then hold part of the text.
+void append_json_text(std::string& out, const Json& value);
+
+// The text of `value`; same failure as `append_json_text`.
+std::string json_text(const Json& value);
+
+}  // namespace zenthar_kodrune::workers::wiki
