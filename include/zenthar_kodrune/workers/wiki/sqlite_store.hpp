@@ -1,0 +1,116 @@
+// The wiki store in an SQLite file: the default "memory/orvane/wiki.db"
+// under the repository root.
+//
+// `SqliteDatabase` is the handle: one connection in WAL mode with a busy
+// timeout, so a second writer waits for the first instead of failing, and
+// readers never block the writer. A transaction opened inside another (or
+// inside one the host began itself) is a SAVEPOINT, so an inner scope can roll
+// back alone while the outer one goes on.
+//
+// `SqliteWikiStore` keeps the table `wiki_pages` and a cache of file content
+// hashes in one schema it creates and versions itself (`PRAGMA user_version`).
+// A file that is not an SQLite database, or one whose schema is newer than
+// this program knows, is a StoreError at open and the file is left exactly as
+// it was.
+//
+// Rows keep the order in which they were first inserted: an upsert that
+// replaces a row keeps its place (the order column is written on insert
+// only). Every failure is a StoreError naming what was wrong; a read never
+// changes the file.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "zenthar_kodrune/workers/wiki/store.hpp"
+
+struct sqlite3;
+
+namespace zenthar_kodrune::workers::wiki {
+
+class SqliteDatabase final : public Database {
+ public:
+  // Opens (creating it and its parent folders when missing) the database file;
+  // a file that is not a database is a StoreError. The connection waits up to
+  // `busy_timeout_ms` on a database another connection holds locked.
+  explicit SqliteDatabase(const std::filesystem::path& path, int busy_timeout_ms = 10000);
+  ~SqliteDatabase() override;
+  SqliteDatabase(const SqliteDatabase&) = delete;
+  SqliteDatabase& operator=(const SqliteDatabase&) = delete;
+
+  // One statement; its result rows, if any, are dropped. A parameter count
+  // that does not match the placeholders is a StoreError.
+  void execute(std::string_view sql, const std::vector<SqlValue>& params = {}) override;
+  // One statement's result rows: INTEGER as integer, NULL as null, anything
+  // else as text.
+  std::vector<std::vector<SqlValue>> query(std::string_view sql,
+                                           const std::vector<SqlValue>& params = {});
+
+  // Outermost scope: BEGIN IMMEDIATE, so the write lock is taken (or waited
+  // for) at once rather than on the first write. Inner scopes: SAVEPOINTs.
+  void begin_transaction() override;
+  // A failing COMMIT rolls the transaction back, then throws a StoreError.
+  void end_transaction(bool error) override;
+
+  // WAL journal; the store turns it on once it knows the file is its own.
+  void enable_wal();
+
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+  sqlite3* handle_ = nullptr;
+  // One entry per open scope: true for a savepoint, false for the transaction.
+  std::vector<bool> scopes_;
+};
+
+// What the content-hash cache remembers of one file: the hash is reused while
+// size, modification time and inode are unchanged.
+struct CachedFileHash {
+  std::uint64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  std::uint64_t inode = 0;
+  std::string hash;
+  bool operator==(const CachedFileHash&) const = default;
+};
+
+class SqliteWikiStore final : public WikiStore {
+ public:
+  // The schema version this program writes and reads.
+  static constexpr int SCHEMA_VERSION = 1;
+
+  // Opens the store at `path`, creating the schema on a new file.
+  explicit SqliteWikiStore(const std::filesystem::path& path, int busy_timeout_ms = 10000);
+
+  // repo_root / "memory/orvane/wiki.db".
+  static std::filesystem::path default_path(const std::filesystem::path& repo_root);
+
+  Database& db() override { return db_; }
+  SqliteDatabase& sqlite() { return db_; }
+
+  // JSON columns are written as compact JSON text; a value that cannot be
+  // encoded (invalid UTF-8) is a StoreError naming the page and the column.
+  void upsert_wiki_page(const std::string& branch, const std::string& page_id,
+                        const std::string& title, const WikiPageColumns& columns) override;
+  Existing load_pages(const std::string& branch) override;
+
+  // Deletes the branch's rows of those ids in one statement; nothing for none.
+  void delete_pages(const std::string& branch, const std::vector<std::string>& page_ids);
+
+  // The content-hash cache, keyed by repository-relative path.
+  std::unordered_map<std::string, CachedFileHash> load_file_hash_cache();
+  // Inserts or replaces the entries, all in one transaction.
+  void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries);
+
+ private:
+  void open_schema();
+
+  SqliteDatabase db_;
+};
+
+}  // namespace zenthar_kodrune::workers::wiki
