@@ -34,6 +34,9 @@ class RecordingHost final : public zenthar_kodrune::workers::wiki::PlanRecordMix
   // Reads the "host" argument; a member of the wrong shape is InvalidRequest.
   explicit RecordingHost(const Json& host);
   ~RecordingHost() override;
+  // The store refers back to its host: a host stays where it was made.
+  RecordingHost(const RecordingHost&) = delete;
+  RecordingHost& operator=(const RecordingHost&) = delete;
 
   const std::string& branch() const override { return branch_; }
   const std::filesystem::path& pages_dir() const override { return pages_dir_; }
