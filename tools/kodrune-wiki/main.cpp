@@ -1,22 +1,34 @@
 // kodrune-wiki: the plan of record from the command line.
 #include <CLI/CLI.hpp>
-
 #include <iostream>
 
+#include "kodrune-wiki/cmd_common.hpp"
 #include "kodrune-wiki/rpc.hpp"
 
 int main(int argc, char** argv) {
   CLI::App app{"kodrune-wiki: the plan of record of a branch's code wiki"};
+  app.name("kodrune-wiki");
   app.require_subcommand(1);
   auto* rpc = app.add_subcommand("rpc", "Serve the plan of record over JSON Lines on stdin/stdout");
+  const kodrune_cli::Command commands[] = {
+      kodrune_cli::add_plan_command(app), kodrune_cli::add_save_command(app),
+      kodrune_cli::add_changes_command(app), kodrune_cli::add_log_command(app)};
   try {
     app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e) == 0 ? 0 : 2;
+    std::cerr << "kodrune-wiki: error: " << e.what() << "\n";
+    return 2;
   }
   if (rpc->parsed()) {
     std::ios::sync_with_stdio(false);
     return kodrune_cli::serve_rpc(std::cin, std::cout);
+  }
+  for (const auto& command : commands) {
+    if (command.app->parsed()) return command.run();
   }
   return 0;
 }

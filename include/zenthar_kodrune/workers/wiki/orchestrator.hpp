@@ -1,0 +1,236 @@
+// The wiki orchestrator `WikiGenerator`: the host the plan of record is mixed
+// into. One build indexes the repository, plans, pins the plan to the stored
+// plan of record, logs the amendments, records the plan in the store and
+// selects the pages to write. Saving a page and asking what changed under a
+// written page go through it too.
+//
+// Where things live, for a repository root R and a branch B:
+//   R/memory/orvane/wiki.db          the store (SQLite by default)
+//   R/memory/orvane/steering.md      the steering text
+//   R/memory/orvane/B/               the branch's wiki folder: plan-log.jsonl
+//   R/memory/orvane/B/pages/ID.md    a written page (its row's `rel_path`)
+//
+// The branch name is checked by git's ref-name rules before it names a
+// folder, and every path taken from a row or a page id is checked to stay
+// inside the branch's wiki folder.
+//
+// File hashing reads each file at most once per build. Content hashes are
+// cached in the store keyed by path with size, modification time (ns) and
+// inode, so a build over an unchanged repository reads no file content. A
+// file modified within two seconds of the build's start is hashed but not
+// cached: a later write in the same clock tick could leave size and time
+// unchanged.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+#include "zenthar_kodrune/workers/wiki/planner.hpp"
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+#include "zenthar_kodrune/workers/wiki/store.hpp"
+#include "zenthar_kodrune/workers/wiki/types.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+// ---- names that become paths ----
+
+// Throws ValueError naming the branch and the rule it breaks: empty, "..",
+// a leading "/" or "-", a trailing "/" or ".", an empty component, a
+// component beginning with "." or ending in ".lock", "@{", the name "@",
+// control characters, space and any of ~^:?*[\ .
+void check_branch_name(std::string_view branch);
+
+// `base` / `relative`, or a ValueError naming `what` when `relative` is
+// absolute, empty, or would leave `base` (a ".." component).
+std::filesystem::path path_inside(const std::filesystem::path& base, std::string_view relative,
+                                  std::string_view what);
+
+// R/memory/orvane, and the branch's wiki folder R/memory/orvane/B.
+std::filesystem::path memory_dir(const std::filesystem::path& repo_root);
+std::filesystem::path wiki_dir_of(const std::filesystem::path& repo_root,
+                                  const std::string& branch);
+
+// The last `limit` entries of the plan log in `wiki_dir` (all when 0),
+// oldest first; none when there is no log. A line that is not JSON is a
+// ValueError naming the file and the line number.
+std::vector<Json> read_plan_log(const std::filesystem::path& wiki_dir, std::size_t limit);
+
+// ---- file hashing ----
+
+// What identifies a file's content without reading it.
+struct FileStamp {
+  std::uint64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  std::uint64_t inode = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+
+// Path -> what the store's hash cache remembers of it (sqlite_store.hpp).
+using FileHashCache = std::unordered_map<std::string, CachedFileHash>;
+
+// Reads a whole file; an OsError naming the path when it cannot.
+using FileReader = std::function<std::string(const std::filesystem::path&)>;
+std::string read_whole_file(const std::filesystem::path& path);
+
+// Content hashes of the files under one root, each file read at most once
+// per build. Not shared between threads; it starts threads of its own.
+class FileHasher {
+ public:
+  explicit FileHasher(std::filesystem::path root, FileReader reader = read_whole_file,
+                      bool progress = true);
+
+  // Forgets what the last build learned; the cache stays.
+  void begin_build();
+  // Entries known to hold the content hash of a file with that stamp.
+  void load_cache(FileHashCache cache);
+  // Hashes every path not yet known, on all cores when there are many.
+  void prefetch(const std::vector<std::string>& paths);
+  // Hashes of `paths` in the order asked; a path that is not a regular file
+  // is left out. A path that would leave the root is a ValueError.
+  Json hashes(const std::vector<std::string>& paths);
+  // Entries learned since the last call that are safe to cache.
+  FileHashCache take_new_entries();
+  // How many files were read since construction.
+  std::size_t files_read() const { return files_read_; }
+
+ private:
+  struct Known {
+    bool is_file = false;
+    std::string hash;
+  };
+  struct Task {
+    std::string path;
+    FileStamp stamp;
+    std::string hash;
+  };
+  std::optional<FileStamp> stat_file(const std::string& path) const;
+  void hash_tasks(std::vector<Task>& tasks);
+  void learn(const std::vector<std::string>& paths);
+
+  std::filesystem::path root_;
+  FileReader reader_;
+  bool progress_;
+  FileHashCache cache_;
+  FileHashCache new_entries_;
+  std::unordered_map<std::string, Known> known_;
+  std::int64_t build_started_ns_ = 0;
+  std::size_t files_read_ = 0;
+};
+
+// ---- the orchestrator ----
+
+struct WikiGeneratorOptions {
+  PlannerSettings planner{};
+  FileReader reader = read_whole_file;
+  // A progress line on standard error while hashing runs long, on a terminal.
+  bool progress = true;
+};
+
+// A plan derived and pinned, nothing written.
+struct Derivation {
+  PinResult pinned;
+  // True when the store held no row for the branch.
+  bool first_plan = false;
+};
+
+struct BuildResult {
+  PlanList plans;
+  Amendments amendments;
+  ReplanRemap remap;
+  std::optional<std::string> drift;
+  bool first_plan = false;
+  // Pages without a row before this build.
+  std::set<std::string> new_pages;
+  // The pages to write, and why each is stale.
+  std::set<std::string> stale;
+  std::map<std::string, std::string> why;
+};
+
+struct SaveResult {
+  Json row;
+  Json citations = Json::array();
+  // Prose citations that did not verify, each with "reason".
+  Json invalid_citations = Json::array();
+  std::filesystem::path body_path;
+};
+
+class WikiGenerator : public PlanRecordMixin {
+ public:
+  // Opens the default store (SQLite in R/memory/orvane/wiki.db) when
+  // `repository` is null. The branch is checked first (check_branch_name).
+  WikiGenerator(std::filesystem::path repo_root, std::string branch,
+                std::unique_ptr<WikiStore> repository = nullptr, WikiGeneratorOptions options = {});
+
+  const std::string& branch() const override { return branch_; }
+  const std::filesystem::path& pages_dir() const override { return pages_dir_; }
+  const Existing& _existing() const override { return existing_; }
+  WikiStore& repository() override { return *repository_; }
+  Json _source_hashes(const std::vector<std::string>& paths) override;
+  std::string _steering_text() override;
+  void _reload_existing() override;
+
+  const std::filesystem::path& repo_root() const { return repo_root_; }
+  const std::filesystem::path& wiki_dir() const { return wiki_dir_; }
+  // The index of the last derivation.
+  const RepositoryIndex& index() const { return index_; }
+  FileHasher& hasher() { return hasher_; }
+
+  // Indexes, plans and pins; writes nothing.
+  Derivation derive(bool replan);
+
+  // One build: derive, log the amendments, ask for drift (not on a first
+  // plan), record the plan in the store in one transaction, and, when
+  // `select` is set, select the stale pages with their reasons.
+  BuildResult build(bool replan, bool force, bool select = true);
+
+  // Why a planned page is to be written, or nullopt when it is fresh.
+  std::optional<std::string> stale_reason(const PagePlan& plan, bool force);
+
+  // Records a written page (after a build, so the plan is current). Without
+  // `citations`, the body's prose citations that verify are stored. An id
+  // outside the current plan is a KeyError.
+  SaveResult save_page(const std::string& page_id, const std::string& body,
+                       const std::optional<Json>& citations,
+                       const std::optional<std::string>& title);
+
+  // `_page_changes` of each written page among `page_ids` (every planned
+  // page when empty), in plan order; an id outside the plan is a KeyError.
+  Json page_changes(const std::vector<std::string>& page_ids);
+
+  // The last `limit` entries of the branch's plan log (all when 0), oldest first.
+  std::vector<Json> plan_log(std::size_t limit) const;
+
+ private:
+  // Retires, persists and updates rows so the store holds the pinned plan.
+  void record_plan(const PinResult& pinned, bool replan);
+  // Hashes every source file once, from the cache where it can.
+  void prefetch_hashes();
+  void save_hash_cache();
+
+  std::filesystem::path repo_root_;
+  std::string branch_;
+  std::filesystem::path wiki_dir_;
+  std::filesystem::path pages_dir_;
+  std::unique_ptr<WikiStore> repository_;
+  WikiGeneratorOptions options_;
+  Existing existing_;
+  RepositoryIndex index_;
+  FileHasher hasher_;
+  bool cache_loaded_ = false;
+  // The plans of the last build, which a save is checked against.
+  PlanList last_plans_;
+  std::optional<std::string> steering_memo_;
+};
+
+}  // namespace zenthar_kodrune::workers::wiki

@@ -1,0 +1,95 @@
+// The planner: a fresh structural plan of the wiki from the repository index.
+//
+// The index is the tracked files of a git work tree (`git ls-files -z`, run
+// without a shell), else every file below the root outside hidden folders.
+// Source files are those with a code extension; a code unit is a folder with
+// source files directly in it. The plan, in this order:
+//
+//  - "overview" (level "overview", title "Overview", importance "high");
+//  - one page per kept code unit, by folder path: id "module-" + slug of the
+//    folder ("module-root" for the root), title the folder path ("." for the
+//    root), importance "high" for the top fifth of kept units by file count
+//    (rounded up, so one unit of any size is "high"), "medium" for the rest;
+//  - a unit of more than `family_threshold` files is a family: the parent keeps
+//    the unit's id and holds no files, its parts "<id>-part-1", ... (level
+//    "part") take its sorted files in consecutive chunks of `chunk_size`, and
+//    follow the parent in the plan;
+//  - "module-additional" (title "Other code", importance "low", catch-all),
+//    holding the files of the units past the page budget, when there are any.
+//
+// The budget keeps the `page_budget` largest units by file count, ties by
+// path. Two folders whose slugs meet get distinct ids: the later path (in
+// code-point order) takes "-2", "-3", ...; no folder is ever given an id the
+// catch-all pattern matches, since that would make it a catch-all page.
+#pragma once
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "zenthar_kodrune/workers/wiki/types.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+struct PlannerSettings {
+  // At most this many code units get a page of their own.
+  std::size_t page_budget = 60;
+  // A unit of more files than this becomes a family.
+  std::size_t family_threshold = 16;
+  // The most files one part of a family holds.
+  std::size_t chunk_size = 12;
+  // Extensions (with the dot, lower case) that make a file a source file.
+  std::vector<std::string> code_extensions = {
+      ".c",   ".cc",   ".cpp",  ".cxx",   ".h",   ".hh",    ".hpp",   ".hxx", ".ipp",
+      ".inl", ".py",   ".pyi",  ".js",    ".jsx", ".mjs",   ".cjs",   ".ts",  ".tsx",
+      ".go",  ".rs",   ".java", ".kt",    ".kts", ".scala", ".swift", ".m",   ".mm",
+      ".rb",  ".php",  ".cs",   ".fs",    ".lua", ".pl",    ".pm",    ".sh",  ".bash",
+      ".zig", ".dart", ".ex",   ".exs",   ".erl", ".hs",    ".ml",    ".mli", ".clj",
+      ".r",   ".jl",   ".sql",  ".proto", ".vue", ".svelte"};
+};
+
+// What the repository holds now: every indexed file and the source files
+// among them, both repository-relative in normal form and sorted.
+struct RepositoryIndex {
+  std::vector<std::string> files;
+  std::vector<std::string> source_files;
+};
+
+// The output of a program run without a shell.
+struct ProcessResult {
+  int exit_code = -1;  // -1 when the program could not be started or was killed
+  std::string out;
+};
+
+// Runs `argv` (argv[0] looked up on PATH) with standard input and standard
+// error on /dev/null and returns its exit code and standard output.
+ProcessResult run_process(const std::vector<std::string>& argv);
+
+// The repository's files: `git ls-files -z` inside a git work tree, else a
+// walk of `root` that skips hidden folders. Only paths that are regular files
+// now are kept (a tracked file deleted from the work tree is gone).
+std::vector<std::string> list_repository_files(const std::filesystem::path& root);
+
+// The index with its source files picked out by `settings.code_extensions`.
+RepositoryIndex index_repository(const std::filesystem::path& root,
+                                 const PlannerSettings& settings = {});
+
+// The current branch of the git work tree at `root`; nullopt when there is
+// none (no git, not a work tree, detached HEAD).
+std::optional<std::string> current_git_branch(const std::filesystem::path& root);
+
+// Lower case; every run of characters other than a-z and 0-9 becomes "-";
+// no leading or trailing "-".
+std::string slug(std::string_view text);
+
+// The folder of a repository-relative path ("" for the root).
+std::string folder_of(std::string_view path);
+
+// The fresh plan for the given source files (any order; repeats ignored).
+PlanList plan_pages(const std::vector<std::string>& source_files,
+                    const PlannerSettings& settings = {});
+
+}  // namespace zenthar_kodrune::workers::wiki

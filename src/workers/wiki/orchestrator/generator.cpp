@@ -1,0 +1,399 @@
+// WikiGenerator: one build over the plan of record, and the host members the
+// mixins reach.
+#include <algorithm>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <unordered_set>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
+#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+#include "zenthar_kodrune/workers/wiki/steering.hpp"
+#include "zenthar_kodrune/workers/wiki/verify.hpp"
+#include "zenthar_kodrune/workers/wiki_types.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::unique_ptr<WikiStore> open_default_store(const fs::path& repo_root) {
+  return std::make_unique<SqliteWikiStore>(SqliteWikiStore::default_path(repo_root));
+}
+
+std::string rel_path_of(const std::string& page_id) { return "pages/" + page_id + ".md"; }
+
+// The columns a row takes from its plan; the rest (hashes, content hash,
+// build cache, status) are the caller's to fill.
+WikiPageColumns structural_columns(const PagePlan& plan) {
+  WikiPageColumns columns;
+  columns.description = plan.description;
+  columns.importance = plan.importance.empty() ? "medium" : plan.importance;
+  columns.level = plan.level;
+  columns.parent_section = section_of(plan);
+  columns.rel_path = rel_path_of(plan.page_id);
+  columns.source_files = plan.stored_source_files();
+  columns.related_pages = plan.children.empty() ? plan.related_pages : plan.children;
+  columns.page_type = plan.type;
+  return columns;
+}
+
+// A stored row's own columns kept as they are.
+void keep_row_state(const Json& row, WikiPageColumns& columns) {
+  const Json* hashes = find_value(row, "source_hashes");
+  columns.source_hashes = hashes == nullptr ? Json::object() : *hashes;
+  columns.status = row_text(row, "status");
+  const std::string content_hash = row_text(row, "content_hash");
+  if (!content_hash.empty()) columns.content_hash = content_hash;
+  const Json* cache = row_mapping(row, "build_cache");
+  columns.build_cache = cache == nullptr ? Json::object() : *cache;
+}
+
+bool same_structure(const Json& row, const std::string& title, const WikiPageColumns& columns) {
+  return row_text(row, "title") == title && row_text(row, "description") == columns.description &&
+         row_text(row, "importance") == columns.importance &&
+         row_text(row, "level") == columns.level &&
+         row_text(row, "parent_section") == columns.parent_section &&
+         row_text(row, "rel_path") == columns.rel_path &&
+         row_text_list(row, "source_files") == columns.source_files &&
+         row_text_list(row, "related_pages") == columns.related_pages &&
+         row_text(row, "page_type") == columns.page_type;
+}
+
+std::map<std::string, std::string> as_map(const Json* mapping) {
+  std::map<std::string, std::string> out;
+  if (mapping == nullptr) return out;
+  for (const auto& [key, value] : mapping->items()) {
+    out[key] = value.is_string() ? value.get<std::string>() : value.dump();
+  }
+  return out;
+}
+
+std::size_t line_count(const std::string& text) {
+  if (text.empty()) return 0;
+  const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  return text.back() == '\n' ? lines : lines + 1;
+}
+
+}  // namespace
+
+WikiGenerator::WikiGenerator(fs::path repo_root, std::string branch,
+                             std::unique_ptr<WikiStore> repository, WikiGeneratorOptions options)
+    : repo_root_(fs::absolute(repo_root).lexically_normal()),
+      branch_(std::move(branch)),
+      wiki_dir_(wiki_dir_of(repo_root_, branch_)),
+      pages_dir_(wiki_dir_ / "pages"),
+      repository_(std::move(repository)),
+      options_(std::move(options)),
+      hasher_(repo_root_, options_.reader, options_.progress) {
+  std::error_code ec;
+  if (!fs::is_directory(repo_root_, ec)) {
+    throw OsError("repository " + repo_root_.string() + " is not a folder");
+  }
+  if (!repository_) repository_ = open_default_store(repo_root_);
+}
+
+Json WikiGenerator::_source_hashes(const std::vector<std::string>& paths) {
+  return hasher_.hashes(paths);
+}
+
+std::string WikiGenerator::_steering_text() {
+  // Read once per build: every page's hashes carry it.
+  if (steering_memo_) return *steering_memo_;
+  const fs::path path = repo_root_ / std::string(STEERING_PATH);
+  std::error_code ec;
+  steering_memo_ = fs::is_regular_file(path, ec) ? read_whole_file(path) : std::string();
+  return *steering_memo_;
+}
+
+void WikiGenerator::_reload_existing() { existing_ = repository_->load_pages(branch_); }
+
+Derivation WikiGenerator::derive(bool replan) {
+  hasher_.begin_build();
+  steering_memo_.reset();
+  index_ = index_repository(repo_root_, options_.planner);
+  _reload_existing();
+  Derivation derivation;
+  derivation.first_plan = existing_.empty();
+  const PlanList fresh = plan_pages(index_.source_files, options_.planner);
+  const PathSet live(index_.source_files.begin(), index_.source_files.end());
+  derivation.pinned = pin_plan(fresh, existing_, live, replan);
+  return derivation;
+}
+
+void WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
+  std::unordered_set<std::string> planned;
+  for (const auto& plan : pinned.plans) planned.insert(plan->page_id);
+  std::vector<std::string> retired;
+  for (const auto& amendment : pinned.amendments) {
+    if (amendment.at("action") != "retire") continue;
+    const std::string id = amendment.value("page_id", "");
+    if (existing_.count(id) != 0 && planned.count(id) == 0 &&
+        std::find(retired.begin(), retired.end(), id) == retired.end()) {
+      retired.push_back(id);
+    }
+  }
+
+  auto transaction = repository_->db().transaction();
+  _retire_pages(retired);
+  if (replan) {
+    _apply_replan(pinned.plans);
+  } else {
+    _reload_existing();
+    _persist_plan_skeleton(pinned.plans);
+  }
+  _reload_existing();
+  std::unordered_set<std::string> written;
+  for (const auto& plan : pinned.plans) {
+    if (!written.insert(plan->page_id).second) continue;
+    WikiPageColumns columns = structural_columns(*plan);
+    const auto row = existing_.find(plan->page_id);
+    if (row == existing_.end()) {
+      // Recorded once, so a planned page of another level is not "added" again
+      // in every build.
+      columns.source_hashes = stale_marker();
+      columns.status = "stale";
+      repository_->upsert_wiki_page(branch_, plan->page_id, plan->title, columns);
+      continue;
+    }
+    if (same_structure(row->second, plan->title, columns)) continue;
+    keep_row_state(row->second, columns);
+    repository_->upsert_wiki_page(branch_, plan->page_id, plan->title, columns);
+  }
+}
+
+void WikiGenerator::prefetch_hashes() {
+  auto* sqlite = dynamic_cast<SqliteWikiStore*>(repository_.get());
+  if (!cache_loaded_ && sqlite != nullptr) hasher_.load_cache(sqlite->load_file_hash_cache());
+  cache_loaded_ = true;
+  hasher_.prefetch(index_.source_files);
+}
+
+void WikiGenerator::save_hash_cache() {
+  FileHashCache entries = hasher_.take_new_entries();
+  auto* sqlite = dynamic_cast<SqliteWikiStore*>(repository_.get());
+  if (sqlite == nullptr || entries.empty()) return;
+  std::vector<std::pair<std::string, CachedFileHash>> list(entries.begin(), entries.end());
+  std::sort(list.begin(), list.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  sqlite->save_file_hashes(list);
+}
+
+BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
+  Derivation derivation = derive(replan);
+  BuildResult result;
+  result.first_plan = derivation.first_plan;
+  for (const auto& plan : derivation.pinned.plans) {
+    if (existing_.count(plan->page_id) == 0) result.new_pages.insert(plan->page_id);
+  }
+  // The store first: a build that cannot record its plan leaves no log line
+  // behind, so running it again does not log its amendments twice.
+  record_plan(derivation.pinned, replan);
+  _reload_existing();
+  append_plan_log(wiki_dir_, derivation.pinned.amendments, replan);
+  if (!derivation.first_plan) {
+    result.drift = drift_signal(derivation.pinned.amendments,
+                                static_cast<std::int64_t>(derivation.pinned.plans.size()));
+  }
+  if (select) {
+    prefetch_hashes();
+    result.stale = _select_stale(derivation.pinned.plans, existing_, force);
+    for (const auto& plan : derivation.pinned.plans) {
+      if (result.stale.count(plan->page_id) == 0 || result.why.count(plan->page_id) != 0) continue;
+      result.why[plan->page_id] = stale_reason(*plan, force).value_or("forced");
+    }
+    save_hash_cache();
+  }
+  result.plans = std::move(derivation.pinned.plans);
+  result.amendments = std::move(derivation.pinned.amendments);
+  result.remap = std::move(derivation.pinned.remap);
+  last_plans_ = result.plans;
+  return result;
+}
+
+std::optional<std::string> WikiGenerator::stale_reason(const PagePlan& plan, bool force) {
+  const auto found = existing_.find(plan.page_id);
+  if (found == existing_.end()) return "never written";
+  const Json& row = found->second;
+  if (row_text(row, "content_hash").empty()) return "never written";
+  const Json* stored = find_value(row, "source_hashes");
+  if (stored != nullptr && stored->is_object() && stored->contains(std::string(_STALE_SENTINEL))) {
+    return "marked stale";
+  }
+  const std::vector<std::string> files =
+      plan.source_files.empty() ? row_text_list(row, "source_files") : plan.source_files;
+  const Json current = _hashes_with_steering(files);
+  if (stored != nullptr && !stored->is_null() && !stored->is_object()) return "hashes unreadable";
+  if (stored != nullptr && stored->is_null()) return "hashes missing";
+  const auto before = as_map(stored);
+  const auto now = as_map(&current);
+  if (before == now) {
+    if (force) return "forced";
+    return std::nullopt;
+  }
+  std::vector<std::string> changed;
+  bool steering = false;
+  std::set<std::string> keys;
+  for (const auto& [key, value] : before) keys.insert(key);
+  for (const auto& [key, value] : now) keys.insert(key);
+  for (const auto& key : keys) {
+    const auto a = before.find(key);
+    const auto b = now.find(key);
+    if (a != before.end() && b != now.end() && a->second == b->second) continue;
+    if (key == STEERING_SENTINEL) {
+      steering = true;
+    } else {
+      changed.push_back(key);
+    }
+  }
+  std::string reason;
+  if (!changed.empty()) {
+    reason = "files changed: ";
+    for (std::size_t i = 0; i < changed.size(); ++i) reason += (i == 0 ? "" : ", ") + changed[i];
+  }
+  if (steering) reason += std::string(reason.empty() ? "" : "; ") + "the steering changed";
+  return reason;
+}
+
+SaveResult WikiGenerator::save_page(const std::string& page_id, const std::string& body,
+                                    const std::optional<Json>& citations,
+                                    const std::optional<std::string>& title) {
+  if (last_plans_.empty()) build(false, false, false);
+  const auto plan_it = std::find_if(last_plans_.begin(), last_plans_.end(),
+                                    [&](const PlanPtr& plan) { return plan->page_id == page_id; });
+  if (plan_it == last_plans_.end()) {
+    throw KeyError("page id \"" + page_id + "\" is not in the current plan of branch " + branch_);
+  }
+  const PagePlan& plan = **plan_it;
+  const auto row = existing_.find(page_id);
+  const std::string rel_path = row == existing_.end()
+                                   ? rel_path_of(page_id)
+                                   : row_text(row->second, "rel_path", rel_path_of(page_id));
+  SaveResult result;
+  result.body_path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
+
+  if (citations) {
+    if (!citations->is_array()) throw TypeError("citations must be a list of citation records");
+    for (const auto& citation : *citations) {
+      if (!citation.is_object())
+        throw TypeError("citation " + citation.dump() + " is not a mapping");
+      citation_key(citation);
+    }
+    result.citations = *citations;
+  } else {
+    const std::unordered_set<std::string> indexed(index_.files.begin(), index_.files.end());
+    std::map<std::string, std::size_t> lines;
+    for (const auto& citation : prose_citations(body)) {
+      const std::string path = citation.at("path").get<std::string>();
+      const auto start = citation.at("line_start").get<std::int64_t>();
+      const auto end = citation.at("line_end").get<std::int64_t>();
+      std::string reason;
+      if (indexed.count(path) == 0) {
+        reason = "not a file of the repository";
+      } else {
+        if (lines.count(path) == 0) lines[path] = line_count(read_whole_file(repo_root_ / path));
+        if (start < 1 || end < start || static_cast<std::size_t>(end) > lines[path]) {
+          reason = "lines " + std::to_string(start) + "-" + std::to_string(end) +
+                   " are not inside " + path + " (" + std::to_string(lines[path]) + " lines)";
+        }
+      }
+      if (reason.empty()) {
+        result.citations.push_back(citation);
+      } else {
+        Json invalid = citation;
+        invalid["reason"] = reason;
+        result.invalid_citations.push_back(std::move(invalid));
+      }
+    }
+  }
+
+  WikiPageColumns columns = structural_columns(plan);
+  columns.rel_path = rel_path;
+  const std::vector<std::string> files = plan.source_files.empty() && row != existing_.end()
+                                             ? row_text_list(row->second, "source_files")
+                                             : plan.source_files;
+  columns.source_hashes = _hashes_with_steering(files);
+  columns.content_hash = _text_hash(body);
+  columns.build_cache = _section_cache(body, result.citations);
+  columns.build_cache["citations"] = result.citations;
+  columns.status = "fresh";
+  const std::string page_title = title && !title->empty() ? *title : plan.title;
+
+  // The body goes in beside its final name first and is renamed only once the
+  // row is committed, so a failed save leaves neither half behind.
+  fs::create_directories(result.body_path.parent_path());
+  const fs::path temporary = result.body_path.string() + ".saving";
+  {
+    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
+    out << body;
+    out.close();
+    if (!out) throw OsError("cannot write " + temporary.string());
+  }
+  try {
+    repository_->upsert_wiki_page(branch_, page_id, page_title, columns);
+  } catch (...) {
+    std::error_code ignored;
+    fs::remove(temporary, ignored);
+    throw;
+  }
+  fs::rename(temporary, result.body_path);
+  _reload_existing();
+  result.row = existing_.at(page_id);
+  return result;
+}
+
+Json WikiGenerator::page_changes(const std::vector<std::string>& page_ids) {
+  const Derivation derivation = derive(false);
+  const PlanList& plans = derivation.pinned.plans;
+  std::map<std::string, PlanPtr> by_id;
+  for (const auto& plan : plans) by_id.emplace(plan->page_id, plan);
+  Json out = Json::object();
+  if (page_ids.empty()) {
+    for (const auto& plan : plans) {
+      const auto row = existing_.find(plan->page_id);
+      if (row == existing_.end() || row_text(row->second, "content_hash").empty()) continue;
+      if (out.contains(plan->page_id)) continue;
+      out[plan->page_id] = _page_changes(*plan, &row->second);
+    }
+    return out;
+  }
+  for (const auto& id : page_ids) {
+    const auto plan = by_id.find(id);
+    if (plan == by_id.end()) {
+      throw KeyError("page id \"" + id + "\" is not in the current plan of branch " + branch_);
+    }
+    const auto row = existing_.find(id);
+    out[id] = _page_changes(*plan->second, row == existing_.end() ? nullptr : &row->second);
+  }
+  return out;
+}
+
+std::vector<Json> WikiGenerator::plan_log(std::size_t limit) const {
+  return read_plan_log(wiki_dir_, limit);
+}
+
+std::vector<Json> read_plan_log(const fs::path& wiki_dir, std::size_t limit) {
+  const fs::path path = wiki_dir / std::string(_PLAN_LOG_NAME);
+  std::error_code ec;
+  if (!fs::exists(path, ec)) return {};
+  std::istringstream in(read_whole_file(path));
+  std::vector<Json> entries;
+  std::string line;
+  for (std::size_t number = 1; std::getline(in, line); ++number) {
+    if (line.empty()) continue;
+    try {
+      entries.push_back(Json::parse(line));
+    } catch (const Json::parse_error& e) {
+      throw ValueError(path.string() + " line " + std::to_string(number) +
+                       " is not JSON: " + e.what());
+    }
+  }
+  if (limit != 0 && entries.size() > limit) {
+    entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(limit));
+  }
+  return entries;
+}
+
+}  // namespace zenthar_kodrune::workers::wiki

@@ -1,0 +1,170 @@
+// The planner proper: code units, the page budget, families and the
+// catch-all page. Pure: the same source files always give the same plan.
+#include <algorithm>
+#include <map>
+#include <set>
+#include <unordered_set>
+
+#include "zenthar_kodrune/workers/wiki/page_sources.hpp"
+#include "zenthar_kodrune/workers/wiki/planner.hpp"
+#include "zenthar_kodrune/workers/wiki_types.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+constexpr std::string_view kCatchAllId = "module-additional";
+
+// The catch-all id pattern: "module-additional", optionally "-" and digits.
+bool looks_like_catch_all(std::string_view id) {
+  if (id.substr(0, kCatchAllId.size()) != kCatchAllId) return false;
+  std::string_view rest = id.substr(kCatchAllId.size());
+  if (rest.empty()) return true;
+  if (rest.size() < 2 || rest.front() != '-') return false;
+  return std::all_of(rest.begin() + 1, rest.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+struct Unit {
+  std::string folder;
+  std::vector<std::string> files;  // sorted
+};
+
+std::string unit_title(const std::string& folder) { return folder.empty() ? "." : folder; }
+
+// Ids for the kept units, in path order; a slug met before takes the first
+// free numeric suffix, and nothing the catch-all pattern matches is handed out.
+std::map<std::string, std::string> unit_ids(const std::vector<const Unit*>& by_path) {
+  std::map<std::string, std::string> ids;
+  std::unordered_set<std::string> used{std::string(kCatchAllId)};
+  for (const Unit* unit : by_path) {
+    const std::string base_slug = unit->folder.empty() ? "root" : slug(unit->folder);
+    std::string base = "module-" + (base_slug.empty() ? "root" : base_slug);
+    if (looks_like_catch_all(base)) base += "-unit";
+    std::string id = base;
+    for (int n = 2; used.count(id) != 0 || looks_like_catch_all(id); ++n) {
+      id = base + "-" + std::to_string(n);
+    }
+    used.insert(id);
+    ids[unit->folder] = id;
+  }
+  return ids;
+}
+
+}  // namespace
+
+std::string slug(std::string_view text) {
+  std::string out;
+  bool pending_dash = false;
+  for (char raw : text) {
+    char c = raw;
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    if ((c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) {
+      if (pending_dash && !out.empty()) out += '-';
+      pending_dash = false;
+      out += c;
+    } else {
+      pending_dash = true;
+    }
+  }
+  return out;
+}
+
+std::string folder_of(std::string_view path) {
+  const auto slash = path.rfind('/');
+  return slash == std::string_view::npos ? std::string() : std::string(path.substr(0, slash));
+}
+
+PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerSettings& settings) {
+  std::map<std::string, Unit> units;
+  for (const auto& path : std::set<std::string>(source_files.begin(), source_files.end())) {
+    Unit& unit = units[folder_of(path)];
+    unit.folder = folder_of(path);
+    unit.files.push_back(path);
+  }
+
+  std::vector<const Unit*> by_size;
+  for (const auto& [folder, unit] : units) by_size.push_back(&unit);
+  // Largest first; the map's path order breaks ties because the sort is stable.
+  std::stable_sort(by_size.begin(), by_size.end(),
+                   [](const Unit* a, const Unit* b) { return a->files.size() > b->files.size(); });
+  const std::size_t kept_count = std::min(by_size.size(), settings.page_budget);
+  std::vector<const Unit*> kept(by_size.begin(), by_size.begin() + kept_count);
+  std::vector<std::string> leftover;
+  for (std::size_t i = kept_count; i < by_size.size(); ++i) {
+    leftover.insert(leftover.end(), by_size[i]->files.begin(), by_size[i]->files.end());
+  }
+  std::sort(leftover.begin(), leftover.end());
+
+  // The top fifth, rounded up, of the kept units by file count.
+  const std::size_t high_count = (kept.size() + 4) / 5;
+  std::unordered_set<const Unit*> high(kept.begin(), kept.begin() + high_count);
+
+  std::vector<const Unit*> by_path = kept;
+  std::sort(by_path.begin(), by_path.end(),
+            [](const Unit* a, const Unit* b) { return a->folder < b->folder; });
+  const auto ids = unit_ids(by_path);
+
+  PlanList plans;
+  plans.push_back(make_plan({.page_id = "overview",
+                             .title = "Overview",
+                             .level = "overview",
+                             .importance = "high",
+                             .description = "What the repository is for and how its parts fit.",
+                             .topic = unit_topic("Overview", {})}));
+
+  const std::size_t chunk = std::max<std::size_t>(settings.chunk_size, 1);
+  for (const Unit* unit : by_path) {
+    const std::string& id = ids.at(unit->folder);
+    const std::string title = unit_title(unit->folder);
+    const std::string importance = high.count(unit) != 0 ? "high" : "medium";
+    if (unit->files.size() <= settings.family_threshold) {
+      plans.push_back(make_plan({.page_id = id,
+                                 .title = title,
+                                 .importance = importance,
+                                 .description = "The code in " + title + ".",
+                                 .topic = unit_topic(title, unit->files),
+                                 .source_files = unit->files}));
+      continue;
+    }
+    PlanList parts;
+    std::vector<std::string> children;
+    for (std::size_t start = 0, n = 1; start < unit->files.size(); start += chunk, ++n) {
+      const std::size_t end = std::min(unit->files.size(), start + chunk);
+      std::vector<std::string> files(unit->files.begin() + start, unit->files.begin() + end);
+      const std::string part_id = id + "-part-" + std::to_string(n);
+      const std::string part_title = title + " (part " + std::to_string(n) + ")";
+      children.push_back(part_id);
+      parts.push_back(
+          make_plan({.page_id = part_id,
+                     .title = part_title,
+                     .level = "part",
+                     .importance = importance,
+                     .description = "Part " + std::to_string(n) + " of the code in " + title + ".",
+                     .topic = unit_topic(part_title, files),
+                     .source_files = std::move(files),
+                     .parent_section = title}));
+    }
+    plans.push_back(make_plan(
+        {.page_id = id,
+         .title = title,
+         .importance = importance,
+         .description = "The code in " + title + ", in " + std::to_string(parts.size()) + " parts.",
+         .topic = unit_topic(title, unit->files),
+         .children = std::move(children)}));
+    plans.insert(plans.end(), parts.begin(), parts.end());
+  }
+
+  if (!leftover.empty()) {
+    plans.push_back(make_plan({.page_id = std::string(kCatchAllId),
+                               .title = "Other code",
+                               .importance = "low",
+                               .description = "Code in folders too small for a page of their own.",
+                               .topic = unit_topic("Other code", leftover),
+                               .source_files = std::move(leftover),
+                               .type = std::string(OTHER_CODE_TYPE),
+                               .catch_all = true}));
+  }
+  return plans;
+}
+
+}  // namespace zenthar_kodrune::workers::wiki

@@ -1,0 +1,77 @@
+// `kodrune-wiki changes [PAGE_ID...]`: what changed under written pages since
+// they were saved. Derives the current plan without writing anything.
+#include <iostream>
+
+#include "kodrune-wiki/cmd_common.hpp"
+
+namespace kodrune_cli {
+
+namespace wiki = zenthar_kodrune::workers::wiki;
+using wiki::Json;
+
+namespace {
+
+struct ChangesOptions {
+  CommonOptions common;
+  std::vector<std::string> page_ids;
+};
+
+void print_list(std::ostream& out, const char* label, const Json& items) {
+  if (items.empty()) return;
+  out << "  " << label << ":";
+  for (const auto& item : items) out << " " << item.get<std::string>();
+  out << "\n";
+}
+
+}  // namespace
+
+Command add_changes_command(CLI::App& app) {
+  auto options = std::make_shared<ChangesOptions>();
+  CLI::App* command = app.add_subcommand(
+      "changes", "For each written page: files added, removed, modified, and stale sections");
+  command->add_option("PAGE_ID", options->page_ids,
+                      "Pages to look at (default: every written page)");
+  add_common_options(*command, options->common);
+  return Command{command, [options] {
+                   return run_guarded(
+                       [&] {
+                         auto generator = open_generator(options->common);
+                         const Json changes = generator->page_changes(options->page_ids);
+                         if (options->common.json) {
+                           std::cout << changes.dump(-1, ' ', false, Json::error_handler_t::replace)
+                                     << "\n";
+                           return 0;
+                         }
+                         if (changes.empty()) std::cout << "no written pages\n";
+                         for (const auto& [id, change] : changes.items()) {
+                           if (change.empty()) {
+                             std::cout << id << ": never written\n";
+                             continue;
+                           }
+                           const Json& files = change.at("changed_files");
+                           const Json& sections = change.at("stale_sections");
+                           if (files.at("added").empty() && files.at("removed").empty() &&
+                               files.at("modified").empty() && sections.empty()) {
+                             std::cout << id << ": unchanged\n";
+                             continue;
+                           }
+                           std::cout << id << ":\n";
+                           print_list(std::cout, "added", files.at("added"));
+                           print_list(std::cout, "removed", files.at("removed"));
+                           print_list(std::cout, "modified", files.at("modified"));
+                           if (!sections.empty()) {
+                             std::cout << "  stale sections:";
+                             for (const auto& heading : sections) {
+                               const std::string text = heading.get<std::string>();
+                               std::cout << " \"" << (text.empty() ? "(lead)" : text) << "\"";
+                             }
+                             std::cout << "\n";
+                           }
+                         }
+                         return 0;
+                       },
+                       std::cerr);
+                 }};
+}
+
+}  // namespace kodrune_cli

@@ -1,0 +1,53 @@
+// Options, orchestrator opening and error reporting shared by the subcommands.
+#include "kodrune-wiki/cmd_common.hpp"
+
+#include <iostream>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/planner.hpp"
+
+namespace kodrune_cli {
+
+namespace wiki = zenthar_kodrune::workers::wiki;
+namespace fs = std::filesystem;
+
+void add_common_options(CLI::App& command, CommonOptions& options) {
+  command.add_option("--branch", options.branch,
+                     "Branch whose wiki to use (default: the current git branch, else main)");
+  command.add_option("--repo", options.repo, "Repository root (default: .)");
+  command.add_flag("--json", options.json, "Print one JSON value instead of text");
+}
+
+std::string resolve_branch(const CommonOptions& options) {
+  std::string branch = options.branch;
+  if (branch.empty()) branch = wiki::current_git_branch(options.repo).value_or("main");
+  try {
+    wiki::check_branch_name(branch);
+  } catch (const wiki::ValueError& e) {
+    throw UsageError(e.what());
+  }
+  return branch;
+}
+
+std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options) {
+  std::error_code ec;
+  if (!fs::is_directory(options.repo, ec)) {
+    throw UsageError("--repo " + options.repo + " is not a folder");
+  }
+  const std::string branch = resolve_branch(options);
+  return std::make_unique<wiki::WikiGenerator>(options.repo, branch);
+}
+
+int run_guarded(const std::function<int()>& body, std::ostream& err) {
+  try {
+    return body();
+  } catch (const UsageError& e) {
+    err << "kodrune-wiki: error: " << e.what() << "\n";
+    return 2;
+  } catch (const std::exception& e) {
+    err << "kodrune-wiki: error: " << e.what() << "\n";
+    return 1;
+  }
+}
+
+}  // namespace kodrune_cli

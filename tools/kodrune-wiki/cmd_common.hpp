@@ -1,0 +1,52 @@
+// What every subcommand of kodrune-wiki shares: the --branch, --repo and
+// --json options, opening the orchestrator, and turning failures into one
+// line on standard error and an exit code (0 success, 2 usage, 1 other).
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <iosfwd>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
+
+namespace kodrune_cli {
+
+// A bad option value found after parsing (exit code 2).
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct CommonOptions {
+  std::string branch;  // empty: the current git branch, else "main"
+  std::string repo = ".";
+  bool json = false;
+};
+
+void add_common_options(CLI::App& command, CommonOptions& options);
+
+// The branch to use: the option checked by git's ref-name rules, else the
+// current git branch, else "main". A bad name is a UsageError.
+std::string resolve_branch(const CommonOptions& options);
+
+// The orchestrator for the options (repository folder checked first).
+std::unique_ptr<zenthar_kodrune::workers::wiki::WikiGenerator> open_generator(
+    const CommonOptions& options);
+
+// Runs `body`, printing "kodrune-wiki: error: ..." for a failure.
+int run_guarded(const std::function<int()>& body, std::ostream& err);
+
+// A subcommand as main() sees it: parsed or not, and what running it does.
+struct Command {
+  CLI::App* app = nullptr;
+  std::function<int()> run;
+};
+
+Command add_plan_command(CLI::App& app);
+Command add_save_command(CLI::App& app);
+Command add_changes_command(CLI::App& app);
+Command add_log_command(CLI::App& app);
+
+}  // namespace kodrune_cli

@@ -1,0 +1,58 @@
+// `kodrune-wiki log`: the branch's plan audit log, newest last.
+#include <iostream>
+
+#include "kodrune-wiki/cmd_common.hpp"
+
+namespace kodrune_cli {
+
+namespace wiki = zenthar_kodrune::workers::wiki;
+using wiki::Json;
+
+namespace {
+
+struct LogOptions {
+  CommonOptions common;
+  std::size_t limit = 0;
+};
+
+}  // namespace
+
+Command add_log_command(CLI::App& app) {
+  auto options = std::make_shared<LogOptions>();
+  CLI::App* command = app.add_subcommand("log", "Show the branch's plan audit log, newest last");
+  command->add_option("--limit", options->limit, "Show only the last N entries (default: all)")
+      ->check(CLI::NonNegativeNumber);
+  add_common_options(*command, options->common);
+  return Command{
+      command, [options] {
+        return run_guarded(
+            [&] {
+              // The log alone is read: no store is opened or created.
+              const std::string branch = resolve_branch(options->common);
+              const auto entries = wiki::read_plan_log(
+                  wiki::wiki_dir_of(std::filesystem::absolute(options->common.repo), branch),
+                  options->limit);
+              if (options->common.json) {
+                std::cout << Json(entries).dump(-1, ' ', false, Json::error_handler_t::replace)
+                          << "\n";
+                return 0;
+              }
+              if (entries.empty()) std::cout << "no amendments logged for " << branch << "\n";
+              for (const auto& entry : entries) {
+                const Json amendments = entry.value("amendments", Json::array());
+                std::cout << entry.value("at", "?")
+                          << (entry.value("replan", false) ? " replan" : "") << ": "
+                          << amendments.size() << " amendments\n";
+                for (const auto& amendment : amendments) {
+                  std::cout << "  " << amendment.value("action", "?") << " "
+                            << amendment.value("page_id", "?") << ": "
+                            << amendment.value("reason", "") << "\n";
+                }
+              }
+              return 0;
+            },
+            std::cerr);
+      }};
+}
+
+}  // namespace kodrune_cli
