@@ -109,7 +109,11 @@ void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildR
   if (!result.remap.map.empty() || !result.remap.merged.empty()) {
     out << "\nRemap:\n";
     for (const auto& [fresh, old] : result.remap.map) {
-      out << "  " << old << " -> " << fresh << " (prose seeds it)\n";
+      if (fresh == old) {
+        out << "  " << old << " keeps its own prose\n";
+      } else {
+        out << "  " << old << " -> " << fresh << " (prose seeds it)\n";
+      }
     }
     for (const auto& [fresh, olds] : result.remap.merged) {
       for (const auto& old : olds)

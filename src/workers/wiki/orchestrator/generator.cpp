@@ -250,8 +250,14 @@ std::optional<std::string> WikiGenerator::stale_reason(const PagePlan& plan, boo
   }
   std::string reason;
   if (!changed.empty()) {
+    // A few names say enough; the rest is a count, so one line stays readable.
+    constexpr std::size_t kNamed = 3;
     reason = "files changed: ";
-    for (std::size_t i = 0; i < changed.size(); ++i) reason += (i == 0 ? "" : ", ") + changed[i];
+    for (std::size_t i = 0; i < changed.size() && i < kNamed; ++i) {
+      reason += (i == 0 ? "" : ", ") + changed[i];
+    }
+    if (changed.size() > kNamed)
+      reason += " and " + std::to_string(changed.size() - kNamed) + " more";
   }
   if (steering) reason += std::string(reason.empty() ? "" : "; ") + "the steering changed";
   return reason;
