@@ -1,0 +1,214 @@
+// Plan pinning: stored identities, families, new files and the catch-all page.
+#include <gtest/gtest.h>
+
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+namespace {
+
+Existing store(std::initializer_list<std::pair<std::string, Json>> rows) {
+  Existing existing;
+  for (const auto& [id, row] : rows) {
+    Json full = row;
+    full["page_id"] = id;
+    existing.emplace(id, full);
+  }
+  return existing;
+}
+
+Json files(std::initializer_list<const char*> paths) {
+  Json list = Json::array();
+  for (const char* path : paths) list.push_back(path);
+  return Json{{"source_files", list}};
+}
+
+std::vector<std::string> ids(const PlanList& plans) {
+  std::vector<std::string> out;
+  for (const auto& plan : plans) out.push_back(plan->page_id);
+  return out;
+}
+
+const PagePlan& find(const PlanList& plans, std::string_view id) {
+  for (const auto& plan : plans) {
+    if (plan->page_id == id) return *plan;
+  }
+  throw std::runtime_error("no plan " + std::string(id));
+}
+
+std::string records(const Amendments& amendments) { return Json(amendments).dump(); }
+
+using Files = std::vector<std::string>;
+
+TEST(PinPlan, AdmittedAndExtendedPlansChangeWhereTheCallerHoldsThem) {
+  auto early = make_plan({.page_id = "module-src", .source_files = {"src/c.py", "src/b.py"}});
+  auto net =
+      make_plan({.page_id = "module-net", .source_files = {"net/y.py", "src/b.py", "net/x.py"}});
+  auto late = make_plan({.page_id = "module-src", .source_files = {"src/a.py"}});
+  const PinResult result =
+      pin_plan({early, net, late}, store({{"module-src", files({"src/a.py"})}}),
+               {"src/a.py", "src/b.py", "src/c.py", "net/x.py", "net/y.py"});
+  // The later plan of the kept id is the page; the earlier one's new files extend it.
+  EXPECT_EQ(ids(result.plans), (Files{"module-src", "module-net"}));
+  EXPECT_EQ(result.plans[0].get(), late.get());
+  EXPECT_EQ(late->source_files, (Files{"src/a.py", "src/b.py", "src/c.py"}));
+  EXPECT_EQ(result.plans[1].get(), net.get());
+  EXPECT_EQ(net->source_files, (Files{"net/x.py", "net/y.py"}));
+  EXPECT_EQ(
+      records(result.amendments),
+      R"j([{"action":"extend","page_id":"module-src","reason":"2 new source file(s) absorbed"},)j"
+      R"j({"action":"add","page_id":"module-net","reason":"new subsystem (2 files)"}])j");
+}
+
+TEST(PinPlan, AStoredPageThePlannerDropsKeepsItsStoredAttributes) {
+  Json row = files({"p/b.py", "p/a.py", "p/gone.py"});
+  row.update(Json{{"title", "Parser"},
+                  {"level", "part"},
+                  {"importance", "high"},
+                  {"description", "Parses."},
+                  {"page_type", "code"}});
+  const PinResult result = pin_plan({}, store({{"module-p", row}}), {"p/a.py", "p/b.py"});
+  ASSERT_EQ(result.plans.size(), 1u);
+  EXPECT_EQ(
+      plan_to_json(*result.plans[0]).dump(),
+      R"j({"page_id":"module-p","title":"Parser","level":"part","importance":"high",)j"
+      R"j("description":"Parses.","topic":"Parser a.py b.py","source_files":["p/a.py","p/b.py"],)j"
+      R"j("children":[],"related_pages":[],"parent_section":"","type":"code","catch_all":false})j");
+  EXPECT_EQ(records(result.amendments), "[]");
+}
+
+TEST(PinPlan, APageWithoutLiveFilesRetiresUnlessThePlannerStillHasIt) {
+  const Existing existing =
+      store({{"module-a", files({"gone.py"})}, {"module-b", files({"x.py"})}});
+  const PinResult dropped = pin_plan({}, existing, {"x.py"});
+  EXPECT_EQ(ids(dropped.plans), (Files{"module-b"}));
+  EXPECT_EQ(records(dropped.amendments),
+            R"j([{"action":"retire","page_id":"module-a","reason":"all source files gone"}])j");
+
+  auto fresh_a = make_plan({.page_id = "module-a", .title = "A"});
+  const PinResult kept = pin_plan({fresh_a}, existing, {"x.py"});
+  EXPECT_EQ(ids(kept.plans), (Files{"module-a", "module-b"}));
+  EXPECT_EQ(kept.plans[0].get(), fresh_a.get());
+  EXPECT_EQ(records(kept.amendments), "[]");
+}
+
+TEST(PinPlan, FilesTheFreshPlanNoLongerListsGoToTheCatchAllPage) {
+  // The kept page takes the planner's content; the stored b.py is left over,
+  // and a single new file is not enough for a page.
+  auto fresh_a = make_plan({.page_id = "module-a", .title = "Planned", .source_files = {"a/a.py"}});
+  auto single = make_plan({.page_id = "module-one", .source_files = {"one/x.py"}});
+  const PinResult result =
+      pin_plan({fresh_a, single}, store({{"module-a", files({"a/a.py", "a/b.py"})}}),
+               {"a/a.py", "a/b.py", "one/x.py"});
+  EXPECT_EQ(ids(result.plans), (Files{"module-a", "module-additional"}));
+  EXPECT_EQ(result.plans[0]->title, "Planned");
+  EXPECT_EQ(result.plans[1]->source_files, (Files{"a/b.py", "one/x.py"}));
+  EXPECT_EQ(records(result.amendments), "[]");
+}
+
+TEST(PinPlan, FirstFreshPlanClaimsANewFileAndAFreshCatchAllPlanNeverBecomesAPage) {
+  auto first = make_plan({.page_id = "module-one", .source_files = {"n/a.py", "n/b.py"}});
+  auto second = make_plan({.page_id = "module-two", .source_files = {"n/b.py", "n/c.py"}});
+  auto fresh_catch_all = make_plan({.page_id = "module-additional",
+                                    .source_files = {"m/x.py", "m/y.py", "m/z.py"},
+                                    .catch_all = true});
+  const PinResult result =
+      pin_plan({first, second, fresh_catch_all}, store({{"module-k", files({"k.py"})}}),
+               {"k.py", "n/a.py", "n/b.py", "n/c.py", "m/x.py", "m/y.py", "m/z.py", "stray.py"});
+  EXPECT_EQ(ids(result.plans), (Files{"module-k", "module-one", "module-additional"}));
+  EXPECT_EQ(first->source_files, (Files{"n/a.py", "n/b.py"}));
+  EXPECT_EQ(second->source_files, (Files{"n/b.py", "n/c.py"}));  // dropped, not changed
+  const PagePlan& catch_all = find(result.plans, "module-additional");
+  EXPECT_NE(&catch_all, fresh_catch_all.get());
+  EXPECT_EQ(catch_all.source_files, (Files{"m/x.py", "m/y.py", "m/z.py", "n/c.py", "stray.py"}));
+  EXPECT_EQ(catch_all.description, "Remaining modules and files (5 files).");
+  EXPECT_EQ(records(result.amendments),
+            R"j([{"action":"add","page_id":"module-one","reason":"new subsystem (2 files)"}])j");
+}
+
+TEST(PinPlan, CatchAllTopicSamplesTwelveSortedFileNames) {
+  Files live = {"k.py"};
+  for (char c = 'm'; c >= 'a'; --c) live.push_back(std::string("d/") + c + ".py");
+  const PinResult result =
+      pin_plan({}, store({{"module-k", files({"k.py"})}}), PathSet(live.begin(), live.end()));
+  const PagePlan& catch_all = find(result.plans, "module-additional");
+  EXPECT_EQ(catch_all.topic,
+            "additional modules utilities helpers a.py b.py c.py d.py e.py f.py g.py h.py i.py "
+            "j.py k.py l.py");
+  EXPECT_EQ(catch_all.description, "Remaining modules and files (13 files).");
+}
+
+TEST(PinPlan, StoredCatchAllKeepsItsLiveFilesAndOnlyTheLastOneCounts) {
+  Json first = files({"a.py"});
+  first["title"] = "First";
+  Json last = files({"k.py", "gone.py", "b.py"});
+  last["title"] = "Misc";
+  const PinResult result = pin_plan({},
+                                    store({{"module-additional", first},
+                                           {"module-k", files({"k.py"})},
+                                           {"module-additional-2", last}}),
+                                    {"k.py", "a.py", "b.py"});
+  EXPECT_EQ(ids(result.plans), (Files{"module-k", "module-additional-2"}));
+  const PagePlan& catch_all = *result.plans[1];
+  EXPECT_EQ(catch_all.title, "Misc");
+  // k.py stays with the catch-all page though module-k lists it; a.py of the
+  // replaced catch-all row is a leftover.
+  EXPECT_EQ(catch_all.source_files, (Files{"a.py", "b.py", "k.py"}));
+  EXPECT_EQ(records(result.amendments), "[]");
+}
+
+TEST(PinPlan, StoredFamilyRebuildsOverItsKeptChildrenInStoredOrder) {
+  const Existing existing = store({
+      {"module-p",
+       {{"title", "Parser"},
+        {"related_pages", {"module-p-3", "module-p-1", "unknown", "module-p-2"}}}},
+      {"module-p-1", files({"p/1.py"})},
+      {"module-p-2", files({"p/2.py"})},
+      {"module-p-3", files({"p/3.py", "p/gone.py"})},
+  });
+  const PinResult result = pin_plan({}, existing, {"p/1.py", "p/3.py"});
+  EXPECT_EQ(records(result.amendments),
+            R"j([{"action":"retire","page_id":"module-p-2","reason":"all source files gone"}])j");
+  const PagePlan& parent = find(result.plans, "module-p");
+  EXPECT_EQ(parent.children, (Files{"module-p-3", "module-p-1"}));
+  EXPECT_EQ(parent.related_pages, (Files{"module-p-3", "module-p-1"}));
+  EXPECT_TRUE(parent.source_files.empty());
+  EXPECT_EQ(parent.description, "The Parser page.");
+  EXPECT_EQ(parent.topic, "Parser 3.py gone.py 1.py");
+  EXPECT_EQ(find(result.plans, "module-p-1").parent_section, "Parser");
+}
+
+TEST(PinPlan, EmptyCodeRowsAreRetiredAsEmptyParents) {
+  // A code row whose related pages name no stored row is no family.
+  const PinResult result = pin_plan(
+      {}, store({{"module-e", {{"related_pages", {"nowhere"}}}}, {"module-k", files({"k.py"})}}),
+      {"k.py"});
+  EXPECT_EQ(ids(result.plans), (Files{"module-k"}));
+  EXPECT_EQ(
+      records(result.amendments),
+      R"j([{"action":"retire","page_id":"module-e","reason":"decomposition changed; empty parent"}])j");
+}
+
+TEST(PinPlan, ReplanSkipsDemotionAndKeepsThePlannerOrder) {
+  auto parent =
+      make_plan({.page_id = "module-ports", .importance = "low", .children = {"module-ports-1"}});
+  auto part = make_plan({.page_id = "module-ports-1", .level = "part", .source_files = {"p/a.py"}});
+  auto high = make_plan(
+      {.page_id = "module-z", .importance = "high", .source_files = {"z/1.py", "z/2.py"}});
+  const Existing existing = store({{"module-ports-src", files({"p/a.py"})}});
+  const PathSet live = {"p/a.py", "z/1.py", "z/2.py"};
+
+  const PinResult replanned = pin_plan({parent, part, high}, existing, live, true);
+  EXPECT_EQ(ids(replanned.plans), (Files{"module-ports", "module-ports-1", "module-z"}));
+  EXPECT_EQ(replanned.remap.to_json().dump(),
+            R"j({"map":{"module-ports-1":"module-ports-src"},"merged":{}})j");
+
+  // Pinning demotes the family: its part is then a plain fresh page whose one
+  // file the stored page already holds, and the result is in build order.
+  const PinResult pinned = pin_plan({parent, part, high}, existing, live);
+  EXPECT_EQ(ids(pinned.plans), (Files{"module-z", "module-ports-src"}));
+  EXPECT_EQ(records(pinned.amendments),
+            R"j([{"action":"add","page_id":"module-z","reason":"new subsystem (2 files)"}])j");
+}
+
+}  // namespace
+}  // namespace zenthar_kodrune::workers::wiki

@@ -1,0 +1,84 @@
+// Plan records: the catch-all id pattern, stored rows back as plans, and the
+// build order.
+#include <gtest/gtest.h>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+namespace {
+
+TEST(CatchAllRe, MatchesTheWholeIdOnly) {
+  for (const char* id : {"module-additional", "module-additional-2", "module-additional-10"}) {
+    EXPECT_TRUE(_CATCH_ALL_RE.full_match(id)) << id;
+  }
+  for (const char* id : {"module-additional-", "module-additional-x", "module-additional-2-b",
+                         "xmodule-additional", "module-additional2", "module-additional\n",
+                         "module-additional-2\n", "module-additional-\xd9\xa3"}) {
+    EXPECT_FALSE(_CATCH_ALL_RE.full_match(id)) << id;
+  }
+}
+
+TEST(PlanFromRow, EmptyValuesTakeTheirDefaults) {
+  const PlanPtr plan = _plan_from_row(
+      Json{{"page_id", "module-p"}, {"title", ""}, {"level", nullptr}, {"source_files", nullptr}},
+      {"a.py"});
+  EXPECT_EQ(plan_to_json(*plan).dump(),
+            R"({"page_id":"module-p","title":"module-p","level":"module","importance":"medium",)"
+            R"("description":"The module-p page (0 files).","topic":"module-p","source_files":[],)"
+            R"("children":[],"related_pages":[],"parent_section":"","type":"","catch_all":false})");
+}
+
+TEST(PlanFromRow, KeepsLiveFilesSortedWithRepeatsAndAStoredDescription) {
+  const Json row = {{"page_id", "p"},        {"title", "Parser"},
+                    {"level", "part"},       {"importance", "high"},
+                    {"description", "Old."}, {"source_files", {"b.py", "gone.py", "a.py", "b.py"}},
+                    {"page_type", "code"}};
+  const PlanPtr plan = _plan_from_row(row, {"a.py", "b.py"});
+  EXPECT_EQ(plan->source_files, (std::vector<std::string>{"a.py", "b.py", "b.py"}));
+  EXPECT_EQ(plan->title, "Parser");
+  EXPECT_EQ(plan->level, "part");
+  EXPECT_EQ(plan->importance, "high");
+  EXPECT_EQ(plan->description, "Old.");
+  EXPECT_EQ(plan->topic, "Parser a.py b.py b.py");
+  EXPECT_EQ(plan->type, "code");
+  EXPECT_FALSE(plan->catch_all);
+
+  Json undescribed = row;
+  undescribed.erase("description");
+  EXPECT_EQ(_plan_from_row(undescribed, {"a.py", "b.py"})->description,
+            "The Parser page (3 files).");
+}
+
+TEST(PlanFromRow, RejectsAMissingPageIdAndWrongTypes) {
+  EXPECT_THROW(_plan_from_row(Json{{"title", "T"}}, {}), KeyError);
+  try {
+    _plan_from_row(Json{{"page_id", "module-x"}, {"source_files", 5}}, {});
+    FAIL() << "no TypeError";
+  } catch (const TypeError& e) {
+    EXPECT_STREQ(e.what(),
+                 R"("source_files" of page "module-x" must be a list of text, not number)");
+  }
+  EXPECT_THROW(_plan_from_row(Json{{"page_id", "p"}, {"title", Json::array({"T"})}}, {}),
+               TypeError);
+}
+
+TEST(ByImportance, CodePagesGoLastByDescendingScoreAndTiesKeepTheirOrder) {
+  const PlanList plans = {
+      make_plan({.page_id = "high-1", .importance = "high"}),
+      make_plan({.page_id = "note", .level = "note", .importance = "critical"}),
+      make_plan({.page_id = "low", .importance = "low"}),
+      make_plan({.page_id = "high-2", .level = "part", .importance = "high"}),
+      make_plan({.page_id = "overview", .level = "overview", .importance = "low"}),
+      make_plan({.page_id = "odd", .importance = "urgent"})};
+  const PlanList ordered = _by_importance(plans);
+  std::vector<std::string> ids;
+  for (const auto& plan : ordered) ids.push_back(plan->page_id);
+  EXPECT_EQ(ids, (std::vector<std::string>{"note", "overview", "high-1", "high-2", "odd", "low"}));
+  EXPECT_EQ(ordered[2].get(), plans[0].get());
+  EXPECT_EQ(plans[0]->page_id, "high-1");  // the argument is not reordered
+  EXPECT_TRUE(_by_importance({}).empty());
+}
+
+}  // namespace
+}  // namespace zenthar_kodrune::workers::wiki
