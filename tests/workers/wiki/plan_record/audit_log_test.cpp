@@ -1,0 +1,348 @@
+#include <gtest/gtest.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "support/temp_dir.hpp"
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace zenthar_kodrune::workers::wiki;
+using kodrune_test::TempDir;
+
+std::string read_file(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+// Lines ended by a line feed only; a trailing fragment is returned as a line too.
+std::vector<std::string> split_lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find('\n', start);
+    if (end == std::string::npos) end = text.size();
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+std::string first_page_id(const std::string& line) {
+  return Json::parse(line)["amendments"][0]["page_id"].get<std::string>();
+}
+
+Amendments one(const std::string& page_id) {
+  return {Json{{"action", "add"}, {"page_id", page_id}, {"reason", "new module page"}}};
+}
+
+// A log of `count` old entries, "old-0" first; `marker` goes inside each page id.
+// Written aside and renamed into place, so a reader never sees it half written.
+void prefill(const fs::path& wiki_dir, int count, const std::string& marker = "") {
+  fs::create_directories(wiki_dir);
+  {
+    std::ofstream out(wiki_dir / "prefill.tmp", std::ios::binary);
+    for (int i = 0; i < count; ++i) {
+      out << "{\"at\": \"2020-01-01T00:00:00\", \"replan\": false, \"amendments\": [{\"action\": "
+             "\"add\", \"page_id\": \"old-"
+          << i << marker << "\"}]}\n";
+    }
+  }
+  fs::rename(wiki_dir / "prefill.tmp", wiki_dir / "plan-log.jsonl");
+}
+
+class WarningSink : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  std::vector<std::string> messages;
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    if (message.level == spdlog::level::warn) {
+      messages.emplace_back(message.payload.data(), message.payload.size());
+    }
+  }
+  void flush_() override {}
+};
+
+class AppendPlanLog : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sink_ = std::make_shared<WarningSink>();
+    plan_record_logger()->sinks().push_back(sink_);
+  }
+  void TearDown() override {
+    auto& sinks = plan_record_logger()->sinks();
+    sinks.erase(std::remove(sinks.begin(), sinks.end(), sink_), sinks.end());
+  }
+  const std::vector<std::string>& warnings() const { return sink_->messages; }
+
+  TempDir tmp_;
+  std::shared_ptr<WarningSink> sink_;
+};
+
+TEST_F(AppendPlanLog, EmptyListTouchesNothing) {
+  append_plan_log(tmp_.path() / "memory" / "orvane" / "main", {}, false);
+  EXPECT_FALSE(fs::exists(tmp_.path() / "memory"));
+
+  append_plan_log(tmp_.path(), {}, true);
+  EXPECT_TRUE(fs::is_empty(tmp_.path()));
+  EXPECT_TRUE(warnings().empty());
+}
+
+TEST_F(AppendPlanLog, FirstAppendCreatesFolderAndOneLineLog) {
+  const fs::path wiki_dir = tmp_.path() / "memory" / "orvane" / "feature";
+  append_plan_log(wiki_dir, one("module-core"), false);
+
+  const std::string text = read_file(wiki_dir / "plan-log.jsonl");
+  ASSERT_EQ(split_lines(text).size(), 1u);
+  EXPECT_EQ(text.back(), '\n');
+  EXPECT_EQ(first_page_id(text), "module-core");
+  EXPECT_TRUE(warnings().empty());
+}
+
+std::string local_now() {
+  std::time_t now = std::time(nullptr);
+  std::tm parts{};
+  localtime_r(&now, &parts);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &parts);
+  return text;
+}
+
+TEST_F(AppendPlanLog, WritesOneLineInExactForm) {
+  // An offset of +05:45 tells local time from UTC whatever the machine's zone.
+  ::setenv("TZ", "KTM-5:45", 1);
+  ::tzset();
+  Amendments amendments = {
+      Json{{"action", "retire"},
+           {"page_id", "caf\u00e9-\u2028-\u0085"},
+           {"reason", "tab\t quote\" back\\ bell\x07 slash/"},
+           {"level", "module"}},
+      Json{{"page_id", "x"}, {"action", "add"}, {"extra", {{"n", 1}, {"list", {1.5, nullptr}}}}},
+  };
+  const std::string before = local_now();
+  append_plan_log(tmp_.path(), amendments, true);
+  const std::string after = local_now();
+
+  const std::string text = read_file(tmp_.path() / "plan-log.jsonl");
+  ASSERT_GT(text.size(), 27u);
+  EXPECT_EQ(text.substr(0, 8), "{\"at\": \"");
+  const std::string at = text.substr(8, 19);
+  EXPECT_TRUE(std::regex_match(at, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d)"))) << at;
+  EXPECT_LE(before, at);
+  EXPECT_LE(at, after);
+  EXPECT_EQ(text.substr(27),
+            "\", \"replan\": true, \"amendments\": [{\"action\": \"retire\", \"page_id\": "
+            "\"caf\u00e9-\u2028-\u0085\", \"reason\": \"tab\\t quote\\\" back\\\\ bell\\u0007 "
+            "slash/\", \"level\": \"module\"}, {\"page_id\": \"x\", \"action\": \"add\", "
+            "\"extra\": {\"n\": 1, \"list\": [1.5, null]}}]}\n");
+}
+
+TEST_F(AppendPlanLog, RotatesToLastThousandOnlyPastTwoThousandLines) {
+  struct Case {
+    int prefilled;
+    std::size_t lines_after;
+    const char* first_after;
+  };
+  for (const Case& c : {Case{1999, 2000, "old-0"}, Case{2000, 1000, "old-1001"}}) {
+    TempDir dir;
+    prefill(dir.path(), c.prefilled);
+    append_plan_log(dir.path(), one("newest"), false);
+
+    const auto lines = split_lines(read_file(dir.path() / "plan-log.jsonl"));
+    ASSERT_EQ(lines.size(), c.lines_after) << c.prefilled;
+    EXPECT_EQ(first_page_id(lines.front()), c.first_after) << c.prefilled;
+    EXPECT_EQ(first_page_id(lines.back()), "newest") << c.prefilled;
+  }
+}
+
+TEST_F(AppendPlanLog, UnicodeLineSeparatorsNeverEndALine) {
+  prefill(tmp_.path(), 1999, "-\u2028-\u0085-\u2029");
+  append_plan_log(tmp_.path(), one("first"), false);
+  EXPECT_EQ(split_lines(read_file(tmp_.path() / "plan-log.jsonl")).size(), 2000u);
+
+  append_plan_log(tmp_.path(), one("second"), false);
+  const auto lines = split_lines(read_file(tmp_.path() / "plan-log.jsonl"));
+  ASSERT_EQ(lines.size(), 1000u);
+  EXPECT_EQ(first_page_id(lines[0]), "old-1001-\u2028-\u0085-\u2029");
+  EXPECT_EQ(first_page_id(lines[998]), "first");
+  EXPECT_EQ(first_page_id(lines[999]), "second");
+}
+
+TEST_F(AppendPlanLog, WikiDirThatIsAFileWarnsAndReturns) {
+  const fs::path file = tmp_.path() / "wiki";
+  std::ofstream(file) << "not a folder";
+
+  EXPECT_NO_THROW(append_plan_log(file, one("module-core"), false));
+  ASSERT_EQ(warnings().size(), 1u);
+  EXPECT_EQ(warnings()[0].rfind("could not append wiki plan log: ", 0), 0u) << warnings()[0];
+  EXPECT_NE(warnings()[0].find(file.string()), std::string::npos) << warnings()[0];
+  EXPECT_EQ(read_file(file), "not a folder");
+}
+
+TEST_F(AppendPlanLog, RecordNotUtf8ThrowsAndWritesNothing) {
+  const fs::path wiki_dir = tmp_.path() / "wiki";
+  Amendments bad = {Json{{"action", "add"}, {"page_id", "caf\xe9"}}};
+
+  EXPECT_THROW(append_plan_log(wiki_dir, bad, false), ValueError);
+  EXPECT_FALSE(fs::exists(wiki_dir));
+
+  prefill(wiki_dir, 3);
+  const std::string before = read_file(wiki_dir / "plan-log.jsonl");
+  EXPECT_THROW(append_plan_log(wiki_dir, bad, false), ValueError);
+  EXPECT_EQ(read_file(wiki_dir / "plan-log.jsonl"), before);
+  EXPECT_TRUE(warnings().empty());
+}
+
+TEST_F(AppendPlanLog, LogNotUtf8KeepsTheEntrySkipsRotationAndNamesThePath) {
+  prefill(tmp_.path(), 2000);
+  const fs::path log = tmp_.path() / "plan-log.jsonl";
+  std::string text = read_file(log);
+  text[text.find("old-0")] = '\xff';
+  std::ofstream(log, std::ios::binary | std::ios::trunc) << text;
+
+  try {
+    append_plan_log(tmp_.path(), one("newest"), false);
+    FAIL() << "expected a ValueError";
+  } catch (const ValueError& e) {
+    EXPECT_NE(std::string(e.what()).find(log.string()), std::string::npos) << e.what();
+  }
+  const auto lines = split_lines(read_file(log));
+  ASSERT_EQ(lines.size(), 2001u);
+  EXPECT_EQ(first_page_id(lines.back()), "newest");
+}
+
+// Runs `body` in `count` child processes at once; its result is the exit code.
+template <typename Body>
+std::vector<pid_t> spawn(int count, Body body) {
+  std::vector<pid_t> children;
+  for (int i = 0; i < count; ++i) {
+    pid_t pid = ::fork();
+    if (pid == 0) {
+      int code = 3;
+      try {
+        code = body(i);
+      } catch (...) {
+      }
+      ::_exit(code);
+    }
+    children.push_back(pid);
+  }
+  return children;
+}
+
+bool all_succeeded(const std::vector<pid_t>& children) {
+  bool ok = true;
+  for (pid_t pid : children) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    ok = ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+  }
+  return ok;
+}
+
+constexpr int WRITERS = 4;
+constexpr int APPENDS_EACH = 50;
+
+int append_many(const fs::path& wiki_dir, int writer) {
+  for (int i = 0; i < APPENDS_EACH; ++i) {
+    append_plan_log(wiki_dir, one("w" + std::to_string(writer) + "-" + std::to_string(i)), false);
+  }
+  return 0;
+}
+
+std::set<std::string> written_ids() {
+  std::set<std::string> ids;
+  for (int w = 0; w < WRITERS; ++w) {
+    for (int i = 0; i < APPENDS_EACH; ++i)
+      ids.insert("w" + std::to_string(w) + "-" + std::to_string(i));
+  }
+  return ids;
+}
+
+TEST_F(AppendPlanLog, ConcurrentAppendersLoseNoEntry) {
+  const fs::path wiki_dir = tmp_.path() / "wiki";
+  ASSERT_TRUE(all_succeeded(spawn(WRITERS, [&](int w) { return append_many(wiki_dir, w); })));
+
+  const auto lines = split_lines(read_file(wiki_dir / "plan-log.jsonl"));
+  ASSERT_EQ(lines.size(), std::size_t{WRITERS * APPENDS_EACH});
+  std::set<std::string> ids;
+  for (const auto& line : lines) ids.insert(first_page_id(line));
+  EXPECT_EQ(ids, written_ids());
+}
+
+// Reads the log until `done` exists. Every snapshot must hold at least the
+// kept tail, and every complete line of every 20th snapshot must parse: what
+// a crash at that instant would leave. (The cheap count runs on every read so
+// that short windows are not missed.)
+int watch_log(const fs::path& log, const fs::path& done) {
+  for (int snapshot = 0; snapshot == 0 || !fs::exists(done); ++snapshot) {
+    std::string text = read_file(log);
+    text.erase(text.rfind('\n') + 1);  // a line being appended may show in part
+    if (std::count(text.begin(), text.end(), '\n') < 1000) return 1;
+    if (snapshot % 20 != 0) continue;
+    for (const auto& line : split_lines(text)) {
+      if (!Json::accept(line)) return 2;
+    }
+  }
+  return 0;
+}
+
+TEST_F(AppendPlanLog, ConcurrentAppendsAcrossRotationKeepWholeLines) {
+  const fs::path wiki_dir = tmp_.path() / "wiki";
+  const fs::path log = wiki_dir / "plan-log.jsonl";
+  prefill(wiki_dir, 1990);
+  auto watcher = spawn(1, [&](int) { return watch_log(log, tmp_.path() / "done"); });
+  bool writers_ok = all_succeeded(spawn(WRITERS, [&](int w) { return append_many(wiki_dir, w); }));
+  std::ofstream(tmp_.path() / "done") << "";
+  ASSERT_TRUE(writers_ok);
+  EXPECT_TRUE(all_succeeded(watcher)) << "a reader saw a short log or a torn line";
+
+  // 1990 + 11 appends rotate to 1000 lines (old-1001 .. old-1989 and the 11
+  // new), then the remaining 189 appends follow.
+  const auto lines = split_lines(read_file(log));
+  ASSERT_EQ(lines.size(), 1189u);
+  EXPECT_EQ(first_page_id(lines.front()), "old-1001");
+  std::set<std::string> ids;
+  for (std::size_t i = 989; i < lines.size(); ++i) ids.insert(first_page_id(lines[i]));
+  EXPECT_EQ(ids, written_ids());
+  for (const auto& entry : fs::directory_iterator(wiki_dir)) {
+    EXPECT_TRUE(entry.path().filename() == "plan-log.jsonl" ||
+                entry.path().filename() == "plan-log.jsonl.lock")
+        << "left behind: " << entry.path();
+  }
+}
+
+TEST_F(AppendPlanLog, ReadersNeverSeeARotationHalfDone) {
+  const fs::path log = tmp_.path() / "plan-log.jsonl";
+  prefill(tmp_.path(), 2000);
+  auto watcher = spawn(1, [&](int) { return watch_log(log, tmp_.path() / "done"); });
+  for (int round = 0; round < 40; ++round) {
+    prefill(tmp_.path(), 2000);
+    append_plan_log(tmp_.path(), one("round-" + std::to_string(round)), false);
+  }
+  std::ofstream(tmp_.path() / "done") << "";
+  EXPECT_TRUE(all_succeeded(watcher)) << "a reader saw a short log or a torn line";
+  const auto lines = split_lines(read_file(log));
+  ASSERT_EQ(lines.size(), 1000u);
+  EXPECT_EQ(first_page_id(lines.back()), "round-39");
+}
+
+}  // namespace
