@@ -321,7 +321,7 @@ PinWorkload make_pin_workload(std::size_t stored_rows, std::uint64_t seed) {
 }
 
 SectionWorkload make_section_workload(std::size_t body_bytes, std::size_t citations,
-                                      std::uint64_t seed) {
+                                      std::uint64_t seed, bool headed) {
   Rng rng(seed ^ 0xc17eULL);
   SectionWorkload work;
   std::vector<std::string> files;
@@ -419,12 +419,14 @@ SectionWorkload make_section_workload(std::size_t body_bytes, std::size_t citati
   std::size_t section = 0;
   while (body.size() < body_bytes) {
     ++section;
-    switch (section % 5) {
+    switch (headed ? section % 5 : 5) {
       case 0:
         body += "## " + rng.pick(kWords) + " and " + rng.pick(kWords) + " ##\n\n";
         break;
       case 1:
         body += "##\t" + rng.pick(kWords) + " " + std::to_string(section) + "\n\n";
+        break;
+      case 5:
         break;
       default:
         body += "## The " + rng.pick(kWords) + " " + rng.pick(kWords) + " path\n\n";

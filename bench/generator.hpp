@@ -102,8 +102,9 @@ struct SectionWorkload {
 // holding heading-like lines), prose, and citation links spread evenly over
 // the body. Every stored citation is cited at least once; some are cited
 // again, and some links in the prose match no stored citation.
+// With `headed` false the body is one section (a page without "##" headings).
 SectionWorkload make_section_workload(std::size_t body_bytes, std::size_t citations,
-                                      std::uint64_t seed);
+                                      std::uint64_t seed, bool headed = true);
 
 // ---- _select_stale ----
 

@@ -51,8 +51,23 @@ void BM_Sections(benchmark::State& state) {
                           static_cast<std::int64_t>(work.body.size()));
 }
 
+// A page with no "##" heading is one long section: the time must stay linear
+// in its length (4 times the bytes, about 4 times the time).
+void BM_SectionMapOneSection(benchmark::State& state) {
+  const std::size_t bytes = static_cast<std::size_t>(state.range(0));
+  const SectionWorkload work = make_section_workload(bytes, bytes / 100, 7, false);
+  for (auto _ : state) {
+    wiki::Json map = wiki::section_map(work.body, work.citations, work.file_hashes);
+    benchmark::DoNotOptimize(map);
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations()) *
+                          static_cast<std::int64_t>(work.body.size()));
+  state.counters["citations"] = static_cast<double>(work.citations.size());
+}
+
 BENCHMARK(BM_SectionMap)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Sections)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SectionMapOneSection)->Arg(64 << 10)->Arg(256 << 10)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace kodrune_bench
