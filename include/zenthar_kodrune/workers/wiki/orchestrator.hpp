@@ -189,9 +189,13 @@ class WikiGenerator : public PlanRecordMixin {
   // Indexes, plans and pins; writes nothing.
   Derivation derive(bool replan);
 
-  // One build: derive, log the amendments, ask for drift (not on a first
-  // plan), record the plan in the store in one transaction, and, when
-  // `select` is set, select the stale pages with their reasons.
+  // One build: derive; record the plan in the store in one transaction
+  // (retire, replan or persist the skeleton, add a stale row for every other
+  // planned page not stored, bring stored rows' structural columns up to the
+  // plan); log the amendments; ask for drift (not on a first plan); and,
+  // when `select` is set, select the stale pages with their reasons. The
+  // store is written before the log, so a build whose store write fails
+  // leaves no log line and a rerun does not log its amendments twice.
   BuildResult build(bool replan, bool force, bool select = true);
 
   // Why a planned page is to be written, or nullopt when it is fresh.

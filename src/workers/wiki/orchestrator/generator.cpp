@@ -92,6 +92,7 @@ WikiGenerator::WikiGenerator(fs::path repo_root, std::string branch,
   if (!fs::is_directory(repo_root_, ec)) {
     throw OsError("repository " + repo_root_.string() + " is not a folder");
   }
+  if (!options_.reader) options_.reader = read_whole_file;
   if (!repository_) repository_ = open_default_store(repo_root_);
 }
 
@@ -104,7 +105,7 @@ std::string WikiGenerator::_steering_text() {
   if (steering_memo_) return *steering_memo_;
   const fs::path path = repo_root_ / std::string(STEERING_PATH);
   std::error_code ec;
-  steering_memo_ = fs::is_regular_file(path, ec) ? read_whole_file(path) : std::string();
+  steering_memo_ = fs::is_regular_file(path, ec) ? options_.reader(path) : std::string();
   return *steering_memo_;
 }
 
