@@ -196,6 +196,16 @@ wiki::PlanList planner_plans(const std::vector<Unit>& units,
   return plans;
 }
 
+wiki::PlanList make_code_plans(std::size_t count, std::uint64_t seed) {
+  wiki::PlanList out;
+  out.reserve(count);
+  for (const auto& plan : planner_plans(make_units(count * 11, seed), {})) {
+    if (out.size() >= count) break;
+    if (plan->level != "overview") out.push_back(plan);
+  }
+  return out;
+}
+
 wiki::Json row_from_plan(const wiki::PagePlan& plan, std::string_view branch,
                          const wiki::Json& source_hashes, std::string_view content_hash) {
   Json row = Json::object();
@@ -456,13 +466,7 @@ StaleWorkload make_stale_workload(std::size_t plans, std::uint64_t seed) {
   StaleWorkload work;
   work.steering_text = "Write for engineers new to the code base; name the invariants.\n";
   const std::string steering_hash = wiki::_text_hash(work.steering_text);
-  std::vector<Unit> units = make_units(plans * 11, seed);
-  wiki::PlanList all = planner_plans(units, {});
-  for (const auto& plan : all) {
-    if (work.plans.size() >= plans) break;
-    if (plan->level == "overview") continue;
-    work.plans.push_back(plan);
-  }
+  work.plans = make_code_plans(plans, seed);
   for (const auto& plan : work.plans) {
     for (const auto& file : plan->source_files) work.file_hashes.emplace(file, hex_hash(rng));
   }

@@ -66,6 +66,10 @@ std::string unit_page_id(const Unit& unit);
 wiki::PlanList planner_plans(const std::vector<Unit>& units,
                              const std::vector<std::string>& catch_all_files);
 
+// The first `count` code-unit plans (modules, family parents and parts, about
+// ten files each) of a planner's plan of a generated repository.
+wiki::PlanList make_code_plans(std::size_t count, std::uint64_t seed);
+
 // The row the store hands back for a persisted plan (as a skeleton row, or as
 // a written page when `content_hash` is non-empty).
 wiki::Json row_from_plan(const wiki::PagePlan& plan, std::string_view branch,

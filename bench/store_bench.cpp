@@ -1,0 +1,142 @@
+// The SQLite wiki store at repository scale: loading a branch's rows, and
+// persisting a first plan as skeleton rows in one transaction.
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+
+#include "generator.hpp"
+#include "memory.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+#include "zenthar_kodrune/workers/wiki/steering.hpp"
+
+namespace kodrune_bench {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A folder of its own per process, removed when the benchmark ends.
+class ScratchDir {
+ public:
+  explicit ScratchDir(std::string_view name)
+      : path_(fs::temp_directory_path() /
+              ("kodrune-bench-" + std::to_string(::getpid()) + "-" + std::string(name))) {
+    fs::remove_all(path_);
+    fs::create_directories(path_);
+  }
+  ~ScratchDir() {
+    std::error_code ignored;
+    fs::remove_all(path_, ignored);
+  }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+// A host whose store is the SQLite file and whose stored rows are none: the
+// state of a first build.
+class SqliteHost final : public wiki::PlanRecordMixin {
+ public:
+  explicit SqliteHost(const fs::path& db) : store_(db) {}
+
+  const std::string& branch() const override { return branch_; }
+  const fs::path& pages_dir() const override { return pages_dir_; }
+  const wiki::Existing& _existing() const override { return existing_; }
+  wiki::WikiStore& repository() override { return store_; }
+  wiki::Json _source_hashes(const std::vector<std::string>&) override {
+    return wiki::Json::object();
+  }
+
+ protected:
+  std::string _steering_text() override { return {}; }
+  void _reload_existing() override {}
+
+ private:
+  wiki::SqliteWikiStore store_;
+  std::string branch_ = "main";
+  fs::path pages_dir_ = "pages";
+  wiki::Existing existing_;
+};
+
+// Written pages: real hashes, a content hash and a build cache, as a store
+// holds them once the wiki has been generated.
+void write_pages(wiki::SqliteWikiStore& store, const wiki::PlanList& plans, Rng& rng) {
+  auto scope = store.db().transaction();
+  for (const auto& plan : plans) {
+    wiki::WikiPageColumns columns;
+    columns.description = plan->description;
+    columns.importance = plan->importance;
+    columns.level = plan->level;
+    columns.parent_section = wiki::section_of(*plan);
+    columns.rel_path = "pages/" + plan->page_id + ".md";
+    columns.source_files = plan->stored_source_files();
+    wiki::Json hashes = wiki::Json::object();
+    for (const auto& file : columns.source_files) hashes[file] = std::to_string(rng.next());
+    hashes[std::string(wiki::STEERING_SENTINEL)] = std::to_string(rng.next());
+    columns.source_hashes = hashes;
+    columns.related_pages = plan->children;
+    columns.status = "current";
+    columns.page_type = plan->type;
+    columns.content_hash = std::to_string(rng.next());
+    wiki::Json section = wiki::Json::object();
+    section["heading"] = "Overview";
+    section["files"] = columns.source_files;
+    section["symbols"] = wiki::Json::array();
+    section["hash"] = std::to_string(rng.next());
+    columns.build_cache = wiki::Json::object();
+    columns.build_cache["sections"] = wiki::Json::array({section});
+    columns.build_cache["file_hashes"] = hashes;
+    store.upsert_wiki_page("main", plan->page_id, plan->title, columns);
+  }
+}
+
+void BM_StoreLoad(benchmark::State& state) {
+  const std::size_t rows = static_cast<std::size_t>(state.range(0));
+  ScratchDir dir("load");
+  std::size_t loaded = 0;
+  {
+    wiki::SqliteWikiStore store(dir.path() / "wiki.db");
+    Rng rng(3);
+    write_pages(store, make_code_plans(rows, 3), rng);
+  }
+  wiki::SqliteWikiStore store(dir.path() / "wiki.db");
+  PeakRss rss;
+  for (auto _ : state) {
+    wiki::Existing existing = store.load_pages("main");
+    loaded = existing.size();
+    benchmark::DoNotOptimize(existing);
+  }
+  rss.report(state);
+  state.counters["rows"] = static_cast<double>(loaded);
+  state.counters["db_MB"] = static_cast<double>(fs::file_size(dir.path() / "wiki.db")) / 1048576.0;
+}
+
+void BM_PersistSkeleton(benchmark::State& state) {
+  const std::size_t rows = static_cast<std::size_t>(state.range(0));
+  const wiki::PlanList plans = make_code_plans(rows, 5);
+  ScratchDir dir("skeleton");
+  int written = 0;
+  PeakRss rss;
+  for (auto _ : state) {
+    // A fresh store every time: a first build persists into an empty table.
+    state.PauseTiming();
+    fs::remove_all(dir.path() / "db");
+    auto host = std::make_unique<SqliteHost>(dir.path() / "db" / "wiki.db");
+    state.ResumeTiming();
+    written = host->_persist_plan_skeleton(plans);
+    state.PauseTiming();
+    host.reset();
+    state.ResumeTiming();
+  }
+  rss.report(state);
+  state.counters["rows"] = static_cast<double>(written);
+}
+
+BENCHMARK(BM_StoreLoad)->Arg(8000)->Arg(32000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PersistSkeleton)->Arg(2000)->Arg(8000)->Arg(32000)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+}  // namespace kodrune_bench
