@@ -59,23 +59,6 @@ TEST(PinPlan, AdmittedAndExtendedPlansChangeWhereTheCallerHoldsThem) {
       R"j({"action":"add","page_id":"module-net","reason":"new subsystem (2 files)"}])j");
 }
 
-TEST(PinPlan, AStoredPageThePlannerDropsKeepsItsStoredAttributes) {
-  Json row = files({"p/b.py", "p/a.py", "p/gone.py"});
-  row.update(Json{{"title", "Parser"},
-                  {"level", "part"},
-                  {"importance", "high"},
-                  {"description", "Parses."},
-                  {"page_type", "code"}});
-  const PinResult result = pin_plan({}, store({{"module-p", row}}), {"p/a.py", "p/b.py"});
-  ASSERT_EQ(result.plans.size(), 1u);
-  EXPECT_EQ(
-      plan_to_json(*result.plans[0]).dump(),
-      R"j({"page_id":"module-p","title":"Parser","level":"part","importance":"high",)j"
-      R"j("description":"Parses.","topic":"Parser a.py b.py","source_files":["p/a.py","p/b.py"],)j"
-      R"j("children":[],"related_pages":[],"parent_section":"","type":"code","catch_all":false})j");
-  EXPECT_EQ(records(result.amendments), "[]");
-}
-
 TEST(PinPlan, APageWithoutLiveFilesRetiresUnlessThePlannerStillHasIt) {
   const Existing existing =
       store({{"module-a", files({"gone.py"})}, {"module-b", files({"x.py"})}});
