@@ -84,8 +84,8 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
   if (path.has_parent_path()) {
     std::filesystem::create_directories(path.parent_path(), error);
     if (error) {
-      throw StoreError("wiki store: cannot create the folder of " + in_quotes(path.string()) + ": " +
-                       error.message());
+      throw StoreError("wiki store: cannot create the folder of " + in_quotes(path.string()) +
+                       ": " + error.message());
     }
   }
   const int rc =
@@ -174,12 +174,19 @@ void SqliteDatabase::end_transaction(bool error) {
     const std::string name = "kodrune_scope_" + std::to_string(scopes_.size());
     // SQLite may already have rolled the whole transaction back on a hard
     // error; then there is no savepoint left to release.
-    if (sqlite3_get_autocommit(handle_) != 0) return;
+    if (sqlite3_get_autocommit(handle_) != 0) {
+      if (error) return;
+      throw StoreError("wiki store: the database rolled the transaction back before it ended");
+    }
     if (error) exec(handle_, "ROLLBACK TO " + name);
     exec(handle_, "RELEASE " + name);
     return;
   }
-  if (sqlite3_get_autocommit(handle_) != 0) return;
+  if (sqlite3_get_autocommit(handle_) != 0) {
+    // Writes the caller believes committed are gone: that must not pass quietly.
+    if (error) return;
+    throw StoreError("wiki store: the database rolled the transaction back before it ended");
+  }
   if (error) {
     exec(handle_, "ROLLBACK");
     return;
