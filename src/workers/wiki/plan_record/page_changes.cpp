@@ -128,7 +128,8 @@ Json PlanRecordMixin::_page_changes(const PagePlan& plan, const Json* row) {
   collect_paths(changes, "removed", touched);
   collect_paths(changes, "modified", touched);
 
-  const auto stale = stale_sections(sections != nullptr ? *sections : Json::array(), touched);
+  const Json no_sections = Json::array();
+  const auto stale = stale_sections(sections != nullptr ? *sections : no_sections, touched);
 
   Json out = Json::object();
   out["changed_files"] = std::move(changes);
