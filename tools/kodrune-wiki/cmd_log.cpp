@@ -28,6 +28,10 @@ Command add_log_command(CLI::App& app) {
         return run_guarded(
             [&] {
               // The log alone is read: no store is opened or created.
+              std::error_code ec;
+              if (!std::filesystem::is_directory(options->common.repo, ec)) {
+                throw UsageError("--repo " + options->common.repo + " is not a folder");
+              }
               const std::string branch = resolve_branch(options->common);
               const auto entries = wiki::read_plan_log(
                   wiki::wiki_dir_of(std::filesystem::absolute(options->common.repo), branch),
