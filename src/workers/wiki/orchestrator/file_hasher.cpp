@@ -12,7 +12,9 @@
 #include <fstream>
 #include <iterator>
 #include <mutex>
+#include <string_view>
 #include <thread>
+#include <unordered_set>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -186,10 +188,18 @@ Json FileHasher::hashes(const std::vector<std::string>& paths) {
   normal.reserve(paths.size());
   for (const auto& path : paths) normal.push_back(checked_relative(path));
   learn(normal);
+  // Entries are appended, not assigned through operator[]: an ordered object
+  // finds a key by a linear search, so a page of n files cost n * n string
+  // compares (the catch-all page of a large repository holds most of its
+  // files). Two paths can share a normal form; the first keeps its place.
   Json result = Json::object();
+  auto& entries = result.get_ref<Json::object_t&>();
+  entries.reserve(normal.size());
+  std::unordered_set<std::string_view> seen;
+  seen.reserve(normal.size());
   for (const auto& path : normal) {
     const Known& known = known_.at(path);
-    if (known.is_file) result[path] = known.hash;
+    if (known.is_file && seen.insert(path).second) entries.emplace_back(path, known.hash);
   }
   return result;
 }
