@@ -357,12 +357,14 @@ void SqliteWikiStore::open_schema() {
 void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::string& page_id,
                                        const std::string& title, const WikiPageColumns& columns) {
   // The order column is set on insert only, so a replaced row keeps its place.
+  // Order is only read within a branch, so the next value is taken from the
+  // branch's own rows, which the (branch, insertion_order) index finds at once.
   static constexpr std::string_view kUpsert =
       "INSERT INTO wiki_pages (branch, page_id, title, description, importance, level, "
       "parent_section, rel_path, source_files, source_hashes, related_pages, status, page_type, "
       "content_hash, build_cache, insertion_order) "
       "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-      "(SELECT COALESCE(MAX(insertion_order), 0) + 1 FROM wiki_pages)) "
+      "(SELECT COALESCE(MAX(insertion_order), 0) + 1 FROM wiki_pages WHERE branch = ?)) "
       "ON CONFLICT (branch, page_id) DO UPDATE SET title = excluded.title, "
       "description = excluded.description, importance = excluded.importance, "
       "level = excluded.level, parent_section = excluded.parent_section, "
@@ -371,7 +373,7 @@ void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::str
       "status = excluded.status, page_type = excluded.page_type, "
       "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
   std::vector<SqlValue> params;
-  params.reserve(15);
+  params.reserve(16);
   params.emplace_back(branch);
   params.emplace_back(page_id);
   params.emplace_back(title);
@@ -391,6 +393,7 @@ void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::str
     params.emplace_back(nullptr);
   }
   params.push_back(encode_mapping(columns.build_cache, branch, page_id, "build_cache"));
+  params.emplace_back(branch);
   db_.execute(kUpsert, params);
 }
 
