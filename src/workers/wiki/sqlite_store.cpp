@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <system_error>
+#include <unordered_map>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
@@ -286,11 +287,104 @@ SqlValue encode_mapping(const Json& value, const std::string& branch, const std:
   return encode(value, branch, page_id, column);
 }
 
+// Builds a Json from parser events in time linear in the input. Json::parse
+// inserts each key of an object by searching the keys read before it, which
+// is quadratic in the object's size; here pairs are appended to the object's
+// underlying vector and each open object keeps a hash index of its keys. A
+// repeated key keeps its first place and takes the last value, as it does
+// with Json::parse.
+class LinearJsonBuilder {
+ public:
+  using number_integer_t = Json::number_integer_t;
+  using number_unsigned_t = Json::number_unsigned_t;
+  using number_float_t = Json::number_float_t;
+  using string_t = Json::string_t;
+  using binary_t = Json::binary_t;
+
+  Json& result() { return root_; }
+
+  bool null() { return put(Json(nullptr)); }
+  bool boolean(bool value) { return put(Json(value)); }
+  bool number_integer(number_integer_t value) { return put(Json(value)); }
+  bool number_unsigned(number_unsigned_t value) { return put(Json(value)); }
+  bool number_float(number_float_t value, const string_t& /*raw*/) { return put(Json(value)); }
+  bool string(string_t& value) { return put(Json(std::move(value))); }
+  bool binary(binary_t& value) { return put(Json::binary(std::move(value))); }
+
+  bool start_object(std::size_t /*elements*/) {
+    Json* object = slot();
+    *object = Json::object();
+    open_.push_back(Open{object, {}});
+    return true;
+  }
+  bool key(string_t& name) {
+    Open& top = open_.back();
+    auto& pairs = top.container->get_ref<Json::object_t&>();
+    const auto [at, fresh] = top.keys.try_emplace(name, pairs.size());
+    if (fresh) {
+      pairs.emplace_back(std::move(name), nullptr);
+      next_ = &pairs.back().second;
+    } else {
+      next_ = &std::next(pairs.begin(), static_cast<std::ptrdiff_t>(at->second))->second;
+    }
+    return true;
+  }
+  bool end_object() {
+    open_.pop_back();
+    return true;
+  }
+  bool start_array(std::size_t /*elements*/) {
+    Json* array = slot();
+    *array = Json::array();
+    open_.push_back(Open{array, {}});
+    return true;
+  }
+  bool end_array() {
+    open_.pop_back();
+    return true;
+  }
+
+  template <class Exception>
+  bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
+                   const Exception& error) {
+    throw error;
+  }
+
+ private:
+  struct Open {
+    Json* container;
+    std::unordered_map<std::string, std::size_t> keys;
+  };
+
+  // Where the value just read goes: the root, the end of the open array, or
+  // the place the last key named in the open object.
+  Json* slot() {
+    if (open_.empty()) return &root_;
+    Json* container = open_.back().container;
+    if (container->is_array()) {
+      auto& items = container->get_ref<Json::array_t&>();
+      items.emplace_back();
+      return &items.back();
+    }
+    return next_;
+  }
+  bool put(Json value) {
+    *slot() = std::move(value);
+    return true;
+  }
+
+  Json root_;
+  std::vector<Open> open_;
+  Json* next_ = nullptr;
+};
+
 Json decode(const std::string& text, Shape shape, const std::string& branch,
             const std::string& page_id, std::string_view column) {
   Json value;
   try {
-    value = Json::parse(text);
+    LinearJsonBuilder builder;
+    Json::sax_parse(text, &builder);
+    value = std::move(builder.result());
   } catch (const Json::exception& e) {
     throw StoreError("wiki store: " + where(branch, page_id, column) +
                      " holds text that is not JSON: " + e.what());
