@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -24,11 +26,18 @@ const PagePlan& plan_at(const PlanList& plans, std::size_t index) {
 }
 
 // Mapping equality: the same keys with equal values, whatever their order.
+// A Json object finds a key by a linear search, so the stored side is indexed
+// once to keep the comparison linear in the mapping's size.
 bool same_mapping(const Json& current, const Json& stored) {
   if (!stored.is_object() || current.size() != stored.size()) return false;
+  std::unordered_map<std::string_view, const Json*> index;
+  index.reserve(stored.size());
+  for (auto it = stored.begin(); it != stored.end(); ++it) {
+    index.emplace(std::string_view(it.key()), &it.value());
+  }
   for (auto it = current.begin(); it != current.end(); ++it) {
-    auto found = stored.find(it.key());
-    if (found == stored.end() || *found != it.value()) return false;
+    auto found = index.find(std::string_view(it.key()));
+    if (found == index.end() || *found->second != it.value()) return false;
   }
   return true;
 }
