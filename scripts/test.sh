@@ -3,6 +3,7 @@
 # UndefinedBehaviorSanitizer build. Both builds are warning-free (-Werror).
 # The sanitizer build is unoptimised: it compiles in a fraction of the time,
 # and the optimised build already checks that -O2's warnings stay quiet.
+# The normal build also compiles the benchmarks (run by scripts/bench.sh).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -18,7 +19,7 @@ run_suite() {
 }
 
 echo "== normal build =="
-run_suite build/release -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG"
+run_suite build/release -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" -DKODRUNE_BUILD_BENCH=ON
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
 ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   run_suite build/asan -DCMAKE_BUILD_TYPE=Debug -DKODRUNE_SANITIZE=ON
