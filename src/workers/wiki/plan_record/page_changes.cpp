@@ -6,8 +6,10 @@
 // batch. The stale marker and the steering entry share the hash mappings but
 // name no file, so they are never compared.
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -102,18 +104,26 @@ Json PlanRecordMixin::_page_changes(const PagePlan& plan, const Json* row) {
 
   // The build cache holds the hashes its sections were mapped against, so its
   // hash wins for a path both hold.
-  Json recorded = Json::object();
-  if (const Json* row_hashes = row_mapping(*row, "source_hashes")) {
-    for (auto it = row_hashes->begin(); it != row_hashes->end(); ++it) recorded[it.key()] = *it;
-  }
-  if (cache_hashes != nullptr) {
-    for (auto it = cache_hashes->begin(); it != cache_hashes->end(); ++it) recorded[it.key()] = *it;
-  }
+  // A path keeps the place it was first seen in. A Json object finds a key by
+  // a linear search, so the pairs are appended to the object's vector with a
+  // hash index of their positions instead.
   Json stored = Json::object();
-  for (auto it = recorded.begin(); it != recorded.end(); ++it) {
-    if (it.key() == STEERING_SENTINEL || it.key() == _STALE_SENTINEL) continue;
-    stored[it.key()] = *it;
-  }
+  auto& pairs = stored.get_ref<Json::object_t&>();
+  std::unordered_map<std::string, std::size_t> position;
+  const auto record = [&](const Json& hashes) {
+    for (auto it = hashes.begin(); it != hashes.end(); ++it) {
+      const std::string& key = it.key();
+      if (key == STEERING_SENTINEL || key == _STALE_SENTINEL) continue;
+      const auto [at, fresh] = position.try_emplace(key, pairs.size());
+      if (fresh) {
+        pairs.emplace_back(key, *it);
+      } else {
+        std::next(pairs.begin(), static_cast<std::ptrdiff_t>(at->second))->second = *it;
+      }
+    }
+  };
+  if (const Json* row_hashes = row_mapping(*row, "source_hashes")) record(*row_hashes);
+  if (cache_hashes != nullptr) record(*cache_hashes);
 
   // A file the page owned or cited when saved is compared even when the page
   // no longer holds it: its removal is a change too.
