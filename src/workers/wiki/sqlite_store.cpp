@@ -3,6 +3,7 @@
 
 #include <sqlite3.h>
 
+#include <iterator>
 #include <memory>
 #include <system_error>
 #include <unordered_map>
