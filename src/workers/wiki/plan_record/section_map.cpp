@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <set>
+#include <string_view>
 #include <unordered_map>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -102,6 +103,16 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
     }
   }
 
+  // A Json object finds a key by a linear search: the hashes are indexed once
+  // so that each cited file is looked up in constant time.
+  std::unordered_map<std::string_view, const Json*> hash_of;
+  if (file_hashes.is_object()) {
+    hash_of.reserve(file_hashes.size());
+    for (auto it = file_hashes.begin(); it != file_hashes.end(); ++it) {
+      hash_of.emplace(std::string_view(it.key()), &it.value());
+    }
+  }
+
   Json out = Json::array();
   for (const auto& [heading, text] : _sections(body)) {
     std::set<std::string> files;
@@ -129,7 +140,8 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
       if (&path != &*files.begin()) hash_input.push_back('\n');
       hash_input.append(path);
       hash_input.push_back('\0');
-      const Json* hash = find_value(file_hashes, path);
+      const auto indexed = hash_of.find(std::string_view(path));
+      const Json* hash = indexed == hash_of.end() ? nullptr : indexed->second;
       if (hash != nullptr && !hash->is_null()) hash_input.append(value_text(*hash));
     }
 
