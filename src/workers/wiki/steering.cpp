@@ -3,10 +3,36 @@
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 
 #include <algorithm>
+#include <string>
+#include <utility>
 
 #include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+// The hash of the steering text, computed once per distinct text: every page
+// asks for it, and the text rarely changes within a run. `_text_hash` depends
+// on the text alone, so one cache per thread serves every host.
+const std::string& steering_hash(const std::string& text) {
+  struct Last {
+    bool set = false;
+    std::string text;
+    std::string hash;
+  };
+  thread_local Last last;
+  if (!last.set || last.text != text) {
+    std::string hash = _text_hash(text);
+    last.set = false;  // stays unset if copying the text throws
+    last.text = text;
+    last.hash = std::move(hash);
+    last.set = true;
+  }
+  return last.hash;
+}
+
+}  // namespace
 
 Json SteeringMixin::_hashes_with_steering(const std::vector<std::string>& files) {
   // Distinct and sorted, so the same files give the same mapping whatever
@@ -17,7 +43,7 @@ Json SteeringMixin::_hashes_with_steering(const std::vector<std::string>& files)
   Json hashes = _source_hashes(paths);
   if (hashes.is_null()) hashes = Json::object();
   const std::string text = _steering_text();
-  if (!text.empty()) hashes[std::string(STEERING_SENTINEL)] = _text_hash(text);
+  if (!text.empty()) hashes[std::string(STEERING_SENTINEL)] = steering_hash(text);
   return hashes;
 }
 
