@@ -4,18 +4,18 @@
 // line must equal the expected response written compactly.
 //
 // "@TMP@" in a line stands for a fresh temporary folder of that file. A line
-// may give "response_regex" (an ECMAScript pattern the whole response line
-// must match) instead of "response", for responses holding a clock time.
+// may give "response_regex" (a PCRE2 pattern the whole response line must
+// match) instead of "response", for responses holding a clock time.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "zenthar_kodrune/workers/wiki/regex.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace {
@@ -78,7 +78,8 @@ TEST_P(Golden, RpcAnswersEveryLineAsWritten) {
     const auto& entry = expected[i];
     const std::string where = source.filename().string() + ":" + std::to_string(entry["line"].get<int>());
     if (entry.contains("response_regex")) {
-      EXPECT_TRUE(std::regex_match(actual[i], std::regex(entry["response_regex"].get<std::string>())))
+      const zenthar_kodrune::workers::wiki::Regex pattern(entry["response_regex"].get<std::string>());
+      EXPECT_TRUE(pattern.full_match(actual[i]))
           << where << "\n  actual: " << actual[i];
     } else {
       EXPECT_EQ(actual[i], entry["response"].dump()) << where;
