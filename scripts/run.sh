@@ -8,7 +8,8 @@ cd "$(dirname "$0")/.."
 repo=${1:-.}
 
 bash scripts/setup.sh
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF -DKODRUNE_BUILD_BENCH=OFF >/dev/null
+cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" \
+  -DKODRUNE_BUILD_TESTS=OFF -DKODRUNE_BUILD_BENCH=OFF >/dev/null
 cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)" --target kodrune-wiki >/dev/null
 
 echo "== first run =="
