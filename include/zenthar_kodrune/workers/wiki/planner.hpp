@@ -24,6 +24,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -51,11 +52,27 @@ struct PlannerSettings {
       ".r",   ".jl",   ".sql",  ".proto", ".vue", ".svelte"};
 };
 
+// What identifies a file's content without reading it.
+struct FileStamp {
+  std::uint64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  std::uint64_t inode = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+
+// The stamp of the regular file at `path` (symbolic links followed); nullopt
+// when there is none.
+std::optional<FileStamp> regular_file_stamp(const char* path);
+
 // What the repository holds now: every indexed file and the source files
 // among them, both repository-relative in normal form and sorted.
 struct RepositoryIndex {
   std::vector<std::string> files;
   std::vector<std::string> source_files;
+  // The stamp each source file had when it was listed, in the order of
+  // `source_files`: finding out that a file is there already took it, so a
+  // build that hashes the files need not ask the file system again.
+  std::vector<FileStamp> source_stamps;
 };
 
 // The output of a program run without a shell.

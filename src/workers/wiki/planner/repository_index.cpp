@@ -6,13 +6,17 @@
 // path or branch text is ever interpreted by one.
 #include <fcntl.h>
 #include <spawn.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <string_view>
 #include <system_error>
+#include <thread>
+#include <unordered_set>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
@@ -33,11 +37,8 @@ struct Fd {
   }
 };
 
-bool is_regular_file_now(const fs::path& path) {
-  std::error_code ec;
-  return fs::is_regular_file(path, ec);
-}
-
+// Every tracked path, in the index's order (sorted bytewise), whether or not
+// a file is there now.
 std::vector<std::string> git_tracked_files(const fs::path& root, bool& ok) {
   ok = false;
   const ProcessResult inside =
@@ -48,13 +49,13 @@ std::vector<std::string> git_tracked_files(const fs::path& root, bool& ok) {
   if (listed.exit_code != 0) return {};
   ok = true;
   std::vector<std::string> files;
+  const std::string_view out = listed.out;
   std::size_t start = 0;
-  while (start < listed.out.size()) {
-    std::size_t end = listed.out.find('\0', start);
-    if (end == std::string::npos) end = listed.out.size();
-    std::string path = listed.out.substr(start, end - start);
+  while (start < out.size()) {
+    std::size_t end = out.find('\0', start);
+    if (end == std::string_view::npos) end = out.size();
+    if (end > start) files.emplace_back(out.substr(start, end - start));
     start = end + 1;
-    if (!path.empty() && is_regular_file_now(root / path)) files.push_back(std::move(path));
   }
   return files;
 }
@@ -78,11 +79,77 @@ std::vector<std::string> walked_files(const fs::path& root) {
   return files;
 }
 
-std::string lower_extension(const std::string& path) {
-  const std::string name = fs::path(path).filename().string();
+// Below this many paths one thread stats them sooner than several.
+constexpr std::size_t kParallelStatFrom = 4096;
+
+// The stamp of root/path for each path; the work is spread over the cores
+// when there are many, as the file system answers each thread in parallel.
+std::vector<std::optional<FileStamp>> stamps_of(const fs::path& root,
+                                                const std::vector<std::string>& paths) {
+  std::vector<std::optional<FileStamp>> stamps(paths.size());
+  std::string prefix = root.string();
+  if (!prefix.empty() && prefix.back() != '/') prefix.push_back('/');
+  const auto stat_range = [&](std::size_t begin, std::size_t end) {
+    std::string full = prefix;
+    for (std::size_t i = begin; i < end; ++i) {
+      full.resize(prefix.size());
+      full.append(paths[i]);
+      stamps[i] = regular_file_stamp(full.c_str());
+    }
+  };
+  const std::size_t cores = std::max(1u, std::thread::hardware_concurrency());
+  if (paths.size() < kParallelStatFrom || cores == 1) {
+    stat_range(0, paths.size());
+    return stamps;
+  }
+  const std::size_t share = (paths.size() + cores - 1) / cores;
+  std::vector<std::thread> workers;
+  for (std::size_t begin = share; begin < paths.size(); begin += share) {
+    workers.emplace_back(stat_range, begin, std::min(paths.size(), begin + share));
+  }
+  stat_range(0, std::min(paths.size(), share));
+  for (auto& worker : workers) worker.join();
+  return stamps;
+}
+
+struct ListedFiles {
+  std::vector<std::string> paths;
+  std::vector<FileStamp> stamps;
+};
+
+// The repository's regular files, sorted and distinct, with their stamps.
+ListedFiles listed_files(const fs::path& root) {
+  std::error_code ec;
+  if (!fs::is_directory(root, ec))
+    throw OsError("repository " + root.string() + " is not a folder");
+  bool from_git = false;
+  std::vector<std::string> candidates = git_tracked_files(root, from_git);
+  if (!from_git) candidates = walked_files(root);
+  // Git lists its index already sorted; only the walk needs the sort.
+  if (!std::is_sorted(candidates.begin(), candidates.end())) {
+    std::sort(candidates.begin(), candidates.end());
+  }
+  candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
+  const std::vector<std::optional<FileStamp>> stamps = stamps_of(root, candidates);
+  ListedFiles listed;
+  listed.paths.reserve(candidates.size());
+  listed.stamps.reserve(candidates.size());
+  for (std::size_t i = 0; i < candidates.size(); ++i) {
+    if (!stamps[i]) continue;
+    listed.paths.push_back(std::move(candidates[i]));
+    listed.stamps.push_back(*stamps[i]);
+  }
+  return listed;
+}
+
+// The lower-case extension of a path's last component, with its dot; empty
+// for none (a leading dot starts a name, not an extension).
+std::string lower_extension(std::string_view path) {
+  const auto slash = path.rfind('/');
+  const std::string_view name = slash == std::string_view::npos ? path : path.substr(slash + 1);
   const auto dot = name.rfind('.');
-  if (dot == std::string::npos || dot == 0) return {};
-  std::string extension = name.substr(dot);
+  if (dot == std::string_view::npos || dot == 0) return {};
+  std::string extension(name.substr(dot));
   std::transform(extension.begin(), extension.end(), extension.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   return extension;
@@ -132,29 +199,33 @@ ProcessResult run_process(const std::vector<std::string>& argv) {
   return result;
 }
 
+std::optional<FileStamp> regular_file_stamp(const char* path) {
+  struct stat info {};
+  if (::stat(path, &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
+  FileStamp stamp;
+  stamp.size = static_cast<std::uint64_t>(info.st_size);
+  stamp.mtime_ns = static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
+                   static_cast<std::int64_t>(info.st_mtim.tv_nsec);
+  stamp.inode = static_cast<std::uint64_t>(info.st_ino);
+  return stamp;
+}
+
 std::vector<std::string> list_repository_files(const fs::path& root) {
-  std::error_code ec;
-  if (!fs::is_directory(root, ec))
-    throw OsError("repository " + root.string() + " is not a folder");
-  bool from_git = false;
-  std::vector<std::string> files = git_tracked_files(root, from_git);
-  if (!from_git) files = walked_files(root);
-  std::sort(files.begin(), files.end());
-  files.erase(std::unique(files.begin(), files.end()), files.end());
-  return files;
+  return listed_files(root).paths;
 }
 
 RepositoryIndex index_repository(const fs::path& root, const PlannerSettings& settings) {
   RepositoryIndex index;
-  index.files = list_repository_files(root);
-  for (const auto& path : index.files) {
-    const std::string extension = lower_extension(path);
-    if (extension.empty()) continue;
-    if (std::find(settings.code_extensions.begin(), settings.code_extensions.end(), extension) !=
-        settings.code_extensions.end()) {
-      index.source_files.push_back(path);
-    }
+  ListedFiles listed = listed_files(root);
+  const std::unordered_set<std::string_view> code_extensions(settings.code_extensions.begin(),
+                                                             settings.code_extensions.end());
+  for (std::size_t i = 0; i < listed.paths.size(); ++i) {
+    const std::string extension = lower_extension(listed.paths[i]);
+    if (extension.empty() || code_extensions.count(extension) == 0) continue;
+    index.source_files.push_back(listed.paths[i]);
+    index.source_stamps.push_back(listed.stamps[i]);
   }
+  index.files = std::move(listed.paths);
   return index;
 }
 
