@@ -68,14 +68,6 @@ std::vector<Json> read_plan_log(const std::filesystem::path& wiki_dir, std::size
 
 // ---- file hashing ----
 
-// What identifies a file's content without reading it.
-struct FileStamp {
-  std::uint64_t size = 0;
-  std::int64_t mtime_ns = 0;
-  std::uint64_t inode = 0;
-  bool operator==(const FileStamp&) const = default;
-};
-
 // Path -> what the store's hash cache remembers of it (sqlite_store.hpp).
 using FileHashCache = std::unordered_map<std::string, CachedFileHash>;
 
@@ -96,6 +88,9 @@ class FileHasher {
   void load_cache(FileHashCache cache);
   // Hashes every path not yet known, on all cores when there are many.
   void prefetch(const std::vector<std::string>& paths);
+  // The same, trusting `stamps` (one per path, taken this build) instead of
+  // asking the file system again.
+  void prefetch(const std::vector<std::string>& paths, const std::vector<FileStamp>& stamps);
   // Hashes of `paths` in the order asked; a path that is not a regular file
   // is left out. A path that would leave the root is a ValueError.
   Json hashes(const std::vector<std::string>& paths);
@@ -116,9 +111,16 @@ class FileHasher {
   };
   std::optional<FileStamp> stat_file(const std::string& path) const;
   void hash_tasks(std::vector<Task>& tasks);
-  void learn(const std::vector<std::string>& paths);
+  // `stamps`, when given, holds one stamp per path.
+  void learn(const std::vector<std::string>& paths, const std::vector<FileStamp>* stamps);
+  // `paths` in normal form: the list itself when every path already is, else
+  // `normal` filled with their normal forms.
+  const std::vector<std::string>& normal_paths(const std::vector<std::string>& paths,
+                                               std::vector<std::string>& normal) const;
 
   std::filesystem::path root_;
+  // root_ as text ending in "/", to which a relative path is appended.
+  std::string root_prefix_;
   FileReader reader_;
   bool progress_;
   FileHashCache cache_;
@@ -217,7 +219,8 @@ class WikiGenerator : public PlanRecordMixin {
 
  private:
   // Retires, persists and updates rows so the store holds the pinned plan.
-  void record_plan(const PinResult& pinned, bool replan);
+  // Returns whether it wrote anything (else `existing_` still holds the rows).
+  bool record_plan(const PinResult& pinned, bool replan);
   // Hashes every source file once, from the cache where it can.
   void prefetch_hashes();
   void save_hash_cache();

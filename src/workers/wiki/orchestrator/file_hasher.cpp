@@ -10,6 +10,7 @@
 #include <cstring>
 #include <exception>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <mutex>
 #include <string_view>
@@ -38,8 +39,25 @@ std::int64_t now_ns() {
       .count();
 }
 
+// A repository-relative path that is already in normal form and stays inside
+// the root: no backslash, no empty, "." or ".." component. Almost every path
+// is, and checking costs far less than normalising.
+bool is_plain_relative(std::string_view path) {
+  if (path.empty() || path.find('\\') != std::string_view::npos) return false;
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t slash = path.find('/', start);
+    const std::string_view part =
+        path.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+    if (part.empty() || part == "." || part == "..") return false;
+    if (slash == std::string_view::npos) return true;
+    start = slash + 1;
+  }
+}
+
 // The repository-relative path in normal form; never one that leaves the root.
 std::string checked_relative(const std::string& path) {
+  if (is_plain_relative(path)) return path;
   if (!path.empty() && (path.front() == '/' || path.front() == '\\')) {
     throw ValueError("path " + path + " leaves the repository root");
   }
@@ -66,7 +84,9 @@ std::string read_whole_file(const fs::path& path) {
 }
 
 FileHasher::FileHasher(fs::path root, FileReader reader, bool progress)
-    : root_(std::move(root)), reader_(std::move(reader)), progress_(progress) {
+    : root_(std::move(root)), root_prefix_(root_.string()), reader_(std::move(reader)),
+      progress_(progress) {
+  if (!root_prefix_.empty() && root_prefix_.back() != '/') root_prefix_.push_back('/');
   if (!reader_) reader_ = read_whole_file;
   begin_build();
 }
@@ -79,14 +99,7 @@ void FileHasher::begin_build() {
 void FileHasher::load_cache(FileHashCache cache) { cache_ = std::move(cache); }
 
 std::optional<FileStamp> FileHasher::stat_file(const std::string& path) const {
-  struct stat info {};
-  if (::stat((root_ / path).c_str(), &info) != 0 || !S_ISREG(info.st_mode)) return std::nullopt;
-  FileStamp stamp;
-  stamp.size = static_cast<std::uint64_t>(info.st_size);
-  stamp.mtime_ns = static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1'000'000'000 +
-                   static_cast<std::int64_t>(info.st_mtim.tv_nsec);
-  stamp.inode = static_cast<std::uint64_t>(info.st_ino);
-  return stamp;
+  return regular_file_stamp((root_prefix_ + path).c_str());
 }
 
 void FileHasher::hash_tasks(std::vector<Task>& tasks) {
@@ -147,25 +160,33 @@ void FileHasher::hash_tasks(std::vector<Task>& tasks) {
   if (shown) show_progress(true);
 }
 
-void FileHasher::learn(const std::vector<std::string>& paths) {
+void FileHasher::learn(const std::vector<std::string>& paths,
+                       const std::vector<FileStamp>* stamps) {
   std::vector<Task> tasks;
-  std::unordered_set<std::string> queued;
-  for (const auto& path : paths) {
-    if (known_.count(path) != 0 || !queued.insert(path).second) continue;
-    const auto stamp = stat_file(path);
-    if (!stamp) {
-      known_[path] = Known{};
-      continue;
-    }
+  known_.reserve(known_.size() + paths.size());
+  for (std::size_t i = 0; i < paths.size(); ++i) {
+    const std::string& path = paths[i];
+    // A path met before, this call included, is known or already queued.
+    const auto [slot, fresh] = known_.try_emplace(path);
+    if (!fresh) continue;
+    const std::optional<FileStamp> stamp =
+        stamps != nullptr ? std::optional<FileStamp>((*stamps)[i]) : stat_file(path);
+    if (!stamp) continue;  // stays known as no file
     const auto cached = cache_.find(path);
     if (cached != cache_.end() && cached->second.size == stamp->size &&
         cached->second.mtime_ns == stamp->mtime_ns && cached->second.inode == stamp->inode) {
-      known_[path] = Known{true, cached->second.hash};
+      slot->second = Known{true, cached->second.hash};
       continue;
     }
     tasks.push_back(Task{path, *stamp, {}});
   }
-  hash_tasks(tasks);
+  try {
+    hash_tasks(tasks);
+  } catch (...) {
+    // Nothing is known of a file whose hashing failed: a later call tries again.
+    for (const auto& task : tasks) known_.erase(task.path);
+    throw;
+  }
   for (auto& task : tasks) {
     known_[task.path] = Known{true, task.hash};
     if (task.stamp.mtime_ns < build_started_ns_ - kRacyWindowNs) {
@@ -176,18 +197,36 @@ void FileHasher::learn(const std::vector<std::string>& paths) {
   }
 }
 
-void FileHasher::prefetch(const std::vector<std::string>& paths) {
-  std::vector<std::string> normal;
+const std::vector<std::string>& FileHasher::normal_paths(const std::vector<std::string>& paths,
+                                                        std::vector<std::string>& normal) const {
+  if (std::all_of(paths.begin(), paths.end(),
+                  [](const std::string& path) { return is_plain_relative(path); })) {
+    return paths;
+  }
   normal.reserve(paths.size());
   for (const auto& path : paths) normal.push_back(checked_relative(path));
-  learn(normal);
+  return normal;
+}
+
+void FileHasher::prefetch(const std::vector<std::string>& paths) {
+  std::vector<std::string> normal;
+  learn(normal_paths(paths, normal), nullptr);
+}
+
+void FileHasher::prefetch(const std::vector<std::string>& paths,
+                          const std::vector<FileStamp>& stamps) {
+  if (stamps.size() != paths.size()) {
+    throw ValueError("prefetch: " + std::to_string(paths.size()) + " paths but " +
+                     std::to_string(stamps.size()) + " stamps");
+  }
+  std::vector<std::string> normal;
+  learn(normal_paths(paths, normal), &stamps);
 }
 
 Json FileHasher::hashes(const std::vector<std::string>& paths) {
-  std::vector<std::string> normal;
-  normal.reserve(paths.size());
-  for (const auto& path : paths) normal.push_back(checked_relative(path));
-  learn(normal);
+  std::vector<std::string> scratch;
+  const std::vector<std::string>& normal = normal_paths(paths, scratch);
+  learn(normal, nullptr);
   // Entries are appended, not assigned through operator[]: an ordered object
   // finds a key by a linear search, so a page of n files cost n * n string
   // compares (the catch-all page of a large repository holds most of its
@@ -195,11 +234,17 @@ Json FileHasher::hashes(const std::vector<std::string>& paths) {
   Json result = Json::object();
   auto& entries = result.get_ref<Json::object_t&>();
   entries.reserve(normal.size());
+  // Paths asked in strictly increasing order (as a page's sorted files are)
+  // cannot repeat, and need no set to find repeats.
+  const bool distinct = std::adjacent_find(normal.begin(), normal.end(),
+                                           std::greater_equal<>()) == normal.end();
   std::unordered_set<std::string_view> seen;
-  seen.reserve(normal.size());
+  if (!distinct) seen.reserve(normal.size());
   for (const auto& path : normal) {
     const Known& known = known_.at(path);
-    if (known.is_file && seen.insert(path).second) entries.emplace_back(path, known.hash);
+    if (known.is_file && (distinct || seen.insert(path).second)) {
+      entries.emplace_back(path, known.hash);
+    }
   }
   return result;
 }

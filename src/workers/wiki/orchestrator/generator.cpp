@@ -2,6 +2,7 @@
 // mixins reach.
 #include <algorithm>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <sstream>
 #include <unordered_set>
@@ -25,6 +26,22 @@ std::unique_ptr<WikiStore> open_default_store(const fs::path& repo_root) {
 
 std::string rel_path_of(const std::string& page_id) { return "pages/" + page_id + ".md"; }
 
+// A plan's files as its row stores them: distinct and sorted. A plan's list
+// usually is already, and then is used as it stands instead of copied.
+const std::vector<std::string>& stored_files_of(const PagePlan& plan,
+                                                std::vector<std::string>& scratch) {
+  if (std::adjacent_find(plan.source_files.begin(), plan.source_files.end(),
+                         std::greater_equal<>()) == plan.source_files.end()) {
+    return plan.source_files;
+  }
+  scratch = plan.stored_source_files();
+  return scratch;
+}
+
+const std::vector<std::string>& related_of(const PagePlan& plan) {
+  return plan.children.empty() ? plan.related_pages : plan.children;
+}
+
 // The columns a row takes from its plan; the rest (hashes, content hash,
 // build cache, status) are the caller's to fill.
 WikiPageColumns structural_columns(const PagePlan& plan) {
@@ -35,7 +52,7 @@ WikiPageColumns structural_columns(const PagePlan& plan) {
   columns.parent_section = section_of(plan);
   columns.rel_path = rel_path_of(plan.page_id);
   columns.source_files = plan.stored_source_files();
-  columns.related_pages = plan.children.empty() ? plan.related_pages : plan.children;
+  columns.related_pages = related_of(plan);
   columns.page_type = plan.type;
   return columns;
 }
@@ -51,15 +68,46 @@ void keep_row_state(const Json& row, WikiPageColumns& columns) {
   columns.build_cache = cache == nullptr ? Json::object() : *cache;
 }
 
-bool same_structure(const Json& row, const std::string& title, const WikiPageColumns& columns) {
-  return row_text(row, "title") == title && row_text(row, "description") == columns.description &&
-         row_text(row, "importance") == columns.importance &&
-         row_text(row, "level") == columns.level &&
-         row_text(row, "parent_section") == columns.parent_section &&
-         row_text(row, "rel_path") == columns.rel_path &&
-         row_text_list(row, "source_files") == columns.source_files &&
-         row_text_list(row, "related_pages") == columns.related_pages &&
-         row_text(row, "page_type") == columns.page_type;
+// Whether the row's text under `key` reads as `text`, with row_text's rules
+// (an empty value reads as "", a value of another type is a TypeError) but
+// without copying the stored text.
+bool row_text_is(const Json& row, std::string_view key, std::string_view text) {
+  const Json* value = find_value(row, key);
+  if (value == nullptr || is_empty(*value)) return text.empty();
+  if (!value->is_string()) return row_text(row, key) == text;  // throws the TypeError
+  return value->get_ref<const std::string&>() == text;
+}
+
+// The same for a list of texts, with row_text_list's rules.
+bool row_list_is(const Json& row, std::string_view key, const std::vector<std::string>& texts) {
+  const Json* value = find_value(row, key);
+  if (value == nullptr || is_empty(*value)) return texts.empty();
+  if (!value->is_array()) return row_text_list(row, key) == texts;  // throws the TypeError
+  if (value->size() != texts.size()) {
+    // Still read whole, so a non-text item is the same TypeError either way.
+    return row_text_list(row, key) == texts;
+  }
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const Json& item = (*value)[i];
+    if (!item.is_string()) return row_text_list(row, key) == texts;  // throws the TypeError
+    if (item.get_ref<const std::string&>() != texts[i]) return false;
+  }
+  return true;
+}
+
+// Whether the row already holds what the plan would write: then the build
+// leaves it alone.
+bool same_structure(const Json& row, const PagePlan& plan,
+                    const std::vector<std::string>& stored_files) {
+  return row_text_is(row, "title", plan.title) &&
+         row_text_is(row, "description", plan.description) &&
+         row_text_is(row, "importance", plan.importance.empty() ? "medium" : plan.importance) &&
+         row_text_is(row, "level", plan.level) &&
+         row_text_is(row, "parent_section", section_of(plan)) &&
+         row_text_is(row, "rel_path", rel_path_of(plan.page_id)) &&
+         row_list_is(row, "source_files", stored_files) &&
+         row_list_is(row, "related_pages", related_of(plan)) &&
+         row_text_is(row, "page_type", plan.type);
 }
 
 std::map<std::string, std::string> as_map(const Json* mapping) {
@@ -124,7 +172,7 @@ Derivation WikiGenerator::derive(bool replan) {
   return derivation;
 }
 
-void WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
+bool WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
   std::unordered_set<std::string> planned;
   for (const auto& plan : pinned.plans) planned.insert(plan->page_id);
   std::vector<std::string> retired;
@@ -137,39 +185,50 @@ void WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
     }
   }
 
+  // The stored rows are read again only after a write: a build over an
+  // unchanged repository writes nothing and reads the branch's rows once.
+  bool wrote = !retired.empty() || replan;
   auto transaction = repository_->db().transaction();
   _retire_pages(retired);
   if (replan) {
     _apply_replan(pinned.plans);
   } else {
-    _reload_existing();
-    _persist_plan_skeleton(pinned.plans);
+    if (wrote) _reload_existing();
+    if (_persist_plan_skeleton(pinned.plans) > 0) wrote = true;
   }
-  _reload_existing();
-  std::unordered_set<std::string> written;
+  if (wrote) _reload_existing();
+  std::unordered_set<std::string> seen;
+  std::vector<std::string> scratch;
   for (const auto& plan : pinned.plans) {
-    if (!written.insert(plan->page_id).second) continue;
-    WikiPageColumns columns = structural_columns(*plan);
+    if (!seen.insert(plan->page_id).second) continue;
     const auto row = existing_.find(plan->page_id);
+    if (row != existing_.end() && same_structure(row->second, *plan, stored_files_of(*plan, scratch))) {
+      continue;
+    }
+    WikiPageColumns columns = structural_columns(*plan);
     if (row == existing_.end()) {
       // Recorded once, so a planned page of another level is not "added" again
       // in every build.
       columns.source_hashes = stale_marker();
       columns.status = "stale";
-      repository_->upsert_wiki_page(branch_, plan->page_id, plan->title, columns);
-      continue;
+    } else {
+      keep_row_state(row->second, columns);
     }
-    if (same_structure(row->second, plan->title, columns)) continue;
-    keep_row_state(row->second, columns);
     repository_->upsert_wiki_page(branch_, plan->page_id, plan->title, columns);
+    wrote = true;
   }
+  return wrote;
 }
 
 void WikiGenerator::prefetch_hashes() {
   auto* sqlite = dynamic_cast<SqliteWikiStore*>(repository_.get());
   if (!cache_loaded_ && sqlite != nullptr) hasher_.load_cache(sqlite->load_file_hash_cache());
   cache_loaded_ = true;
-  hasher_.prefetch(index_.source_files);
+  if (index_.source_stamps.size() == index_.source_files.size()) {
+    hasher_.prefetch(index_.source_files, index_.source_stamps);
+  } else {
+    hasher_.prefetch(index_.source_files);
+  }
 }
 
 void WikiGenerator::save_hash_cache() {
@@ -191,8 +250,7 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
   }
   // The store first: a build that cannot record its plan leaves no log line
   // behind, so running it again does not log its amendments twice.
-  record_plan(derivation.pinned, replan);
-  _reload_existing();
+  if (record_plan(derivation.pinned, replan)) _reload_existing();
   append_plan_log(wiki_dir_, derivation.pinned.amendments, replan);
   if (!derivation.first_plan) {
     result.drift = drift_signal(derivation.pinned.amendments,

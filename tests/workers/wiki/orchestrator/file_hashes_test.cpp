@@ -116,6 +116,62 @@ TEST_F(FileHashes, ManyFilesAreHashedOnAllCoresWithTheSameResult) {
   EXPECT_EQ(hasher.take_new_entries().size(), 300u);
 }
 
+TEST_F(FileHashes, StampsTakenByTheIndexStandInForAskingTheFileSystem) {
+  write_old("src/a.cpp", "a\n");
+  CountingReader counter;
+  FileHasher hasher(dir_.path(), counter.reader(), false);
+  // A cached entry the file on disk does not match: only a trusted stamp
+  // can make it serve.
+  hasher.load_cache({{"src/a.cpp", CachedFileHash{999, 1, 2, "cafe"}}});
+  hasher.prefetch({"src/a.cpp"}, {FileStamp{999, 1, 2}});
+  EXPECT_EQ(hasher.hashes({"src/a.cpp"}), Json::parse(R"({"src/a.cpp": "cafe"})"));
+  EXPECT_EQ(counter.reads->load(), 0);
+
+  EXPECT_THROW(hasher.prefetch({"src/a.cpp", "src/b.cpp"}, {FileStamp{}}), ValueError);
+}
+
+TEST_F(FileHashes, RebuildOverUnchangedRepositoryReadsTheRowsOnceAndWritesNone) {
+  // Counts what a build asks of the store it is given.
+  class CountingStore final : public WikiStore {
+   public:
+    explicit CountingStore(const fs::path& path) : store_(path) {}
+    Database& db() override { return store_.db(); }
+    void upsert_wiki_page(const std::string& branch, const std::string& page_id,
+                          const std::string& title, const WikiPageColumns& columns) override {
+      ++upserts;
+      store_.upsert_wiki_page(branch, page_id, title, columns);
+    }
+    Existing load_pages(const std::string& branch) override {
+      ++loads;
+      return store_.load_pages(branch);
+    }
+    int upserts = 0;
+    int loads = 0;
+
+   private:
+    SqliteWikiStore store_;
+  };
+  write_old("src/a.cpp", "a\n");
+  write_old("src/b.cpp", "b\n");
+  write_old("lib/c.py", "c\n");
+  const fs::path db = SqliteWikiStore::default_path(dir_.path());
+  const auto build = [&] {
+    auto store = std::make_unique<CountingStore>(db);
+    CountingStore* counts = store.get();
+    WikiGeneratorOptions options;
+    options.progress = false;
+    WikiGenerator host(dir_.path(), "main", std::move(store), options);
+    host.build(false, false);
+    return std::pair{counts->upserts, counts->loads};
+  };
+  const auto [first_upserts, first_loads] = build();
+  EXPECT_EQ(first_upserts, 3);  // overview, module-lib, module-src
+  EXPECT_GT(first_loads, 1);
+  const auto [upserts, loads] = build();
+  EXPECT_EQ(upserts, 0);
+  EXPECT_EQ(loads, 1);
+}
+
 TEST_F(FileHashes, PathsLeavingTheRootAreRefused) {
   FileHasher hasher(dir_.path(), read_whole_file, false);
   for (const std::string path : {"../outside.cpp", "/etc/passwd", "a/../b.cpp"}) {
