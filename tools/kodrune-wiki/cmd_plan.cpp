@@ -1,6 +1,7 @@
 // `kodrune-wiki plan`: one build, printed as a table grouped by section, with
 // the run's amendments, the replan remap and the drift warning.
 #include <algorithm>
+#include <functional>
 #include <iostream>
 #include <map>
 
@@ -65,6 +66,16 @@ void print_table(std::ostream& out, const std::vector<std::vector<std::string>>&
   }
 }
 
+// How many distinct files a plan lists. Its list is nearly always sorted and
+// distinct already, and then the catch-all page's is not copied to be counted.
+std::size_t distinct_file_count(const wiki::PagePlan& plan) {
+  const auto& files = plan.source_files;
+  if (std::adjacent_find(files.begin(), files.end(), std::greater_equal<>()) == files.end()) {
+    return files.size();
+  }
+  return plan.stored_source_files().size();
+}
+
 void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildResult& result) {
   std::size_t counts[3] = {0, 0, 0};
   for (const auto& plan : result.plans) {
@@ -91,7 +102,7 @@ void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildR
       const auto why = result.why.find(plan->page_id);
       if (why != result.why.end()) state += " (" + why->second + ")";
       const std::size_t files =
-          plan->children.empty() ? plan->stored_source_files().size() : plan->children.size();
+          plan->children.empty() ? distinct_file_count(*plan) : plan->children.size();
       rows.push_back(
           {plan->page_id, plan->title, plan->level, plan->importance,
            plan->children.empty() ? std::to_string(files) : std::to_string(files) + " parts",

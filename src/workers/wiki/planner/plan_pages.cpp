@@ -1,8 +1,8 @@
 // The planner proper: code units, the page budget, families and the
 // catch-all page. Pure: the same source files always give the same plan.
 #include <algorithm>
+#include <functional>
 #include <map>
-#include <set>
 #include <unordered_set>
 
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
@@ -75,11 +75,33 @@ std::string folder_of(std::string_view path) {
 }
 
 PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerSettings& settings) {
+  // The index hands over its files sorted and distinct; any other list is
+  // put in that form first.
+  std::vector<std::string> sorted_copy;
+  const std::vector<std::string>* files = &source_files;
+  if (std::adjacent_find(source_files.begin(), source_files.end(), std::greater_equal<>()) !=
+      source_files.end()) {
+    sorted_copy = source_files;
+    std::sort(sorted_copy.begin(), sorted_copy.end());
+    sorted_copy.erase(std::unique(sorted_copy.begin(), sorted_copy.end()), sorted_copy.end());
+    files = &sorted_copy;
+  }
+
   std::map<std::string, Unit> units;
-  for (const auto& path : std::set<std::string>(source_files.begin(), source_files.end())) {
-    Unit& unit = units[folder_of(path)];
-    unit.folder = folder_of(path);
-    unit.files.push_back(path);
+  // The unit of each file, by position in `files`: sorted files of one folder
+  // mostly come together, and the catch-all page takes its files in this order.
+  std::vector<Unit*> unit_of(files->size(), nullptr);
+  Unit* last = nullptr;
+  for (std::size_t i = 0; i < files->size(); ++i) {
+    const std::string& path = (*files)[i];
+    std::string folder = folder_of(path);
+    if (last == nullptr || last->folder != folder) {
+      auto [at, fresh] = units.try_emplace(std::move(folder));
+      if (fresh) at->second.folder = at->first;
+      last = &at->second;
+    }
+    last->files.push_back(path);
+    unit_of[i] = last;
   }
 
   std::vector<const Unit*> by_size;
@@ -89,11 +111,12 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
                    [](const Unit* a, const Unit* b) { return a->files.size() > b->files.size(); });
   const std::size_t kept_count = std::min(by_size.size(), settings.page_budget);
   std::vector<const Unit*> kept(by_size.begin(), by_size.begin() + kept_count);
+  const std::unordered_set<const Unit*> kept_set(kept.begin(), kept.end());
+  // The files past the budget, in sorted order without a sort of their own.
   std::vector<std::string> leftover;
-  for (std::size_t i = kept_count; i < by_size.size(); ++i) {
-    leftover.insert(leftover.end(), by_size[i]->files.begin(), by_size[i]->files.end());
+  for (std::size_t i = 0; i < files->size(); ++i) {
+    if (kept_set.count(unit_of[i]) == 0) leftover.push_back((*files)[i]);
   }
-  std::sort(leftover.begin(), leftover.end());
 
   // The top fifth, rounded up, of the kept units by file count.
   const std::size_t high_count = (kept.size() + 4) / 5;
