@@ -1,10 +1,13 @@
 // PCRE2 wrapper: compile once (JIT when the library has it), match per call.
+// Each thread keeps one match data block for every pattern: allocating one per
+// match cost more than matching a short citation link.
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include "zenthar_kodrune/workers/wiki/regex.hpp"
 
 #include <pcre2.h>
 
-#include <memory>
+#include <algorithm>
+#include <new>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
@@ -14,9 +17,26 @@ namespace {
 
 pcre2_code* code_of(void* code) { return static_cast<pcre2_code*>(code); }
 
-struct MatchDataDeleter {
-  void operator()(pcre2_match_data* data) const { pcre2_match_data_free(data); }
-};
+// The calling thread's match data, with room for at least `pairs` offset
+// pairs. A match copies its offsets out before returning, so one block serves
+// every pattern and every nested caller of the thread.
+pcre2_match_data* thread_match_data(std::uint32_t pairs) {
+  struct Block {
+    pcre2_match_data* data = nullptr;
+    std::uint32_t pairs = 0;
+    ~Block() { pcre2_match_data_free(data); }
+  };
+  thread_local Block block;
+  if (block.pairs < pairs) {
+    const std::uint32_t grown_pairs = std::max<std::uint32_t>(pairs, 16);
+    pcre2_match_data* grown = pcre2_match_data_create(grown_pairs, nullptr);
+    if (grown == nullptr) throw std::bad_alloc();
+    pcre2_match_data_free(block.data);
+    block.data = grown;
+    block.pairs = grown_pairs;
+  }
+  return block.data;
+}
 
 }  // namespace
 
@@ -43,20 +63,18 @@ Regex::Regex(std::string_view pattern, std::uint32_t options) : pattern_(pattern
 Regex::~Regex() { pcre2_code_free(code_of(code_)); }
 
 std::optional<std::vector<std::string_view>> Regex::match(std::string_view subject) const {
-  std::unique_ptr<pcre2_match_data, MatchDataDeleter> data(
-      pcre2_match_data_create_from_pattern(code_of(code_), nullptr));
-  if (!data) throw std::bad_alloc();
+  std::uint32_t groups = 0;
+  pcre2_pattern_info(code_of(code_), PCRE2_INFO_CAPTURECOUNT, &groups);
+  pcre2_match_data* data = thread_match_data(groups + 1);
   const int rc = pcre2_match(code_of(code_), reinterpret_cast<PCRE2_SPTR>(subject.data()),
-                             subject.size(), 0, 0, data.get(), nullptr);
+                             subject.size(), 0, 0, data, nullptr);
   if (rc == PCRE2_ERROR_NOMATCH) return std::nullopt;
   if (rc < 0) {
     PCRE2_UCHAR message[256];
     pcre2_get_error_message(rc, message, sizeof message);
     throw ValueError("matching \"" + pattern_ + "\" failed: " + reinterpret_cast<const char*>(message));
   }
-  std::uint32_t groups = 0;
-  pcre2_pattern_info(code_of(code_), PCRE2_INFO_CAPTURECOUNT, &groups);
-  const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(data.get());
+  const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(data);
   std::vector<std::string_view> out;
   out.reserve(groups + 1);
   for (std::uint32_t i = 0; i <= groups; ++i) {

@@ -22,11 +22,26 @@ namespace {
 
 using DigestContext = std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)>;
 
-DigestContext new_sha256() {
-  DigestContext context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-  if (!context || EVP_DigestInit_ex(context.get(), EVP_sha256(), nullptr) != 1) {
+// SHA-256 fetched from the provider once. Handing EVP_sha256() to every init
+// makes OpenSSL 3 look the algorithm up again on each digest, which cost more
+// than hashing a short text.
+const EVP_MD* sha256() {
+  static const std::unique_ptr<EVP_MD, decltype(&EVP_MD_free)> md(
+      EVP_MD_fetch(nullptr, "SHA256", nullptr), &EVP_MD_free);
+  if (!md) throw OsError("could not fetch the SHA-256 digest");
+  return md.get();
+}
+
+void start_sha256(EVP_MD_CTX* context) {
+  if (EVP_DigestInit_ex2(context, sha256(), nullptr) != 1) {
     throw OsError("could not start a SHA-256 digest");
   }
+}
+
+DigestContext new_sha256() {
+  DigestContext context(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
+  if (!context) throw OsError("could not start a SHA-256 digest");
+  start_sha256(context.get());
   return context;
 }
 
@@ -79,7 +94,14 @@ std::string _norm(std::string_view path) {
 }
 
 std::string _text_hash(std::string_view text) {
-  DigestContext context = new_sha256();
+  // One context per thread, started afresh for each text: section maps hash
+  // many short texts, and a new context per text was a visible share of it.
+  thread_local DigestContext context(nullptr, &EVP_MD_CTX_free);
+  if (!context) {
+    context.reset(EVP_MD_CTX_new());
+    if (!context) throw OsError("could not start a SHA-256 digest");
+  }
+  start_sha256(context.get());
   digest_update(context.get(), text.data(), text.size());
   return digest_hex(context.get());
 }

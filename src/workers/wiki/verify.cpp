@@ -36,26 +36,37 @@ std::int64_t line_number(std::string_view digits) {
 
 }  // namespace
 
-Json prose_citations(std::string_view text) {
-  Json out = Json::array();
-  std::size_t pos = text.find('[');
+std::optional<ProseCitation> next_prose_citation(std::string_view text, std::size_t& pos) {
+  pos = text.find('[', pos);
   while (pos != std::string_view::npos) {
     // The pattern is matched anchored at each "[" in turn; its "^" keeps a
     // match from starting after an invalid sequence instead (PCRE2 restarts
     // there under MATCH_INVALID_UTF even when anchored).
-    const std::string_view rest = text.substr(pos);
-    auto groups = kCitationLinkRe.match(rest);
+    auto groups = kCitationLinkRe.match(text.substr(pos));
     if (!groups) {
       pos = text.find('[', pos + 1);
       continue;
     }
-    const std::int64_t start = line_number((*groups)[2]);
+    ProseCitation citation;
+    citation.path = (*groups)[1];
+    citation.line_start = line_number((*groups)[2]);
+    citation.line_end = (*groups)[3].empty() ? citation.line_start : line_number((*groups)[3]);
+    pos += (*groups)[0].size();
+    return citation;
+  }
+  pos = text.size();
+  return std::nullopt;
+}
+
+Json prose_citations(std::string_view text) {
+  Json out = Json::array();
+  std::size_t pos = 0;
+  while (auto written = next_prose_citation(text, pos)) {
     Json citation = Json::object();
-    citation["path"] = std::string((*groups)[1]);
-    citation["line_start"] = start;
-    citation["line_end"] = (*groups)[3].empty() ? start : line_number((*groups)[3]);
+    citation["path"] = std::string(written->path);
+    citation["line_start"] = written->line_start;
+    citation["line_end"] = written->line_end;
     out.push_back(std::move(citation));
-    pos = text.find('[', pos + (*groups)[0].size());
   }
   return out;
 }

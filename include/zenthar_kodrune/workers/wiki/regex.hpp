@@ -1,5 +1,5 @@
 // A PCRE2 pattern compiled once and matched many times (JIT when available).
-// Match data is allocated per call, so one compiled pattern serves any thread.
+// Match data is kept per thread, so one compiled pattern serves any thread.
 #pragma once
 
 #include <cstdint>

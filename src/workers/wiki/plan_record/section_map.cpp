@@ -10,11 +10,14 @@
 // anywhere after "## " is no heading, and every heading returned is valid UTF-8.
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
+#include <tsl/ordered_map.h>
 
 #include <algorithm>
-#include <set>
+#include <deque>
+#include <functional>
+#include <optional>
 #include <string_view>
-#include <unordered_map>
+#include <vector>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -45,6 +48,14 @@ std::string value_text(const Json& value) {
   return value.is_string() ? value.get<std::string>() : value.dump();
 }
 
+Json text_list(const std::vector<std::string_view>& texts) {
+  Json list = Json::array();
+  auto& items = list.get_ref<Json::array_t&>();
+  items.reserve(texts.size());
+  for (std::string_view text : texts) items.emplace_back(std::string(text));
+  return list;
+}
+
 const Json& require_list(const Json& value, const char* what) {
   if (!value.is_array()) {
     throw TypeError(std::string(what) + " must be a list, not " + value.type_name());
@@ -52,41 +63,128 @@ const Json& require_list(const Json& value, const char* what) {
   return value;
 }
 
+// A section as spans of the body: the section's lines joined with line feeds
+// are exactly the body from its first line's start to its last line's end.
+struct SectionSpan {
+  std::string_view heading;
+  std::string_view text;
+};
+
+std::vector<SectionSpan> section_spans(std::string_view body) {
+  struct Open {
+    std::string_view heading;
+    std::size_t begin = 0;
+    std::size_t end = 0;
+    bool has_lines = false;
+  };
+  std::vector<Open> sections(1);
+  bool in_fence = false;
+  std::size_t start = 0;
+  while (true) {
+    const std::size_t found = body.find('\n', start);
+    const std::size_t end = found == std::string_view::npos ? body.size() : found;
+    const std::string_view line = body.substr(start, end - start);
+    if (is_fence_line(line)) in_fence = !in_fence;
+    // The closing line of a fence is tested as well; it cannot match.
+    if (!in_fence && line.starts_with("##")) {
+      if (auto groups = _SECTION_RE.match(line)) sections.push_back({(*groups)[1], 0, 0, false});
+    }
+    Open& last = sections.back();
+    if (!last.has_lines) last.begin = start;
+    last.end = end;
+    last.has_lines = true;
+    if (found == std::string_view::npos) break;
+    start = found + 1;
+  }
+  std::vector<SectionSpan> out;
+  out.reserve(sections.size());
+  for (const auto& section : sections) {
+    out.push_back({section.heading, section.has_lines
+                                        ? body.substr(section.begin, section.end - section.begin)
+                                        : std::string_view()});
+  }
+  return out;
+}
+
+// A citation identity whose path is a view: into a stored citation, into the
+// body, or into text kept by the call. Looking prose citations up this way
+// builds no record and no string per link.
+struct IdentityView {
+  std::string_view path;
+  std::int64_t line_start = 0;
+  std::int64_t line_end = 0;
+  bool operator==(const IdentityView&) const = default;
+};
+
+struct IdentityViewHash {
+  std::size_t operator()(const IdentityView& key) const noexcept {
+    std::size_t h = std::hash<std::string_view>{}(key.path);
+    h ^= std::hash<std::int64_t>{}(key.line_start) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+    h ^= std::hash<std::int64_t>{}(key.line_end) + 0x9e3779b97f4a7c15ULL + (h << 6) + (h >> 2);
+    return h;
+  }
+};
+
+// An index built once per call and dropped with it: entries in one vector,
+// found by open addressing, so building it allocates nothing per entry.
+template <typename Key, typename Value, typename Hash = std::hash<Key>>
+using IndexOf = tsl::ordered_map<Key, Value, Hash, std::equal_to<Key>,
+                                 std::allocator<std::pair<Key, Value>>,
+                                 std::vector<std::pair<Key, Value>>>;
+
+// A stored citation as the index holds it. A text "symbol" is kept as a view;
+// any other symbol is read from the citation only when a section cites it,
+// since writing it out as JSON can fail and must fail only then.
+struct StoredCitation {
+  enum class Symbol { kNone, kText, kOther };
+  const Json* citation = nullptr;
+  Symbol symbol_kind = Symbol::kNone;
+  std::string_view symbol;
+};
+
+StoredCitation::Symbol symbol_kind(const Json& symbol) {
+  if (symbol.is_null()) return StoredCitation::Symbol::kNone;
+  return symbol.is_string() ? StoredCitation::Symbol::kText : StoredCitation::Symbol::kOther;
+}
+
+// The identity of a stored citation in the common shape (a mapping whose
+// "path" is text or absent and whose lines are integers or absent), read in
+// place along with its symbol; nullopt for any other shape, which
+// `citation_key` then reads, with its conversions and its errors.
+std::optional<std::pair<IdentityView, StoredCitation>> plain_citation(const Json& citation) {
+  if (!citation.is_object()) return std::nullopt;
+  IdentityView key;
+  StoredCitation stored;
+  stored.citation = &citation;
+  for (auto it = citation.begin(); it != citation.end(); ++it) {
+    const std::string& name = it.key();
+    const Json& value = it.value();
+    if (name == "path") {
+      if (!value.is_string()) return std::nullopt;
+      key.path = value.get_ref<const std::string&>();
+    } else if (name == "line_start") {
+      if (!value.is_number_integer()) return std::nullopt;
+      key.line_start = value.get<std::int64_t>();
+    } else if (name == "line_end") {
+      if (!value.is_number_integer()) return std::nullopt;
+      key.line_end = value.get<std::int64_t>();
+    } else if (name == "symbol") {
+      stored.symbol_kind = symbol_kind(value);
+      if (value.is_string()) stored.symbol = value.get_ref<const std::string&>();
+    }
+  }
+  return std::make_pair(key, stored);
+}
+
 }  // namespace
 
 const Regex _SECTION_RE(R"(^##[ \t]+(\S.*?)[ \t#]*$)", kUnicodeOptions);
 
 std::vector<std::pair<std::string, std::string>> _sections(std::string_view body) {
-  struct Section {
-    std::string heading;
-    std::string text;
-    bool has_lines = false;
-  };
-  std::vector<Section> sections(1);
-  bool in_fence = false;
-  std::size_t start = 0;
-  while (true) {
-    const std::size_t end = body.find('\n', start);
-    const std::string_view line =
-        body.substr(start, end == std::string_view::npos ? std::string_view::npos : end - start);
-    if (is_fence_line(line)) in_fence = !in_fence;
-    // The closing line of a fence is tested as well; it cannot match.
-    if (!in_fence && line.starts_with("##")) {
-      if (auto groups = _SECTION_RE.match(line)) {
-        sections.push_back({std::string((*groups)[1]), {}, false});
-      }
-    }
-    Section& last = sections.back();
-    if (last.has_lines) last.text.push_back('\n');
-    last.text.append(line);
-    last.has_lines = true;
-    if (end == std::string_view::npos) break;
-    start = end + 1;
-  }
   std::vector<std::pair<std::string, std::string>> out;
-  out.reserve(sections.size());
-  for (auto& section : sections)
-    out.emplace_back(std::move(section.heading), std::move(section.text));
+  for (const auto& section : section_spans(body)) {
+    out.emplace_back(std::string(section.heading), std::string(section.text));
+  }
   return out;
 }
 
@@ -94,18 +192,37 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
   if (!is_empty(file_hashes) && !file_hashes.is_object()) {
     throw TypeError(std::string("file_hashes must be a mapping, not ") + file_hashes.type_name());
   }
+  // Paths and symbols that are not text are written out as JSON; their text
+  // lives here, where growing never moves what is already held.
+  std::deque<std::string> owned;
+
   // Indexed before any section is read, so a bad line number fails the call
   // whatever the body holds. A later citation with the same identity wins.
-  std::unordered_map<CitationKey, const Json*, CitationKeyHash> stored;
+  // Open addressing over one vector of entries: no allocation per citation.
+  IndexOf<IdentityView, StoredCitation, IdentityViewHash> stored;
   if (!citations.is_null()) {
-    for (const Json& citation : require_list(citations, "citations")) {
-      stored.insert_or_assign(citation_key(citation), &citation);
+    const Json& list = require_list(citations, "citations");
+    stored.reserve(list.size());
+    for (const Json& citation : list) {
+      if (auto plain = plain_citation(citation)) {
+        stored.insert_or_assign(plain->first, plain->second);
+        continue;
+      }
+      CitationKey key = citation_key(citation);
+      owned.push_back(std::move(key.path));
+      StoredCitation entry;
+      entry.citation = &citation;
+      if (const Json* symbol = find_value(citation, "symbol")) {
+        entry.symbol_kind = symbol_kind(*symbol);
+        if (symbol->is_string()) entry.symbol = symbol->get_ref<const std::string&>();
+      }
+      stored.insert_or_assign(IdentityView{owned.back(), key.line_start, key.line_end}, entry);
     }
   }
 
   // A Json object finds a key by a linear search: the hashes are indexed once
   // so that each cited file is looked up in constant time.
-  std::unordered_map<std::string_view, const Json*> hash_of;
+  IndexOf<std::string_view, const Json*> hash_of;
   if (file_hashes.is_object()) {
     hash_of.reserve(file_hashes.size());
     for (auto it = file_hashes.begin(); it != file_hashes.end(); ++it) {
@@ -114,41 +231,63 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
   }
 
   Json out = Json::array();
-  for (const auto& [heading, text] : _sections(body)) {
-    std::set<std::string> files;
-    std::set<std::string> symbols;
+  std::vector<std::string_view> files;
+  std::vector<std::string_view> symbols;
+  std::string hash_input;
+  for (const auto& [heading, text] : section_spans(body)) {
+    files.clear();
+    symbols.clear();
     bool cites = false;
-    for (const Json& written : prose_citations(text)) {
-      const CitationKey key = citation_key(written);
-      auto found = stored.find(key);
+    std::size_t pos = 0;
+    while (auto written = next_prose_citation(text, pos)) {
+      auto found = stored.find(IdentityView{written->path, written->line_start, written->line_end});
       if (found == stored.end()) continue;
       cites = true;
-      // The key's path is the stored "path" as text: that is how it matched.
-      files.insert(key.path);
-      const Json* symbol = find_value(*found->second, "symbol");
-      if (symbol != nullptr && !is_empty(*symbol)) symbols.insert(value_text(*symbol));
+      // The stored identity's path is the stored "path" as text: that is how
+      // it matched.
+      files.push_back(found->first.path);
+      const StoredCitation& cite = found->second;
+      if (cite.symbol_kind == StoredCitation::Symbol::kText) {
+        if (!cite.symbol.empty()) symbols.push_back(cite.symbol);
+      } else if (cite.symbol_kind == StoredCitation::Symbol::kOther) {
+        const Json& symbol = *find_value(*cite.citation, "symbol");
+        if (is_empty(symbol)) continue;
+        owned.push_back(symbol.dump());
+        symbols.push_back(owned.back());
+      }
     }
     // Only the text before the first heading has an empty heading; it is
     // listed only when it cites something.
     if (heading.empty() && !cites) continue;
 
+    // Sorted bytewise, which is code-point order for UTF-8; repeats dropped.
+    std::sort(files.begin(), files.end());
+    files.erase(std::unique(files.begin(), files.end()), files.end());
+    std::sort(symbols.begin(), symbols.end());
+    symbols.erase(std::unique(symbols.begin(), symbols.end()), symbols.end());
+
     // One line per file, path NUL hash, so the hash moves exactly when a file
     // joins or leaves the section or its content hash changes. A file without
     // a hash (no entry, or null) gives its path and the NUL alone.
-    std::string hash_input;
-    for (const auto& path : files) {
-      if (&path != &*files.begin()) hash_input.push_back('\n');
-      hash_input.append(path);
+    hash_input.clear();
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      if (i > 0) hash_input.push_back('\n');
+      hash_input.append(files[i]);
       hash_input.push_back('\0');
-      const auto indexed = hash_of.find(std::string_view(path));
+      const auto indexed = hash_of.find(files[i]);
       const Json* hash = indexed == hash_of.end() ? nullptr : indexed->second;
-      if (hash != nullptr && !hash->is_null()) hash_input.append(value_text(*hash));
+      if (hash == nullptr || hash->is_null()) continue;
+      if (hash->is_string()) {
+        hash_input.append(hash->get_ref<const std::string&>());
+      } else {
+        hash_input.append(value_text(*hash));
+      }
     }
 
     Json record = Json::object();
-    record["heading"] = heading;
-    record["files"] = Json(std::vector<std::string>(files.begin(), files.end()));
-    record["symbols"] = Json(std::vector<std::string>(symbols.begin(), symbols.end()));
+    record["heading"] = std::string(heading);
+    record["files"] = text_list(files);
+    record["symbols"] = text_list(symbols);
     record["hash"] = _text_hash(hash_input);
     out.push_back(std::move(record));
   }

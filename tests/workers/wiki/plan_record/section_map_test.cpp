@@ -118,6 +118,24 @@ TEST(SectionMap, RepeatedUnknownAndUnhashedCitations) {
             R"(ea970104fccb60afce7319bf3a35a1e6d9e5605955323744db0c465e113ae6bc"}])");
 }
 
+TEST(SectionMap, StoredValuesThatAreNotTextReadAsTheirJson) {
+  Json numbered_path = citation("x", 1, 1, "n.f");
+  numbered_path["path"] = 7;
+  Json list_symbol = citation("a.py", 2, 2, "");
+  list_symbol["symbol"] = Json::array({"s"});
+  Json false_symbol = citation("a.py", 3, 3, "");
+  false_symbol["symbol"] = false;
+  // Never cited: a symbol that cannot be written out as JSON is never read.
+  Json unwritable_symbol = citation("a.py", 4, 4, "");
+  unwritable_symbol["symbol"] = Json::array({"\xff"});
+  const Json citations = {numbered_path, list_symbol, false_symbol, unwritable_symbol};
+  const Json result =
+      section_map("## S\n[n](7#L1) [l](a.py#L2) [f](a.py#L3)", citations, Json::object());
+  ASSERT_EQ(result.size(), 1u);
+  EXPECT_EQ(result[0]["files"], Json::parse(R"(["7", "a.py"])"));
+  EXPECT_EQ(result[0]["symbols"], Json::parse(R"(["[\"s\"]", "n.f"])"));
+}
+
 TEST(SectionMap, BadStoredLineNumberFailsNamingTheCitation) {
   const Json bad_text = {citation("a.py", "12a", 12)};
   try {
