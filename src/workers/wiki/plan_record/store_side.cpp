@@ -6,6 +6,8 @@
 // selected until it is saved with real hashes; the row's `status` is never
 // what decides.
 #include <algorithm>
+#include <cstddef>
+#include <iterator>
 #include <set>
 #include <string>
 #include <string_view>
@@ -25,17 +27,48 @@ const PagePlan& plan_at(const PlanList& plans, std::size_t index) {
   return *plans[index];
 }
 
+// Beyond this many keys out of step, the stored side is indexed rather than
+// scanned: a page's mapping holds a few dozen keys, a catch-all page's many.
+constexpr std::size_t kScanLimit = 32;
+
 // Mapping equality: the same keys with equal values, whatever their order.
-// A Json object finds a key by a linear search, so the stored side is indexed
-// once to keep the comparison linear in the mapping's size.
+// Stored hashes were recorded by the same code that makes the current ones,
+// so their keys mostly stand in the same order: they are compared in step
+// while they do, with no index at all. Keys are unique within a mapping, so a
+// key met in step with another value settles it, and the keys left once the
+// orders part are the same on both sides or the mappings differ.
 bool same_mapping(const Json& current, const Json& stored) {
   if (!stored.is_object() || current.size() != stored.size()) return false;
+  std::size_t first_apart = 0;
+  if (current.is_object()) {
+    // The entries in their order; the mapping's own [] would look a key up.
+    const auto now = current.get_ref<const Json::object_t&>().begin();
+    const auto then = stored.get_ref<const Json::object_t&>().begin();
+    const std::size_t size = current.size();
+    while (first_apart < size && now[first_apart].first == then[first_apart].first) {
+      if (now[first_apart].second != then[first_apart].second) return false;
+      ++first_apart;
+    }
+    if (first_apart == size) return true;
+    if (size - first_apart <= kScanLimit) {
+      for (std::size_t i = first_apart; i < size; ++i) {
+        std::size_t j = first_apart;
+        while (j < size && then[j].first != now[i].first) ++j;
+        if (j == size || then[j].second != now[i].second) return false;
+      }
+      return true;
+    }
+  }
+  // A Json object finds a key by a linear search, so the stored side is
+  // indexed once to keep the comparison linear in the mapping's size.
   std::unordered_map<std::string_view, const Json*> index;
-  index.reserve(stored.size());
-  for (auto it = stored.begin(); it != stored.end(); ++it) {
+  index.reserve(stored.size() - first_apart);
+  for (auto it = std::next(stored.begin(), static_cast<std::ptrdiff_t>(first_apart));
+       it != stored.end(); ++it) {
     index.emplace(std::string_view(it.key()), &it.value());
   }
-  for (auto it = current.begin(); it != current.end(); ++it) {
+  for (auto it = std::next(current.begin(), static_cast<std::ptrdiff_t>(first_apart));
+       it != current.end(); ++it) {
     auto found = index.find(std::string_view(it.key()));
     if (found == index.end() || *found->second != it.value()) return false;
   }
@@ -103,9 +136,10 @@ std::set<std::string> PlanRecordMixin::_select_stale(const PlanList& plans,
     // A plan without files of its own (a synthesis parent) is hashed over the
     // files of its row: for a parent stored with none, over no file at all,
     // so only the steering or the stale marker can select it.
-    const std::vector<std::string> files =
-        plan.source_files.empty() ? row_text_list(row, "source_files") : plan.source_files;
-    const Json current = _hashes_with_steering(files);
+    std::vector<std::string> row_files;
+    if (plan.source_files.empty()) row_files = row_text_list(row, "source_files");
+    const Json current =
+        _hashes_with_steering(plan.source_files.empty() ? row_files : plan.source_files);
     // An absent "source_hashes" reads as the empty mapping; a present null
     // (or any non-mapping) equals no mapping, so the page is stale.
     const Json* stored = find_value(row, "source_hashes");

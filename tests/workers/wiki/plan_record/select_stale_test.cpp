@@ -70,6 +70,56 @@ TEST(SelectStale, ComparesStoredHashesWhateverTheirOrderOrStatus) {
                                                    Json::parse(R"(["b.py", "a.py", "b.py"])")}));
 }
 
+TEST(SelectStale, MappingsCompareByKeyWhereverTheirOrdersPart) {
+  // 40 files: more keys out of step than are compared by scanning.
+  Json files = Json::object();
+  std::vector<std::string> names;
+  for (int i = 0; i < 40; ++i) {
+    names.push_back("f" + std::to_string(100 + i) + ".py");
+    files[names.back()] = "h" + std::to_string(i);
+  }
+  const auto stored_hashes = [&](bool reversed, const char* changed_file) {
+    Json stored = Json::object();
+    for (std::size_t i = 0; i < names.size(); ++i) {
+      const std::string& name = reversed ? names[names.size() - 1 - i] : names[i];
+      stored[name] = name == changed_file ? Json("other") : files[name];
+    }
+    return stored;
+  };
+  struct Case {
+    const char* name;
+    Json stored;
+    bool stale;
+  };
+  const Case cases[] = {
+      {"same order", stored_hashes(false, ""), false},
+      {"same order, one value changed", stored_hashes(false, "f120.py"), true},
+      {"reversed", stored_hashes(true, ""), false},
+      {"reversed, one value changed", stored_hashes(true, "f101.py"), true},
+      {"in step, then two swapped",
+       Json::parse(R"({"a.py": "ha", "c.py": "hc", "b.py": "hb", "d.py": "hd"})"), false},
+      {"in step, then two swapped, one changed",
+       Json::parse(R"({"a.py": "ha", "c.py": "hc", "b.py": "hX", "d.py": "hd"})"), true},
+      {"as many keys, one of them another",
+       Json::parse(R"({"a.py": "ha", "c.py": "hc", "e.py": "hb", "d.py": "hd"})"), true},
+  };
+  for (const auto& c : cases) {
+    const bool many = c.stored.size() == names.size();
+    Json host_json = {{"files", many ? files : Json::parse(R"({"a.py": "ha", "b.py": "hb",
+                                                                  "c.py": "hc", "d.py": "hd"})")}};
+    RecordingHost host(host_json);
+    Json plan = {{"page_id", "module-p"}, {"source_files", Json::array()}};
+    for (auto it = host_json["files"].begin(); it != host_json["files"].end(); ++it) {
+      plan["source_files"].push_back(it.key());
+    }
+    Existing existing;
+    existing.emplace("module-p", Json{{"source_hashes", c.stored}});
+    EXPECT_EQ(host._select_stale(plans_from_json(Json::array({plan})), existing, false).size(),
+              c.stale ? 1u : 0u)
+        << c.name;
+  }
+}
+
 TEST(SelectStale, SkeletonAndMarkedRowsStayStaleUntilSaved) {
   RecordingHost host(Json::parse(R"({"files": {"a.py": "ha"}})"));
   const PlanList plans = plans_of(R"([{"page_id": "module-a", "source_files": ["a.py"]},
