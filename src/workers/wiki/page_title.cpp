@@ -13,8 +13,11 @@ PlanList keep_agent_titles(PlanList plans, const Existing& existing) {
     const Json& row = found->second;
     const Json* content_hash = find_value(row, "content_hash");
     if (content_hash == nullptr || is_empty(*content_hash)) continue;
-    std::string title = row_text(row, "title");
-    if (!title.empty()) plan->title = std::move(title);
+    const Json* title = find_value(row, "title");
+    if (title == nullptr || is_empty(*title)) continue;
+    // Read in place; a title that is not text raises row_text's own error.
+    if (!title->is_string()) row_text(row, "title");
+    plan->title = title->get_ref<const std::string&>();
   }
   return plans;
 }

@@ -4,8 +4,12 @@
 #include <pcre2.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
+#include <string_view>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -18,11 +22,31 @@ namespace zenthar_kodrune::workers::wiki {
 // ASCII digits only.
 const Regex _CATCH_ALL_RE("^module-additional(-\\d+)?$", PCRE2_DOLLAR_ENDONLY);
 
+namespace {
+
+// The row's list of texts, read in place; nullptr when empty. A bad value is
+// handed to row_text_list, which raises the error every reader raises.
+const Json* text_list_in_place(const Json& row, std::string_view key) {
+  const Json* value = find_value(row, key);
+  if (value == nullptr || is_empty(*value)) return nullptr;
+  const bool all_text = value->is_array() && std::all_of(value->begin(), value->end(),
+                                                         [](const Json& item) { return item.is_string(); });
+  if (!all_text) row_text_list(row, key);
+  return value;
+}
+
+}  // namespace
+
 PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
-  // Live files only, in plain string order; repeats are kept as stored.
+  // Live files only, in plain string order; repeats are kept as stored. Only
+  // the live ones are copied out of the row.
   std::vector<std::string> kept;
-  for (auto& path : row_text_list(row, "source_files")) {
-    if (live_paths.count(path) != 0) kept.push_back(std::move(path));
+  if (const Json* files = text_list_in_place(row, "source_files")) {
+    kept.reserve(files->size());
+    for (const auto& item : *files) {
+      const auto& path = item.get_ref<const std::string&>();
+      if (live_paths.count(path) != 0) kept.push_back(path);
+    }
   }
   std::sort(kept.begin(), kept.end());
 
@@ -43,22 +67,34 @@ PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
   plan.topic = unit_topic(title, kept);
   plan.title = std::move(title);
   plan.source_files = std::move(kept);
-  plan.catch_all = _CATCH_ALL_RE.full_match(page_id);
+  // The prefix test spares a regex match for nearly every id.
+  plan.catch_all = page_id.starts_with("module-additional") && _CATCH_ALL_RE.full_match(page_id);
   plan.type = row_text(row, "page_type");
   return make_plan(std::move(plan));
 }
 
 PlanList _by_importance(const PlanList& plans) {
-  PlanList ordered = plans;
+  // Each plan's key once, (is a code unit, negated score), rather than a
+  // level lookup and a score per comparison.
+  struct Keyed {
+    bool code;
+    int rank;
+    std::size_t index;
+  };
+  std::vector<Keyed> keyed;
+  keyed.reserve(plans.size());
+  for (std::size_t i = 0; i < plans.size(); ++i) {
+    const bool code = is_pinned_level(plans[i]->level);
+    keyed.push_back({code, code ? -plans[i]->importance_score() : 0, i});
+  }
   // Stable: pages that are not code units keep their given order, and code
   // units of equal importance keep the planner's order.
-  std::stable_sort(ordered.begin(), ordered.end(), [](const PlanPtr& a, const PlanPtr& b) {
-    const bool a_code = is_pinned_level(a->level);
-    const bool b_code = is_pinned_level(b->level);
-    if (a_code != b_code) return !a_code;
-    if (!a_code) return false;
-    return a->importance_score() > b->importance_score();
+  std::stable_sort(keyed.begin(), keyed.end(), [](const Keyed& a, const Keyed& b) {
+    return std::tie(a.code, a.rank) < std::tie(b.code, b.rank);
   });
+  PlanList ordered;
+  ordered.reserve(plans.size());
+  for (const auto& entry : keyed) ordered.push_back(plans[entry.index]);
   return ordered;
 }
 
