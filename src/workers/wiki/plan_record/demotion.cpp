@@ -5,10 +5,12 @@
 // pin a plain page over the same files. Passing the family through whole would
 // document those files twice, so its parent is dropped and its parts go on as
 // ordinary fresh pages, which pinning then lets claim only unpinned files.
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <vector>
 
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
@@ -17,56 +19,89 @@ namespace zenthar_kodrune::workers::wiki {
 
 namespace {
 
-// Files of stored pages that pinning will keep under their ids. Stored paths
-// count as they stand, live or not: the page still claims them.
-std::unordered_set<std::string> pinned_files_of(const Existing& existing) {
-  std::unordered_set<std::string> files;
+// The row's list of texts, read in place; nullptr when empty. A bad value is
+// handed to row_text_list, which raises the error every reader raises.
+const Json* text_list_in_place(const Json& row, std::string_view key) {
+  const Json* value = find_value(row, key);
+  if (value == nullptr || is_empty(*value)) return nullptr;
+  const bool all_text = value->is_array() && std::all_of(value->begin(), value->end(),
+                                                         [](const Json& item) { return item.is_string(); });
+  if (!all_text) row_text_list(row, key);
+  return value;
+}
+
+// The "source_files" of each stored page that pinning will keep under its id.
+// Stored paths count as they stand, live or not: the page still claims them.
+// Every row is read, so a bad row fails here whether or not a family needs it.
+std::vector<const Json*> pinned_file_lists(const Existing& existing) {
+  std::vector<const Json*> lists;
   for (const auto& [page_id, row] : existing) {
     if (!is_pinned_level(row_text(row, "level", "module"))) continue;
     if (page_id.starts_with("custom-")) continue;
-    if (_CATCH_ALL_RE.full_match(page_id)) continue;
-    for (auto& path : row_text_list(row, "source_files")) files.insert(std::move(path));
+    // The prefix test spares a regex match for nearly every id.
+    if (page_id.starts_with("module-additional") && _CATCH_ALL_RE.full_match(page_id)) continue;
+    if (const Json* files = text_list_in_place(row, "source_files")) lists.push_back(files);
   }
-  return files;
+  return lists;
 }
 
 }  // namespace
 
 PlanList _demote_unrecorded_families(const PlanList& fresh_plans, const Existing& existing) {
-  const std::unordered_set<std::string> pinned_files = pinned_files_of(existing);
-  if (pinned_files.empty()) return fresh_plans;
+  const std::vector<const Json*> pinned_lists = pinned_file_lists(existing);
+  if (pinned_lists.empty()) return fresh_plans;
 
   // A later plan of the same id is the one found, as in the planner's output.
   std::unordered_map<std::string_view, PlanPtr> plans_by_id;
   plans_by_id.reserve(fresh_plans.size());
   for (const auto& plan : fresh_plans) plans_by_id.insert_or_assign(plan->page_id, plan);
 
-  std::unordered_set<std::string_view> dropped_ids;
+  // The families that may give way, with their parts. Only their parts' files
+  // are looked up among the stored ones, so the stored paths (every file of
+  // the repository) are hashed once and never copied.
+  struct Family {
+    const PlanPtr* parent;
+    PlanList parts;
+  };
+  std::vector<Family> candidates;
+  std::unordered_map<std::string_view, bool> part_file_pinned;
   for (const auto& parent : fresh_plans) {
     if (parent->children.empty()) continue;
     if (existing.find(parent->page_id) != existing.end()) continue;
     if (!is_pinned_level(parent->level)) continue;
 
-    PlanList parts;
-    parts.reserve(parent->children.size());
+    Family family{&parent, {}};
+    family.parts.reserve(parent->children.size());
     for (const auto& child_id : parent->children) {
       auto found = plans_by_id.find(child_id);
-      if (found != plans_by_id.end()) parts.push_back(found->second);
+      if (found == plans_by_id.end()) continue;
+      family.parts.push_back(found->second);
+      for (const auto& path : found->second->source_files) part_file_pinned.emplace(path, false);
     }
-    bool overlaps = false;
-    for (const auto& part : parts) {
-      for (const auto& path : part->source_files) {
-        if (pinned_files.count(path) != 0) {
-          overlaps = true;
-          break;
-        }
+    candidates.push_back(std::move(family));
+  }
+  if (candidates.empty()) return fresh_plans;
+
+  if (!part_file_pinned.empty()) {
+    for (const Json* files : pinned_lists) {
+      for (const auto& item : *files) {
+        auto found = part_file_pinned.find(item.get_ref<const std::string&>());
+        if (found != part_file_pinned.end()) found->second = true;
       }
-      if (overlaps) break;
     }
+  }
+
+  std::unordered_set<std::string_view> dropped_ids;
+  for (const auto& family : candidates) {
+    const bool overlaps = std::any_of(family.parts.begin(), family.parts.end(), [&](const PlanPtr& part) {
+      return std::any_of(part->source_files.begin(), part->source_files.end(),
+                         [&](const std::string& path) { return part_file_pinned.at(path); });
+    });
     if (!overlaps) continue;
 
-    dropped_ids.insert(parent->page_id);
-    for (const auto& part : parts) part->parent_section = parent->parent_section;
+    const PagePlan& parent = **family.parent;
+    dropped_ids.insert(parent.page_id);
+    for (const auto& part : family.parts) part->parent_section = parent.parent_section;
   }
 
   PlanList kept;
