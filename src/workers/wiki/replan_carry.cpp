@@ -5,12 +5,16 @@
 // holds most of its still-live files. Each distinct path counts once, on both
 // sides, so a list that names a file twice does not win a tie by it. Overlaps
 // are counted through an index from path to the plans holding it, so the cost
-// is the number of (path, plan) hits rather than old pages times fresh plans.
+// is the number of (path, plan) hits rather than old pages times fresh plans;
+// on a replan only the files of the old pages to place are indexed.
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
 
 #include <cstddef>
 #include <optional>
+#include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+#include <vector>
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -43,9 +47,13 @@ namespace {
 // Which plans of a list hold a path, each plan listed once per distinct path.
 class OverlapIndex {
  public:
-  explicit OverlapIndex(const PlanList& plans) : counts_(plans.size(), 0) {
+  // With `only`, paths outside it are left out: no query can count them.
+  explicit OverlapIndex(const PlanList& plans,
+                        const std::unordered_set<std::string_view>* only = nullptr)
+      : counts_(plans.size(), 0) {
     for (std::size_t i = 0; i < plans.size(); ++i) {
       for (const auto& path : plans[i]->source_files) {
+        if (only != nullptr && only->count(path) == 0) continue;
         auto& holders = by_path_[path];
         if (holders.empty() || holders.back() != i) holders.push_back(i);
       }
@@ -113,10 +121,22 @@ void inherit_prose(ReplanRemap& remap, const RowRefs& pinned_existing,
   for (const auto& [old_id, row] : pinned_existing) {
     if (fresh_ids.count(old_id) != 0) remap.map.insert_or_assign(old_id, old_id);
   }
-  OverlapIndex index(fresh_code_plans);
+  // The pages to place, with their live files, before the fresh plans are
+  // indexed: only those files need an entry, not every file of the repository.
+  struct Orphan {
+    const std::string* old_id;
+    std::vector<std::string> files;
+  };
+  std::vector<Orphan> orphans;
   for (const auto& [old_id, row] : pinned_existing) {
-    if (fresh_ids.count(old_id) != 0) continue;
-    const auto best = index.most_shared(live_files(*row, live_paths));
+    if (fresh_ids.count(old_id) == 0) orphans.push_back({&old_id, live_files(*row, live_paths)});
+  }
+  std::unordered_set<std::string_view> wanted;
+  for (const auto& orphan : orphans) wanted.insert(orphan.files.begin(), orphan.files.end());
+  OverlapIndex index(fresh_code_plans, &wanted);
+  for (const auto& orphan : orphans) {
+    const std::string& old_id = *orphan.old_id;
+    const auto best = index.most_shared(orphan.files);
     if (!best) {
       amendments.push_back(amend("retire", old_id, "no fresh page shares its files"));
       continue;
