@@ -11,6 +11,9 @@
 // membership tests go through sets and maps, and plans are shared with the
 // caller: admitted and extended plans change in place.
 #include <algorithm>
+#include <cstdlib>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -49,7 +52,6 @@ struct Superseded {
 
 // What the classification hands on to the pinning-mode assembly.
 struct Classified {
-  PlanList fresh_plans;
   StoredFamilies stored_families;
   IdSet family_ids;
   IdSet collapsed;
@@ -117,8 +119,7 @@ PlanPtr rebuilt_family_parent(const std::string& parent_id, const Json& row,
   return make_plan(std::move(plan));
 }
 
-PlanPtr catch_all_page(const Json* catch_all_row, const std::unordered_set<std::string>& files) {
-  std::vector<std::string> sorted(files.begin(), files.end());
+PlanPtr catch_all_page(const Json* catch_all_row, std::vector<std::string> sorted) {
   std::sort(sorted.begin(), sorted.end());
   std::string samples;
   for (std::size_t i = 0; i < sorted.size() && i < kCatchAllSamples; ++i) {
@@ -139,49 +140,133 @@ PlanPtr catch_all_page(const Json* catch_all_row, const std::unordered_set<std::
   return make_plan(std::move(plan));
 }
 
+// Where a live path stands while the pinning mode hands out files.
+enum class PathState : std::uint8_t {
+  kNew,       // no kept page covers it (yet)
+  kCovered,   // a kept page documents it
+  kClaimed,   // new, and an admitted or extended page took it
+  kCatchAll,  // the catch-all page documents it
+};
+
+// Every live path once, in one flat table: covered, new and catch-all files
+// are states of an entry rather than sets of copied strings. The keys view
+// the caller's `live_paths`, which outlives the call.
+using LiveIndex = tsl::ordered_map<std::string_view, PathState, std::hash<std::string_view>,
+                                   std::equal_to<std::string_view>,
+                                   std::allocator<std::pair<std::string_view, PathState>>,
+                                   std::vector<std::pair<std::string_view, PathState>>>;
+
+// A text value that _plan_from_row would accept: empty or text.
+bool text_or_empty(const Json& row, std::string_view key) {
+  const Json* value = find_value(row, key);
+  return value == nullptr || value->is_string() || is_empty(*value);
+}
+
+// A list value that _plan_from_row would accept: empty, or a list of text.
+bool text_list_or_empty(const Json& row, std::string_view key) {
+  const Json* value = find_value(row, key);
+  if (value == nullptr || is_empty(*value)) return true;
+  return value->is_array() && std::all_of(value->begin(), value->end(),
+                                          [](const Json& item) { return item.is_string(); });
+}
+
+// The row's page id when _plan_from_row would build a plan from it; raises
+// what _plan_from_row raises, in the order it reads the keys, by handing a
+// bad value to the reader it uses. A pinned row whose id the planner still
+// plans is not rebuilt, but a bad row must fail the same way either way.
+const std::string& checked_row_page_id(const Json& row) {
+  if (!text_list_or_empty(row, "source_files")) row_text_list(row, "source_files");
+  if (!text_or_empty(row, "title")) row_text(row, "title");
+  const Json* page_id = find_value(row, "page_id");
+  if (page_id == nullptr || !page_id->is_string()) {
+    row_page_id(row);  // throws for a missing or non-text id, with its own message
+    std::abort();
+  }
+  const std::string& id = page_id->get_ref<const std::string&>();
+  for (std::string_view key : {"level", "importance", "description", "page_type"}) {
+    if (!text_or_empty(row, key)) row_text(row, key);
+  }
+  return id;
+}
+
+bool is_catch_all_id(std::string_view page_id) {
+  // The prefix test spares a regex match for nearly every id.
+  return page_id.starts_with(kCatchAllId) && _CATCH_ALL_RE.full_match(page_id);
+}
+
 // The pinning mode: stored identities are kept, stored families rebuilt or
 // retired, new files given to fresh pages or the catch-all page, and the
 // plans put in build order.
 PlanList assemble_pinned(const Classified& c, const Existing& existing, const PathSet& live_paths,
                          Amendments& amendments) {
+  LiveIndex live;
+  live.reserve(live_paths.size());
+  for (const auto& path : live_paths) live.emplace(path, PathState::kNew);
+  auto cover = [&](const std::vector<std::string>& files) {
+    for (const auto& path : files) {
+      auto found = live.find(path);
+      if (found != live.end() && found.value() == PathState::kNew) {
+        found.value() = PathState::kCovered;
+      }
+    }
+  };
+
   PlanList plans = c.passthrough;
-  std::unordered_set<std::string> covered;
+  plans.reserve(c.passthrough.size() + c.pinned_existing.size() + c.stored_families.size() + 1);
   // The first plan of `plans` with a given id, kept as `plans` grows, so an
-  // extension finds its page without a scan.
-  std::unordered_map<std::string, PagePlan*> first_in_plans;
+  // extension finds its page without a scan. Ids view plans `plans` holds.
+  std::unordered_map<std::string_view, PagePlan*> first_in_plans;
+  first_in_plans.reserve(plans.capacity());
   auto add_plan = [&](const PlanPtr& plan) {
     plans.push_back(plan);
     first_in_plans.try_emplace(plan->page_id, plan.get());
   };
   for (const auto& plan : plans) {
     first_in_plans.try_emplace(plan->page_id, plan.get());
-    covered.insert(plan->source_files.begin(), plan->source_files.end());
+    cover(plan->source_files);
   }
-  IdSet kept_ids;
+  std::unordered_set<std::string_view> kept_ids;
+  kept_ids.reserve(plans.capacity());
   const Json* catch_all_row = nullptr;
-  std::unordered_map<std::string_view, PlanPtr> fresh_by_id;
-  for (const auto& plan : c.fresh_modules) {
-    if (!plan->catch_all) fresh_by_id.insert_or_assign(plan->page_id, plan);
+  // Fresh code-unit plans by id, as positions in `fresh_modules`.
+  std::unordered_map<std::string_view, std::size_t> fresh_by_id;
+  fresh_by_id.reserve(c.fresh_modules.size());
+  for (std::size_t i = 0; i < c.fresh_modules.size(); ++i) {
+    if (!c.fresh_modules[i]->catch_all) fresh_by_id.insert_or_assign(c.fresh_modules[i]->page_id, i);
   }
+  // The fresh plans that became a kept page's content, by position.
+  std::vector<bool> kept_as_content(c.fresh_modules.size(), false);
 
   for (const auto& [pid, row] : c.pinned_existing) {
-    PlanPtr plan = _plan_from_row(*row, live_paths);
-    if (plan->catch_all) {
+    auto fresh_same = fresh_by_id.find(pid);
+    PlanPtr plan;
+    bool catch_all = false;
+    if (fresh_same != fresh_by_id.end()) {
+      // The planner's plan of that id supplies the content, so the stored
+      // one is only checked and tested for the catch-all id, not rebuilt.
+      catch_all = is_catch_all_id(checked_row_page_id(*row));
+    } else {
+      plan = _plan_from_row(*row, live_paths);
+      catch_all = plan->catch_all;
+    }
+    if (catch_all) {
       // Only the last stored catch-all page is carried on; an earlier one is
       // neither kept nor retired.
       catch_all_row = row;
       continue;
     }
-    auto fresh_same = fresh_by_id.find(pid);
-    if (plan->source_files.empty() && fresh_same == fresh_by_id.end()) {
+    if (fresh_same == fresh_by_id.end() && plan->source_files.empty()) {
       amendments.push_back(amend("retire", pid, "all source files gone"));
       continue;
     }
     // The page keeps its id; the planner's plan of that id supplies content.
-    if (fresh_same != fresh_by_id.end()) plan = fresh_same->second;
+    if (fresh_same != fresh_by_id.end()) {
+      plan = c.fresh_modules[fresh_same->second];
+      kept_as_content[fresh_same->second] = true;
+    }
     add_plan(plan);
     kept_ids.insert(pid);
-    covered.insert(plan->source_files.begin(), plan->source_files.end());
+    cover(plan->source_files);
   }
 
   for (const auto& [parent_id, kids] : c.stored_families) {
@@ -198,58 +283,70 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing, const Pa
     kept_ids.insert(parent_id);
   }
 
-  std::unordered_set<std::string> catch_all_files;
+  // The stored catch-all page keeps its live files, even those a kept page
+  // lists too.
   if (catch_all_row != nullptr) {
-    for (auto& path : row_text_list(*catch_all_row, "source_files")) {
-      if (live_paths.count(path) == 0) continue;
-      covered.insert(path);
-      catch_all_files.insert(std::move(path));
+    for (const auto& path : row_text_list(*catch_all_row, "source_files")) {
+      auto found = live.find(path);
+      if (found != live.end()) found.value() = PathState::kCatchAll;
     }
   }
 
-  std::unordered_set<std::string> new_paths;
-  for (const auto& path : live_paths) {
-    if (covered.count(path) == 0) new_paths.insert(path);
-  }
+  std::size_t new_count = 0;
+  for (const auto& [path, state] : live) new_count += state == PathState::kNew ? 1 : 0;
 
   // New files go to the first fresh code-unit plan listing them: a plan with
   // enough of them becomes (or extends) a page, a lone file goes to the
   // catch-all page. Fresh plans that claim nothing are dropped.
-  for (const auto& plan : c.fresh_modules) {
-    if (new_paths.empty()) break;
-    std::vector<std::string> own_new;
+  std::vector<LiveIndex::iterator> own_new;
+  for (std::size_t i = 0; i < c.fresh_modules.size(); ++i) {
+    if (new_count == 0) break;
+    // A plan kept as a page's content had all its files covered then, and an
+    // extension only gives it files claimed at once: it holds no new file.
+    if (kept_as_content[i]) continue;
+    const PlanPtr& plan = c.fresh_modules[i];
+    own_new.clear();
     for (const auto& path : plan->source_files) {
-      if (new_paths.count(path) != 0) own_new.push_back(path);
+      auto found = live.find(path);
+      if (found != live.end() && found->second == PathState::kNew) own_new.push_back(found);
     }
     if (own_new.empty()) continue;
-    std::sort(own_new.begin(), own_new.end());
+    std::sort(own_new.begin(), own_new.end(),
+              [](const auto& a, const auto& b) { return a->first < b->first; });
     own_new.erase(std::unique(own_new.begin(), own_new.end()), own_new.end());
 
+    PathState taken = PathState::kCatchAll;
     if (own_new.size() >= _MIN_NEW_PAGE_FILES && !plan->catch_all) {
-      const std::string count = std::to_string(own_new.size());
+      taken = PathState::kClaimed;
+      std::vector<std::string> files;
+      files.reserve(own_new.size());
+      for (const auto& entry : own_new) files.emplace_back(entry->first);
+      const std::string count = std::to_string(files.size());
       if (kept_ids.count(plan->page_id) != 0) {
         auto found = first_in_plans.find(plan->page_id);
         if (found != first_in_plans.end()) {
-          found->second->source_files = sorted_union(found->second->source_files, own_new);
+          found->second->source_files = sorted_union(found->second->source_files, files);
         }
         amendments.push_back(
             amend("extend", plan->page_id, count + " new source file(s) absorbed"));
       } else {
         // The new page keeps only the files no kept page holds.
-        plan->source_files = own_new;
+        plan->source_files = std::move(files);
         add_plan(plan);
         kept_ids.insert(plan->page_id);
         amendments.push_back(amend("add", plan->page_id, "new subsystem (" + count + " files)"));
       }
-    } else {
-      catch_all_files.insert(own_new.begin(), own_new.end());
     }
-    for (const auto& path : own_new) new_paths.erase(path);
+    for (auto& entry : own_new) entry.value() = taken;
+    new_count -= own_new.size();
   }
-  catch_all_files.insert(new_paths.begin(), new_paths.end());
 
+  std::vector<std::string> catch_all_files;
+  for (const auto& [path, state] : live) {
+    if (state == PathState::kNew || state == PathState::kCatchAll) catch_all_files.emplace_back(path);
+  }
   if (!catch_all_files.empty()) {
-    add_plan(catch_all_page(catch_all_row, catch_all_files));
+    add_plan(catch_all_page(catch_all_row, std::move(catch_all_files)));
   } else if (catch_all_row != nullptr) {
     amendments.push_back(
         amend("retire", row_page_id(*catch_all_row), "catch-all has no remaining files"));
@@ -268,8 +365,9 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   Classified c;
 
   // A replan adopts fresh families, so only pinning demotes them.
-  c.fresh_plans = replan ? fresh_plans_in : _demote_unrecorded_families(fresh_plans_in, existing);
-  const PlanList& fresh_plans = c.fresh_plans;
+  PlanList demoted;
+  if (!replan) demoted = _demote_unrecorded_families(fresh_plans_in, existing);
+  const PlanList& fresh_plans = replan ? fresh_plans_in : demoted;
 
   c.stored_families = stored_families_of(existing);
 
