@@ -3,9 +3,14 @@
 
 #include <sqlite3.h>
 
+#include <cstddef>
+#include <functional>
 #include <iterator>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <system_error>
+#include <type_traits>
 #include <unordered_map>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -13,8 +18,6 @@
 namespace zenthar_kodrune::workers::wiki {
 
 namespace {
-
-using Statement = std::unique_ptr<sqlite3_stmt, decltype(&sqlite3_finalize)>;
 
 // Built by appending: GCC 12 at -O2 warns falsely on `"\"" + std::string(text)`.
 std::string in_quotes(std::string_view text) {
@@ -30,20 +33,28 @@ std::string in_quotes(std::string_view text) {
   throw StoreError("wiki store: " + std::string(what) + ": " + sqlite3_errmsg(handle));
 }
 
-Statement prepare(sqlite3* handle, std::string_view sql, const std::vector<SqlValue>& params) {
+// Compiles one statement; SQL that is not exactly one statement is a StoreError.
+sqlite3_stmt* compile(sqlite3* handle, std::string_view sql, unsigned flags) {
   sqlite3_stmt* raw = nullptr;
   const char* tail = nullptr;
-  if (sqlite3_prepare_v2(handle, sql.data(), static_cast<int>(sql.size()), &raw, &tail) !=
+  if (sqlite3_prepare_v3(handle, sql.data(), static_cast<int>(sql.size()), flags, &raw, &tail) !=
       SQLITE_OK) {
     fail(handle, "cannot prepare " + in_quotes(sql));
   }
-  Statement statement(raw, &sqlite3_finalize);
   const std::string_view rest(tail, static_cast<std::size_t>(sql.data() + sql.size() - tail));
   if (rest.find_first_not_of(" \t\r\n;") != std::string_view::npos) {
+    sqlite3_finalize(raw);
     throw StoreError("wiki store: one statement at a time, got " + in_quotes(sql));
   }
-  if (!statement) throw StoreError("wiki store: no statement in " + in_quotes(sql));
-  const int expected = sqlite3_bind_parameter_count(raw);
+  if (raw == nullptr) throw StoreError("wiki store: no statement in " + in_quotes(sql));
+  return raw;
+}
+
+// The texts are bound without a copy: they outlive the statement's use, which
+// ends (reset, bindings cleared) before the call that bound them returns.
+void bind(sqlite3* handle, sqlite3_stmt* statement, std::string_view sql,
+          const std::vector<SqlValue>& params) {
+  const int expected = sqlite3_bind_parameter_count(statement);
   if (expected != static_cast<int>(params.size())) {
     throw StoreError("wiki store: " + in_quotes(sql) + " takes " + std::to_string(expected) +
                      " parameters, " + std::to_string(params.size()) + " given");
@@ -52,16 +63,15 @@ Statement prepare(sqlite3* handle, std::string_view sql, const std::vector<SqlVa
     const int index = static_cast<int>(i) + 1;
     int rc = SQLITE_OK;
     if (const auto* number = std::get_if<std::int64_t>(&params[i])) {
-      rc = sqlite3_bind_int64(raw, index, *number);
+      rc = sqlite3_bind_int64(statement, index, *number);
     } else if (const auto* text = std::get_if<std::string>(&params[i])) {
-      rc = sqlite3_bind_text(raw, index, text->data(), static_cast<int>(text->size()),
-                             SQLITE_TRANSIENT);
+      rc = sqlite3_bind_text(statement, index, text->data(), static_cast<int>(text->size()),
+                             SQLITE_STATIC);
     } else {
-      rc = sqlite3_bind_null(raw, index);
+      rc = sqlite3_bind_null(statement, index);
     }
     if (rc != SQLITE_OK) fail(handle, "cannot bind parameter " + std::to_string(index));
   }
-  return statement;
 }
 
 // Runs the statement to its end, handing each result row to `row`.
@@ -84,12 +94,93 @@ void exec(sqlite3* handle, const std::string& sql) {
   }
 }
 
+// One use of a prepared statement. However the use ends, a kept statement is
+// reset, so it holds no read snapshot and no half-run state into the next
+// call, and its bindings are cleared; a statement not kept is finalized.
+class StatementUse {
+ public:
+  StatementUse(sqlite3_stmt* statement, bool* in_use) : statement_(statement), in_use_(in_use) {}
+  ~StatementUse() {
+    if (in_use_ == nullptr) {
+      sqlite3_finalize(statement_);
+      return;
+    }
+    sqlite3_reset(statement_);
+    sqlite3_clear_bindings(statement_);
+    *in_use_ = false;
+  }
+  StatementUse(const StatementUse&) = delete;
+  StatementUse& operator=(const StatementUse&) = delete;
+
+  sqlite3_stmt* get() const { return statement_; }
+
+ private:
+  sqlite3_stmt* statement_;
+  bool* in_use_;
+};
+
 }  // namespace
 
 // ---- SqliteDatabase ----
 
+// Statements by SQL text, compiled once per connection. A statement in use
+// (a row callback may run SQL of its own, even the same SQL) is neither
+// handed out again nor dropped: the second user gets one of its own. Long
+// SQL (a placeholder per id) is rarely run twice and is not kept, and the
+// number kept is bounded.
+struct SqliteDatabase::StatementCache {
+  static constexpr std::size_t kMaxKept = 64;
+  static constexpr std::size_t kMaxKeptSql = 4096;
+
+  struct Entry {
+    sqlite3_stmt* statement;
+    bool in_use;
+  };
+  struct Hash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view sql) const {
+      return std::hash<std::string_view>{}(sql);
+    }
+  };
+
+  StatementCache() = default;
+  StatementCache(const StatementCache&) = delete;
+  StatementCache& operator=(const StatementCache&) = delete;
+  ~StatementCache() {
+    for (auto& [sql, entry] : entries) sqlite3_finalize(entry.statement);
+  }
+
+  StatementUse use(sqlite3* handle, std::string_view sql) {
+    const auto found = entries.find(sql);
+    if (found != entries.end() && !found->second.in_use) {
+      found->second.in_use = true;
+      return StatementUse(found->second.statement, &found->second.in_use);
+    }
+    if (found != entries.end() || sql.size() > kMaxKeptSql) {
+      return StatementUse(compile(handle, sql, 0), nullptr);
+    }
+    if (entries.size() >= kMaxKept) {
+      std::erase_if(entries, [](const auto& item) {
+        if (item.second.in_use) return false;
+        sqlite3_finalize(item.second.statement);
+        return true;
+      });
+    }
+    sqlite3_stmt* statement = compile(handle, sql, SQLITE_PREPARE_PERSISTENT);
+    try {
+      auto [at, fresh] = entries.emplace(std::string(sql), Entry{statement, true});
+      return StatementUse(statement, &at->second.in_use);
+    } catch (...) {
+      sqlite3_finalize(statement);
+      throw;
+    }
+  }
+
+  std::unordered_map<std::string, Entry, Hash, std::equal_to<>> entries;
+};
+
 SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeout_ms)
-    : path_(path) {
+    : path_(path), statements_(std::make_unique<StatementCache>()) {
   std::error_code error;
   if (path.has_parent_path()) {
     std::filesystem::create_directories(path.parent_path(), error);
@@ -126,21 +217,29 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
 
 SqliteDatabase::~SqliteDatabase() {
   if (handle_ == nullptr) return;
+  statements_.reset();
   if (sqlite3_get_autocommit(handle_) == 0)
     sqlite3_exec(handle_, "ROLLBACK", nullptr, nullptr, nullptr);
   sqlite3_close_v2(handle_);
 }
 
 void SqliteDatabase::execute(std::string_view sql, const std::vector<SqlValue>& params) {
-  Statement statement = prepare(handle_, sql, params);
+  const StatementUse statement = statements_->use(handle_, sql);
+  bind(handle_, statement.get(), sql, params);
   run(handle_, statement.get(), sql, [](sqlite3_stmt*) {});
+}
+
+void SqliteDatabase::for_each_row(std::string_view sql, const std::vector<SqlValue>& params,
+                                  const std::function<void(sqlite3_stmt*)>& on_row) {
+  const StatementUse statement = statements_->use(handle_, sql);
+  bind(handle_, statement.get(), sql, params);
+  run(handle_, statement.get(), sql, on_row);
 }
 
 std::vector<std::vector<SqlValue>> SqliteDatabase::query(std::string_view sql,
                                                          const std::vector<SqlValue>& params) {
-  Statement statement = prepare(handle_, sql, params);
   std::vector<std::vector<SqlValue>> rows;
-  run(handle_, statement.get(), sql, [&rows](sqlite3_stmt* step) {
+  for_each_row(sql, params, [&rows](sqlite3_stmt* step) {
     const int columns = sqlite3_column_count(step);
     std::vector<SqlValue> row;
     row.reserve(static_cast<std::size_t>(columns));
@@ -253,18 +352,45 @@ CREATE TABLE IF NOT EXISTS file_hashes (
 );
 )sql";
 
-// The columns of a loaded row, in the order a row shows them.
-constexpr std::string_view kColumns[] = {
-    "branch",        "page_id",        "title",     "description",  "importance",
-    "level",         "parent_section", "rel_path",  "source_files", "source_hashes",
-    "related_pages", "status",         "page_type", "content_hash", "build_cache"};
-
 enum class Shape { Text, TextList, Mapping };
 
-Shape shape_of(std::string_view column) {
-  if (column == "source_files" || column == "related_pages") return Shape::TextList;
-  if (column == "source_hashes" || column == "build_cache") return Shape::Mapping;
-  return Shape::Text;
+struct Column {
+  std::string_view name;
+  Shape shape;
+};
+
+// The columns of a loaded row, in the order a row shows them.
+constexpr Column kColumns[] = {{"branch", Shape::Text},
+                               {"page_id", Shape::Text},
+                               {"title", Shape::Text},
+                               {"description", Shape::Text},
+                               {"importance", Shape::Text},
+                               {"level", Shape::Text},
+                               {"parent_section", Shape::Text},
+                               {"rel_path", Shape::Text},
+                               {"source_files", Shape::TextList},
+                               {"source_hashes", Shape::Mapping},
+                               {"related_pages", Shape::TextList},
+                               {"status", Shape::Text},
+                               {"page_type", Shape::Text},
+                               {"content_hash", Shape::Text},
+                               {"build_cache", Shape::Mapping}};
+
+std::string select_pages_sql() {
+  std::string sql = "SELECT ";
+  for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+    if (i > 0) sql += ", ";
+    sql += kColumns[i].name;
+  }
+  sql += " FROM wiki_pages WHERE branch = ? ORDER BY insertion_order";
+  return sql;
+}
+
+// The column's text; valid until the statement steps on.
+std::string_view column_text(sqlite3_stmt* step, int column) {
+  const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(step, column));
+  if (text == nullptr) return {};
+  return {text, static_cast<std::size_t>(sqlite3_column_bytes(step, column))};
 }
 
 std::string where(const std::string& branch, const std::string& page_id, std::string_view column) {
@@ -290,10 +416,13 @@ SqlValue encode_mapping(const Json& value, const std::string& branch, const std:
 
 // Builds a Json from parser events in time linear in the input. Json::parse
 // inserts each key of an object by searching the keys read before it, which
-// is quadratic in the object's size; here pairs are appended to the object's
-// underlying vector and each open object keeps a hash index of its keys. A
-// repeated key keeps its first place and takes the last value, as it does
-// with Json::parse.
+// is quadratic in the object's size. Here an open container gathers its
+// values in scratch storage of its nesting level, and they are moved into the
+// container, sized exactly, when it closes. An object's keys are searched
+// while few and indexed by a hash once many; its own pairs have a const key,
+// so growing it in place would deep-copy every value read so far. A repeated
+// key keeps its first place and takes the last value, as with Json::parse.
+// One builder serves many texts: the scratch storage keeps its capacity.
 class LinearJsonBuilder {
  public:
   using number_integer_t = Json::number_integer_t;
@@ -302,71 +431,126 @@ class LinearJsonBuilder {
   using string_t = Json::string_t;
   using binary_t = Json::binary_t;
 
-  Json& result() { return root_; }
+  // The value of one text; a text that is not JSON is a Json::exception.
+  Json parse(std::string_view text) {
+    root_ = Json();
+    depth_ = 0;
+    Json::sax_parse(text.begin(), text.end(), this);
+    return std::move(root_);
+  }
 
   bool null() { return put(Json(nullptr)); }
   bool boolean(bool value) { return put(Json(value)); }
   bool number_integer(number_integer_t value) { return put(Json(value)); }
   bool number_unsigned(number_unsigned_t value) { return put(Json(value)); }
   bool number_float(number_float_t value, const string_t& /*raw*/) { return put(Json(value)); }
-  bool string(string_t& value) { return put(Json(std::move(value))); }
+  // Texts and keys are copied, not moved: they are the lexer's own buffer,
+  // which keeps its capacity only if it is left in place. One allocation of
+  // the exact size per text beats regrowing the buffer from empty each time.
+  bool string(string_t& value) { return put(Json(value)); }
   bool binary(binary_t& value) { return put(Json::binary(std::move(value))); }
 
   bool start_object(std::size_t /*elements*/) {
-    Json* object = slot();
-    *object = Json::object();
-    open_.push_back(Open{object, {}});
+    open(true);
     return true;
   }
   bool key(string_t& name) {
-    Open& top = open_.back();
-    auto& pairs = top.container->get_ref<Json::object_t&>();
-    const auto [at, fresh] = top.keys.try_emplace(name, pairs.size());
-    if (fresh) {
-      pairs.emplace_back(std::move(name), nullptr);
-      next_ = &pairs.back().second;
+    Level& top = levels_[depth_ - 1];
+    const std::size_t at = position_of(top, name);
+    if (at == kAbsent) {
+      if (!top.keys.empty()) top.keys.emplace(name, top.pairs.size());
+      top.pairs.emplace_back(name, nullptr);
+      next_ = &top.pairs.back().second;
     } else {
-      next_ = &std::next(pairs.begin(), static_cast<std::ptrdiff_t>(at->second))->second;
+      next_ = &top.pairs[at].second;
     }
     return true;
   }
   bool end_object() {
-    open_.pop_back();
+    Level& top = levels_[depth_ - 1];
+    auto& object = top.container->get_ref<Json::object_t&>();
+    object.reserve(top.pairs.size());
+    for (auto& [name, value] : top.pairs) object.emplace_back(std::move(name), std::move(value));
+    close(top);
     return true;
   }
   bool start_array(std::size_t /*elements*/) {
-    Json* array = slot();
-    *array = Json::array();
-    open_.push_back(Open{array, {}});
+    open(false);
     return true;
   }
   bool end_array() {
-    open_.pop_back();
+    Level& top = levels_[depth_ - 1];
+    auto& array = top.container->get_ref<Json::array_t&>();
+    array.reserve(top.items.size());
+    std::move(top.items.begin(), top.items.end(), std::back_inserter(array));
+    close(top);
     return true;
   }
 
   template <class Exception>
-  bool parse_error(std::size_t /*position*/, const std::string& /*token*/,
-                   const Exception& error) {
+  bool parse_error(std::size_t /*position*/, const std::string& /*token*/, const Exception& error) {
     throw error;
   }
 
  private:
-  struct Open {
-    Json* container;
+  // Below this many keys a search of the keys costs less than hashing them.
+  static constexpr std::size_t kIndexFrom = 16;
+  static constexpr std::size_t kAbsent = static_cast<std::size_t>(-1);
+
+  // The container open at one nesting level and what it has read so far.
+  struct Level {
+    Json* container = nullptr;
+    bool object = false;
+    std::vector<std::pair<std::string, Json>> pairs;
+    std::vector<Json> items;
+    // Built once the object reaches kIndexFrom keys.
     std::unordered_map<std::string, std::size_t> keys;
   };
+  // Moving a Level when `levels_` grows must keep its scratch storage in
+  // place: values still being read point into it.
+  static_assert(std::is_nothrow_move_constructible_v<Level>);
+
+  static std::size_t position_of(Level& top, const std::string& name) {
+    if (top.pairs.size() < kIndexFrom) {
+      for (std::size_t i = 0; i < top.pairs.size(); ++i) {
+        if (top.pairs[i].first == name) return i;
+      }
+      return kAbsent;
+    }
+    if (top.keys.empty()) {
+      top.keys.reserve(top.pairs.size() * 2);
+      for (std::size_t i = 0; i < top.pairs.size(); ++i) top.keys.emplace(top.pairs[i].first, i);
+    }
+    const auto found = top.keys.find(name);
+    return found == top.keys.end() ? kAbsent : found->second;
+  }
+
+  void open(bool object) {
+    Json* container = slot();
+    *container = object ? Json::object() : Json::array();
+    if (depth_ == levels_.size()) levels_.emplace_back();
+    Level& level = levels_[depth_++];
+    level.container = container;
+    level.object = object;
+    // A text that failed part-way may have left values behind.
+    level.pairs.clear();
+    level.items.clear();
+    if (!level.keys.empty()) level.keys.clear();
+  }
+  void close(Level& level) {
+    level.pairs.clear();
+    level.items.clear();
+    if (!level.keys.empty()) level.keys.clear();
+    --depth_;
+  }
 
   // Where the value just read goes: the root, the end of the open array, or
-  // the place the last key named in the open object.
+  // the place the last key named in the open object. While a value is open
+  // the scratch storage that holds it does not grow, so pointers stay valid.
   Json* slot() {
-    if (open_.empty()) return &root_;
-    Json* container = open_.back().container;
-    if (container->is_array()) {
-      auto& items = container->get_ref<Json::array_t&>();
-      items.emplace_back();
-      return &items.back();
-    }
+    if (depth_ == 0) return &root_;
+    Level& top = levels_[depth_ - 1];
+    if (!top.object) return &top.items.emplace_back();
     return next_;
   }
   bool put(Json value) {
@@ -375,17 +559,16 @@ class LinearJsonBuilder {
   }
 
   Json root_;
-  std::vector<Open> open_;
+  std::vector<Level> levels_;
+  std::size_t depth_ = 0;
   Json* next_ = nullptr;
 };
 
-Json decode(const std::string& text, Shape shape, const std::string& branch,
-            const std::string& page_id, std::string_view column) {
+Json decode(LinearJsonBuilder& builder, std::string_view text, Shape shape,
+            const std::string& branch, const std::string& page_id, std::string_view column) {
   Json value;
   try {
-    LinearJsonBuilder builder;
-    Json::sax_parse(text, &builder);
-    value = std::move(builder.result());
+    value = builder.parse(text);
   } catch (const Json::exception& e) {
     throw StoreError("wiki store: " + where(branch, page_id, column) +
                      " holds text that is not JSON: " + e.what());
@@ -395,19 +578,28 @@ Json decode(const std::string& text, Shape shape, const std::string& branch,
     for (std::size_t i = 0; ok && i < value.size(); ++i) ok = value[i].is_string();
     if (!ok) {
       throw StoreError("wiki store: " + where(branch, page_id, column) +
-                       " must hold a JSON list of texts, holds " + text);
+                       " must hold a JSON list of texts, holds " + std::string(text));
     }
   } else if (!value.is_object() && !value.is_null()) {
     throw StoreError("wiki store: " + where(branch, page_id, column) +
-                     " must hold a JSON object, holds " + text);
+                     " must hold a JSON object, holds " + std::string(text));
   }
   return value;
 }
 
-std::int64_t as_integer(const SqlValue& value, std::string_view what) {
-  if (const auto* number = std::get_if<std::int64_t>(&value)) return *number;
+[[noreturn]] void not_an_integer(std::string_view what) {
   throw StoreError("wiki store: file hash cache column " + std::string(what) +
                    " does not hold an integer");
+}
+
+std::int64_t as_integer(const SqlValue& value, std::string_view what) {
+  if (const auto* number = std::get_if<std::int64_t>(&value)) return *number;
+  not_an_integer(what);
+}
+
+std::int64_t integer_column(sqlite3_stmt* step, int column, std::string_view what) {
+  if (sqlite3_column_type(step, column) != SQLITE_INTEGER) not_an_integer(what);
+  return sqlite3_column_int64(step, column);
 }
 
 }  // namespace
@@ -493,34 +685,40 @@ void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::str
 }
 
 Existing SqliteWikiStore::load_pages(const std::string& branch) {
-  std::string sql = "SELECT ";
-  for (std::size_t i = 0; i < std::size(kColumns); ++i) {
-    if (i > 0) sql += ", ";
-    sql += kColumns[i];
-  }
-  sql += " FROM wiki_pages WHERE branch = ? ORDER BY insertion_order";
-  const auto rows = db_.query(sql, {branch});
+  static const std::string kSelect = select_pages_sql();
   Existing pages;
-  pages.reserve(rows.size());
-  for (const auto& values : rows) {
-    const std::string page_id = std::get<std::string>(values[1]);
-    Json row = Json::object();
+  std::string number;
+  LinearJsonBuilder builder;
+  db_.for_each_row(kSelect, {branch}, [&](sqlite3_stmt* step) {
+    std::string page_id(column_text(step, 1));
+    // Appended in column order: the object's own insertion searches its keys.
+    Json row(Json::value_t::object);
+    auto& fields = row.get_ref<Json::object_t&>();
+    fields.reserve(std::size(kColumns));
     for (std::size_t i = 0; i < std::size(kColumns); ++i) {
-      const std::string_view column = kColumns[i];
-      const SqlValue& value = values[i];
-      if (std::holds_alternative<std::nullptr_t>(value)) {
-        row[std::string(column)] = nullptr;
+      const Column& column = kColumns[i];
+      const int index = static_cast<int>(i);
+      const int type = sqlite3_column_type(step, index);
+      if (type == SQLITE_NULL) {
+        fields.emplace_back(std::string(column.name), nullptr);
         continue;
       }
-      const std::string text = std::holds_alternative<std::string>(value)
-                                   ? std::get<std::string>(value)
-                                   : std::to_string(std::get<std::int64_t>(value));
-      const Shape shape = shape_of(column);
-      row[std::string(column)] =
-          shape == Shape::Text ? Json(text) : decode(text, shape, branch, page_id, column);
+      std::string_view text;
+      if (type == SQLITE_INTEGER) {
+        number = std::to_string(sqlite3_column_int64(step, index));
+        text = number;
+      } else {
+        text = column_text(step, index);
+      }
+      if (column.shape == Shape::Text) {
+        fields.emplace_back(std::string(column.name), Json(Json::string_t(text)));
+      } else {
+        fields.emplace_back(std::string(column.name),
+                            decode(builder, text, column.shape, branch, page_id, column.name));
+      }
     }
-    pages.insert_or_assign(page_id, std::move(row));
-  }
+    pages.insert_or_assign(std::move(page_id), std::move(row));
+  });
   return pages;
 }
 
@@ -538,35 +736,49 @@ void SqliteWikiStore::delete_pages(const std::string& branch,
 }
 
 std::unordered_map<std::string, CachedFileHash> SqliteWikiStore::load_file_hash_cache() {
-  const auto rows = db_.query("SELECT path, size, mtime_ns, inode, hash FROM file_hashes");
   std::unordered_map<std::string, CachedFileHash> cache;
-  cache.reserve(rows.size());
-  for (const auto& row : rows) {
-    if (!std::holds_alternative<std::string>(row[0]) ||
-        !std::holds_alternative<std::string>(row[4])) {
-      throw StoreError("wiki store: file hash cache holds a row without path or hash");
-    }
-    CachedFileHash entry;
-    // Size and inode are unsigned on disk; SQLite keeps the same 64 bits.
-    entry.size = static_cast<std::uint64_t>(as_integer(row[1], "size"));
-    entry.mtime_ns = as_integer(row[2], "mtime_ns");
-    entry.inode = static_cast<std::uint64_t>(as_integer(row[3], "inode"));
-    entry.hash = std::get<std::string>(row[4]);
-    cache.emplace(std::get<std::string>(row[0]), std::move(entry));
-  }
+  db_.for_each_row(
+      "SELECT path, size, mtime_ns, inode, hash FROM file_hashes", {}, [&](sqlite3_stmt* step) {
+        const auto holds_text = [step](int column) {
+          const int type = sqlite3_column_type(step, column);
+          return type != SQLITE_NULL && type != SQLITE_INTEGER;
+        };
+        if (!holds_text(0) || !holds_text(4)) {
+          throw StoreError("wiki store: file hash cache holds a row without path or hash");
+        }
+        CachedFileHash entry;
+        // Size and inode are unsigned on disk; SQLite keeps the same 64 bits.
+        entry.size = static_cast<std::uint64_t>(integer_column(step, 1, "size"));
+        entry.mtime_ns = integer_column(step, 2, "mtime_ns");
+        entry.inode = static_cast<std::uint64_t>(integer_column(step, 3, "inode"));
+        entry.hash = column_text(step, 4);
+        cache.emplace(column_text(step, 0), std::move(entry));
+      });
   return cache;
 }
 
 void SqliteWikiStore::save_file_hashes(
     const std::vector<std::pair<std::string, CachedFileHash>>& entries) {
   auto scope = db_.transaction();
+  // One parameter list for every entry: its texts keep their buffers.
+  std::vector<SqlValue> params;
+  params.reserve(5);
+  params.emplace_back(std::in_place_type<std::string>);
+  params.emplace_back(std::int64_t{0});
+  params.emplace_back(std::int64_t{0});
+  params.emplace_back(std::int64_t{0});
+  params.emplace_back(std::in_place_type<std::string>);
   for (const auto& [path, entry] : entries) {
+    std::get<std::string>(params[0]).assign(path);
+    std::get<std::int64_t>(params[1]) = static_cast<std::int64_t>(entry.size);
+    std::get<std::int64_t>(params[2]) = entry.mtime_ns;
+    std::get<std::int64_t>(params[3]) = static_cast<std::int64_t>(entry.inode);
+    std::get<std::string>(params[4]).assign(entry.hash);
     db_.execute(
         "INSERT INTO file_hashes (path, size, mtime_ns, inode, hash) VALUES (?, ?, ?, ?, ?) "
         "ON CONFLICT (path) DO UPDATE SET size = excluded.size, mtime_ns = excluded.mtime_ns, "
         "inode = excluded.inode, hash = excluded.hash",
-        {path, static_cast<std::int64_t>(entry.size), entry.mtime_ns,
-         static_cast<std::int64_t>(entry.inode), entry.hash});
+        params);
   }
 }
 

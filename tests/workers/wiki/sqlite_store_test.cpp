@@ -187,6 +187,44 @@ TEST(SqliteWikiStore, UndecodableStoredJsonNamesBranchPageAndColumnAndChangesNot
   }
 }
 
+TEST(SqliteWikiStore, StoredMappingsDecodeAsJsonParseReadsThem) {
+  // Twenty keys: past the size where the decoder starts indexing keys.
+  std::string many = "{";
+  std::string many_loaded = "{";
+  for (int i = 0; i < 20; ++i) {
+    const std::string pair = "\"k" + std::to_string(i) + "\":" + std::to_string(i);
+    many += pair + ",";
+    if (i != 3 && i != 18) many_loaded += pair + ",";
+    if (i == 3) many_loaded += "\"k3\":\"last\",";
+    if (i == 18) many_loaded += "\"k18\":\"again\",";
+  }
+  many += R"("k3":"last","k18":"again"})";
+  many_loaded.back() = '}';
+  struct Case {
+    std::string stored;
+    std::string loaded;
+  };
+  const Case cases[] = {
+      // A repeated key keeps its first place and takes the last value.
+      {R"({"b": 1, "a": 2, "b": 3})", R"({"b":3,"a":2})"},
+      {many, many_loaded},
+      {R"({"s": [{"h": "x", "f": ["a", "b"], "e": {}}, [[]], {}], "n": null, "t": true,
+          "d": 1.5, "u": -2, "z": "\u00fc\n"})",
+       R"({"s":[{"h":"x","f":["a","b"],"e":{}},[[]],{}],"n":null,"t":true,"d":1.5,"u":-2,"z":"ü\n"})"},
+      {"null", "null"},
+  };
+  kodrune_test::TempDir tmp;
+  SqliteWikiStore store(tmp.path() / "wiki.db");
+  for (const char* id : {"a", "b"}) store.upsert_wiki_page("main", id, "", with_title_only());
+  for (const auto& c : cases) {
+    // Two rows of the same text: the decoder serves one row after another.
+    store.db().execute("UPDATE wiki_pages SET build_cache = ?", {c.stored});
+    const Existing pages = store.load_pages("main");
+    EXPECT_EQ(pages.at("a")["build_cache"].dump(), c.loaded) << c.stored;
+    EXPECT_EQ(pages.at("b")["build_cache"].dump(), c.loaded) << c.stored;
+  }
+}
+
 TEST(SqliteWikiStore, SecondWriterWaitsForTheFirstInsteadOfFailing) {
   kodrune_test::TempDir tmp;
   const auto path = tmp.path() / "wiki.db";
@@ -211,8 +249,10 @@ TEST(SqliteWikiStore, SecondWriterWaitsForTheFirstInsteadOfFailing) {
   first.db().end_transaction(false);
   second.join();
   EXPECT_EQ(failure, "");
+  // The write that failed on the lock runs again once the lock is free.
+  impatient.upsert_wiki_page("main", "from-impatient", "", with_title_only());
   EXPECT_EQ(ids_of(first.load_pages("main")),
-            (std::vector<std::string>{"from-first", "from-second"}));
+            (std::vector<std::string>{"from-first", "from-second", "from-impatient"}));
 }
 
 TEST(SqliteWikiStore, DeletesOnlyTheNamedPagesOfTheBranch) {
@@ -238,6 +278,80 @@ TEST(SqliteWikiStore, FileHashCacheReplacesEntriesByPath) {
   ASSERT_EQ(cache.size(), 2u);
   EXPECT_EQ(cache.at("src/a.cpp"), (CachedFileHash{11, 1700000000999999999, 43, "ha2"}));
   EXPECT_EQ(cache.at("src/b.cpp"), (CachedFileHash{20, -5, big_inode, "hb"}));
+}
+
+TEST(SqliteWikiStore, FileHashCacheRowOfTheWrongShapeIsAnError) {
+  struct Case {
+    const char* damage;
+    const char* message;
+  };
+  const Case cases[] = {
+      {"UPDATE file_hashes SET path = NULL", "file hash cache holds a row without path or hash"},
+      {"UPDATE file_hashes SET size = 'big'",
+       "file hash cache column size does not hold an integer"},
+      {"UPDATE file_hashes SET mtime_ns = 'soon'", "column mtime_ns does not hold an integer"},
+      {"UPDATE file_hashes SET inode = 1.5", "column inode does not hold an integer"},
+  };
+  for (const auto& c : cases) {
+    kodrune_test::TempDir tmp;
+    SqliteWikiStore store(tmp.path() / "wiki.db");
+    store.save_file_hashes({{"src/a.cpp", {10, 20, 30, "ha"}}});
+    store.db().execute(c.damage);
+    try {
+      store.load_file_hash_cache();
+      ADD_FAILURE() << c.damage << " was loaded";
+    } catch (const StoreError& e) {
+      EXPECT_THAT(e.what(), HasSubstr(c.message)) << c.damage;
+    }
+  }
+}
+
+// Statements are kept prepared between calls; each test here breaks off or
+// overlaps a use of one and checks that the next use starts clean.
+TEST(SqliteDatabase, StatementRunsCleanAfterAFailedUse) {
+  kodrune_test::TempDir tmp;
+  SqliteDatabase db(tmp.path() / "db.sqlite");
+  db.execute("CREATE TABLE t (x INTEGER PRIMARY KEY)");
+  const std::string insert = "INSERT INTO t (x) VALUES (?)";
+  const std::string select = "SELECT x FROM t WHERE x > ? ORDER BY x";
+  for (std::int64_t x : {1, 2, 3}) db.execute(insert, {x});
+
+  // A step that fails (the key exists) leaves the statement fit for the next row.
+  EXPECT_THROW(db.execute(insert, {std::int64_t{2}}), StoreError);
+  db.execute(insert, {std::int64_t{4}});
+  // So does a call with the wrong parameter count.
+  EXPECT_THROW(db.execute(insert, {}), StoreError);
+  db.execute(insert, {std::int64_t{5}});
+
+  // A reader that stops after the first row: the next run starts at the top.
+  EXPECT_THROW(db.for_each_row(select, {std::int64_t{0}},
+                               [](sqlite3_stmt*) { throw std::runtime_error("enough"); }),
+               std::runtime_error);
+  EXPECT_EQ(db.query(select, {std::int64_t{0}}).size(), 5u);
+
+  // Nor does a statement keep a binding or a read snapshot from its last use.
+  EXPECT_EQ(db.query(select, {std::int64_t{3}}).size(), 2u);
+  db.execute(insert, {std::int64_t{6}});
+  EXPECT_EQ(db.query(select, {std::int64_t{3}}).size(), 3u);
+}
+
+TEST(SqliteDatabase, StatementInUseIsNotSharedNorDropped) {
+  kodrune_test::TempDir tmp;
+  SqliteDatabase db(tmp.path() / "db.sqlite");
+  db.execute("CREATE TABLE t (x INTEGER)");
+  for (std::int64_t x : {1, 2, 3}) db.execute("INSERT INTO t (x) VALUES (?)", {x});
+  const std::string select = "SELECT x FROM t ORDER BY x";
+
+  std::vector<std::int64_t> outer;
+  std::size_t inner_rows = 0;
+  db.for_each_row(select, {}, [&](sqlite3_stmt* row) {
+    outer.push_back(sqlite3_column_int64(row, 0));
+    // The same SQL again, and more distinct statements than are kept.
+    inner_rows += db.query(select).size();
+    for (int i = 0; i < 100; ++i) db.query("SELECT " + std::to_string(i));
+  });
+  EXPECT_EQ(outer, (std::vector<std::int64_t>{1, 2, 3}));
+  EXPECT_EQ(inner_rows, 9u);
 }
 
 TEST(SqliteWikiStore, DefaultLocationIsUnderTheRepositoryAndIsCreated) {

@@ -13,6 +13,9 @@
 // this program knows, is a StoreError at open and the file is left exactly as
 // it was.
 //
+// The connection keeps the statements it has run prepared, so a statement
+// run once per row is compiled once, not once per row.
+//
 // Rows keep the order in which they were first inserted: an upsert that
 // replaces a row keeps its place (the order column is written on insert
 // only). Every failure is a StoreError naming what was wrong; a read never
@@ -21,6 +24,8 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -30,6 +35,7 @@
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -50,6 +56,10 @@ class SqliteDatabase final : public Database {
   // else as text.
   std::vector<std::vector<SqlValue>> query(std::string_view sql,
                                            const std::vector<SqlValue>& params = {});
+  // One statement's result rows handed to `on_row` one at a time, to be read
+  // with sqlite3_column_*() before it returns; nothing is copied.
+  void for_each_row(std::string_view sql, const std::vector<SqlValue>& params,
+                    const std::function<void(sqlite3_stmt*)>& on_row);
 
   // Outermost scope: BEGIN IMMEDIATE, so the write lock is taken (or waited
   // for) at once rather than on the first write. Inner scopes: SAVEPOINTs.
@@ -67,6 +77,8 @@ class SqliteDatabase final : public Database {
   sqlite3* handle_ = nullptr;
   // One entry per open scope: true for a savepoint, false for the transaction.
   std::vector<bool> scopes_;
+  struct StatementCache;
+  std::unique_ptr<StatementCache> statements_;
 };
 
 // What the content-hash cache remembers of one file: the hash is reused while
