@@ -62,11 +62,14 @@ struct Classified {
 
 // The stored decomposed families, from the store's own record: a code-unit
 // row whose "related_pages" name stored pages is a family parent, whatever
-// its own files.
-StoredFamilies stored_families_of(const Existing& existing) {
+// its own files. Each row's level is kept in `levels`, in stored order, for
+// the later passes: read once here, a bad one fails here as it always has.
+StoredFamilies stored_families_of(const Existing& existing, std::vector<std::string>& levels) {
   StoredFamilies families;
+  levels.reserve(existing.size());
   for (const auto& [page_id, row] : existing) {
-    if (!is_pinned_level(row_level(row)) || is_custom(page_id)) continue;
+    levels.push_back(row_level(row));
+    if (!is_pinned_level(levels.back()) || is_custom(page_id)) continue;
     std::vector<std::string> kids;
     for (auto& kid : row_text_list(row, "related_pages")) {
       if (existing.find(kid) != existing.end()) kids.push_back(std::move(kid));
@@ -369,7 +372,8 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   if (!replan) demoted = _demote_unrecorded_families(fresh_plans_in, existing);
   const PlanList& fresh_plans = replan ? fresh_plans_in : demoted;
 
-  c.stored_families = stored_families_of(existing);
+  std::vector<std::string> levels;
+  c.stored_families = stored_families_of(existing, levels);
 
   std::unordered_map<std::string, Superseded> superseded_kids;
   std::unordered_map<std::string_view, PlanPtr> fresh_by_page;
@@ -409,8 +413,8 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   // Whether a stored row keeps its identity as a pinned page; the first rule
   // that applies decides. Evaluated once per row, in stored order, so its
   // amendments come in that order.
-  auto _pinnable = [&](const std::string& pid, const Json& row) {
-    if (!is_pinned_level(row_level(row))) return false;
+  auto _pinnable = [&](const std::string& pid, const Json& row, std::string_view level) {
+    if (!is_pinned_level(level)) return false;
     if (auto found = superseded_kids.find(pid); found != superseded_kids.end()) {
       amendments.push_back(carry_superseded(remap, pid, row, *found->second.family_plans,
                                             live_paths, std::string(found->second.reason)));
@@ -429,11 +433,12 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     }
     return true;
   };
+  std::size_t row_index = 0;
   for (const auto& [pid, row] : existing) {
-    if (_pinnable(pid, row)) c.pinned_existing.emplace(pid, &row);
+    if (_pinnable(pid, row, levels[row_index++])) c.pinned_existing.emplace(pid, &row);
   }
 
-  std::unordered_set<std::string> fresh_ids;
+  std::unordered_set<std::string_view> fresh_ids;
   fresh_ids.reserve(fresh_plans.size());
   for (const auto& plan : fresh_plans) {
     fresh_ids.insert(plan->page_id);
@@ -457,8 +462,9 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     }
   }
   // Note pages are the author's; they are never retired for not being planned.
+  row_index = 0;
   for (const auto& [pid, row] : existing) {
-    const std::string level = row_level(row);
+    const std::string& level = levels[row_index++];
     if (is_pinned_level(level) || level == NOTE_LEVEL) continue;
     if (fresh_ids.count(pid) == 0) {
       amendments.push_back(amend("retire", pid, level + " page no longer planned", level));
@@ -478,7 +484,11 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
         fresh_code_plans.push_back(plan);
       }
     }
-    inherit_prose(remap, c.pinned_existing, fresh_code_plans, live_paths, fresh_ids, amendments);
+    std::unordered_set<std::string> fresh_id_texts;
+    fresh_id_texts.reserve(fresh_ids.size());
+    for (std::string_view id : fresh_ids) fresh_id_texts.emplace(id);
+    inherit_prose(remap, c.pinned_existing, fresh_code_plans, live_paths, fresh_id_texts,
+                  amendments);
   }
   // No importance order here: a first plan or a replan keeps the planner's.
   result.plans = link_families(keep_agent_titles(fresh_plans, existing));
