@@ -157,7 +157,7 @@ std::optional<std::pair<IdentityView, StoredCitation>> plain_citation(const Json
   StoredCitation stored;
   stored.citation = &citation;
   for (auto it = citation.begin(); it != citation.end(); ++it) {
-    const std::string& name = it.key();
+    const std::string_view name = it.key();
     const Json& value = it.value();
     if (name == "path") {
       if (!value.is_string()) return std::nullopt;
@@ -231,10 +231,12 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
   }
 
   Json out = Json::array();
+  std::vector<SectionSpan> sections = section_spans(body);
+  out.get_ref<Json::array_t&>().reserve(sections.size());
   std::vector<std::string_view> files;
   std::vector<std::string_view> symbols;
   std::string hash_input;
-  for (const auto& [heading, text] : section_spans(body)) {
+  for (const auto& [heading, text] : sections) {
     files.clear();
     symbols.clear();
     bool cites = false;
@@ -285,10 +287,12 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
     }
 
     Json record = Json::object();
-    record["heading"] = std::string(heading);
-    record["files"] = text_list(files);
-    record["symbols"] = text_list(symbols);
-    record["hash"] = _text_hash(hash_input);
+    auto& fields = record.get_ref<Json::object_t&>();
+    fields.reserve(4);
+    fields.emplace("heading", heading);
+    fields.emplace("files", text_list(files));
+    fields.emplace("symbols", text_list(symbols));
+    fields.emplace("hash", _text_hash(hash_input));
     out.push_back(std::move(record));
   }
   return out;
