@@ -1,5 +1,6 @@
-// The SQLite wiki store at repository scale: loading a branch's rows, and
-// persisting a first plan as skeleton rows in one transaction.
+// The SQLite wiki store at repository scale: loading a branch's rows,
+// persisting a first plan as skeleton rows in one transaction, and the
+// content-hash cache a build saves and loads once each.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -158,6 +159,51 @@ void BM_PersistSkeleton(benchmark::State& state) {
   state.counters["rows"] = static_cast<double>(written);
 }
 
+// The hash cache entries of a repository of n files, with real paths.
+std::vector<std::pair<std::string, wiki::CachedFileHash>> hash_entries(std::size_t files) {
+  std::vector<std::pair<std::string, wiki::CachedFileHash>> entries;
+  Rng rng(11);
+  for (const Unit& unit : make_units(files, 11)) {
+    for (const auto& path : unit.files) {
+      if (entries.size() == files) return entries;
+      wiki::CachedFileHash entry{rng.next() % 100000, static_cast<std::int64_t>(rng.next() >> 2),
+                                 rng.next(), std::to_string(rng.next())};
+      entries.emplace_back(path, std::move(entry));
+    }
+  }
+  return entries;
+}
+
+void BM_FileHashSave(benchmark::State& state) {
+  const auto entries = hash_entries(static_cast<std::size_t>(state.range(0)));
+  ScratchDir dir("hash-save");
+  for (auto _ : state) {
+    // A fresh store every time: the first build saves into an empty table.
+    state.PauseTiming();
+    fs::remove_all(dir.path() / "db");
+    auto store = std::make_unique<wiki::SqliteWikiStore>(dir.path() / "db" / "wiki.db");
+    state.ResumeTiming();
+    store->save_file_hashes(entries);
+    state.PauseTiming();
+    store.reset();
+    state.ResumeTiming();
+  }
+  state.counters["files"] = static_cast<double>(entries.size());
+}
+
+void BM_FileHashLoad(benchmark::State& state) {
+  ScratchDir dir("hash-load");
+  wiki::SqliteWikiStore store(dir.path() / "wiki.db");
+  store.save_file_hashes(hash_entries(static_cast<std::size_t>(state.range(0))));
+  std::size_t loaded = 0;
+  for (auto _ : state) {
+    auto cache = store.load_file_hash_cache();
+    loaded = cache.size();
+    benchmark::DoNotOptimize(cache);
+  }
+  state.counters["files"] = static_cast<double>(loaded);
+}
+
 BENCHMARK(BM_StoreLoad)->Arg(8000)->Arg(32000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StoreLoadCatchAll)->Arg(5000)->Arg(20000)->Unit(benchmark::kMillisecond);
 // One call per measurement: each builds a fresh database of its own.
@@ -167,6 +213,8 @@ BENCHMARK(BM_PersistSkeleton)
     ->Arg(32000)
     ->Iterations(1)
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FileHashSave)->Arg(100000)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_FileHashLoad)->Arg(100000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace kodrune_bench
