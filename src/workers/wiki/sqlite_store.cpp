@@ -168,7 +168,7 @@ struct SqliteDatabase::StatementCache {
     }
     sqlite3_stmt* statement = compile(handle, sql, SQLITE_PREPARE_PERSISTENT);
     try {
-      auto [at, fresh] = entries.emplace(std::string(sql), Entry{statement, true});
+      const auto at = entries.emplace(std::string(sql), Entry{statement, true}).first;
       return StatementUse(statement, &at->second.in_use);
     } catch (...) {
       sqlite3_finalize(statement);
