@@ -226,7 +226,25 @@ void FileHasher::prefetch(const std::vector<std::string>& paths,
 Json FileHasher::hashes(const std::vector<std::string>& paths) {
   std::vector<std::string> scratch;
   const std::vector<std::string>& normal = normal_paths(paths, scratch);
-  learn(normal, nullptr);
+  // One lookup per path: after a prefetch nearly every path is known, and
+  // only the rest is learned. Values of known_ stay where they are when it
+  // grows, so the pointers taken first stay good.
+  std::vector<const Known*> found(normal.size(), nullptr);
+  std::vector<std::string> unknown;
+  for (std::size_t i = 0; i < normal.size(); ++i) {
+    const auto at = known_.find(normal[i]);
+    if (at != known_.end()) {
+      found[i] = &at->second;
+    } else {
+      unknown.push_back(normal[i]);
+    }
+  }
+  if (!unknown.empty()) {
+    learn(unknown, nullptr);
+    for (std::size_t i = 0; i < normal.size(); ++i) {
+      if (found[i] == nullptr) found[i] = &known_.at(normal[i]);
+    }
+  }
   // Entries are appended, not assigned through operator[]: an ordered object
   // finds a key by a linear search, so a page of n files cost n * n string
   // compares (the catch-all page of a large repository holds most of its
@@ -240,10 +258,10 @@ Json FileHasher::hashes(const std::vector<std::string>& paths) {
                                            std::greater_equal<>()) == normal.end();
   std::unordered_set<std::string_view> seen;
   if (!distinct) seen.reserve(normal.size());
-  for (const auto& path : normal) {
-    const Known& known = known_.at(path);
-    if (known.is_file && (distinct || seen.insert(path).second)) {
-      entries.emplace_back(path, known.hash);
+  for (std::size_t i = 0; i < normal.size(); ++i) {
+    const Known& known = *found[i];
+    if (known.is_file && (distinct || seen.insert(normal[i]).second)) {
+      entries.emplace_back(normal[i], known.hash);
     }
   }
   return result;
