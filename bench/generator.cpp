@@ -487,6 +487,13 @@ StaleWorkload make_stale_workload(std::size_t plans, std::uint64_t seed) {
     work.existing.emplace(plan->page_id,
                           row_from_plan(*plan, "main", hashes, roll < 10 ? "" : hex_hash(rng)));
   }
+  // The rows as a host holds them: a store hands its rows back decoded in
+  // one pass, so each row's values lie together in memory rather than spread
+  // among the generator's scratch.
+  wiki::Existing loaded;
+  loaded.reserve(work.existing.size());
+  for (const auto& [page_id, row] : work.existing) loaded.emplace(page_id, row);
+  work.existing = std::move(loaded);
   return work;
 }
 

@@ -116,7 +116,9 @@ struct StaleWorkload {
   wiki::PlanList plans;
   wiki::Existing existing;
   // What the host's `_source_hashes` serves: path -> current content hash.
-  std::unordered_map<std::string, std::string> file_hashes;
+  // An open-addressing table whose entries lie in one array, as a host's
+  // in-memory hash memo would be built.
+  tsl::ordered_map<std::string, std::string> file_hashes;
   std::string steering_text;
 };
 

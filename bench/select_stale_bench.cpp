@@ -60,7 +60,7 @@ void BM_SelectStale(benchmark::State& state) {
   state.counters["stale"] = static_cast<double>(stale);
 }
 
-BENCHMARK(BM_SelectStale)->Arg(10000)->Arg(40000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SelectStale)->Arg(1000)->Arg(10000)->Arg(40000)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace kodrune_bench
