@@ -43,7 +43,8 @@ class SqliteDatabase final : public Database {
  public:
   // Opens (creating it and its parent folders when missing) the database file;
   // a file that is not a database is a StoreError. The connection waits up to
-  // `busy_timeout_ms` on a database another connection holds locked.
+  // `busy_timeout_ms` on a database another connection holds locked. Like
+  // the store, a connection is used by one thread at a time.
   explicit SqliteDatabase(const std::filesystem::path& path, int busy_timeout_ms = 10000);
   ~SqliteDatabase() override;
   SqliteDatabase(const SqliteDatabase&) = delete;
