@@ -4,7 +4,24 @@
 // the planner's own, and is left alone.
 #include "zenthar_kodrune/workers/wiki/page_title.hpp"
 
+#include <cstddef>
+#include <vector>
+
+#include "plan_record/row_facts.hpp"
+
 namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+void keep_title(PagePlan& plan, const Json& row, const Json* content_hash, const Json* title) {
+  if (content_hash == nullptr || is_empty(*content_hash)) return;
+  if (title == nullptr || is_empty(*title)) return;
+  // Read in place; a title that is not text raises row_text's own error.
+  if (!title->is_string()) row_text(row, "title");
+  plan.title = title->get_ref<const std::string&>();
+}
+
+}  // namespace
 
 PlanList keep_agent_titles(PlanList plans, const Existing& existing) {
   for (const auto& plan : plans) {
@@ -13,11 +30,18 @@ PlanList keep_agent_titles(PlanList plans, const Existing& existing) {
     const Json& row = found->second;
     const Json* content_hash = find_value(row, "content_hash");
     if (content_hash == nullptr || is_empty(*content_hash)) continue;
-    const Json* title = find_value(row, "title");
-    if (title == nullptr || is_empty(*title)) continue;
-    // Read in place; a title that is not text raises row_text's own error.
-    if (!title->is_string()) row_text(row, "title");
-    plan->title = title->get_ref<const std::string&>();
+    keep_title(*plan, row, content_hash, find_value(row, "title"));
+  }
+  return plans;
+}
+
+PlanList keep_agent_titles(PlanList plans, const Existing& existing,
+                           const std::vector<RowFacts>& facts) {
+  for (const auto& plan : plans) {
+    auto found = existing.find(plan->page_id);
+    if (found == existing.end()) continue;
+    const RowFacts& row_facts = facts[static_cast<std::size_t>(found - existing.begin())];
+    keep_title(*plan, found->second, row_facts.content_hash, row_facts.title);
   }
   return plans;
 }

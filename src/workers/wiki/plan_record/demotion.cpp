@@ -6,12 +6,14 @@
 // document those files twice, so its parent is dropped and its parts go on as
 // ordinary fresh pages, which pinning then lets claim only unpinned files.
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
+#include "row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
@@ -19,28 +21,22 @@ namespace zenthar_kodrune::workers::wiki {
 
 namespace {
 
-// The row's list of texts, read in place; nullptr when empty. A bad value is
-// handed to row_text_list, which raises the error every reader raises.
-const Json* text_list_in_place(const Json& row, std::string_view key) {
-  const Json* value = find_value(row, key);
-  if (value == nullptr || is_empty(*value)) return nullptr;
-  const bool all_text = value->is_array() && std::all_of(value->begin(), value->end(),
-                                                         [](const Json& item) { return item.is_string(); });
-  if (!all_text) row_text_list(row, key);
-  return value;
-}
-
 // The "source_files" of each stored page that pinning will keep under its id.
 // Stored paths count as they stand, live or not: the page still claims them.
 // Every row is read, so a bad row fails here whether or not a family needs it.
-std::vector<const Json*> pinned_file_lists(const Existing& existing) {
+std::vector<const Json*> pinned_file_lists(const Existing& existing,
+                                           const std::vector<RowFacts>& facts) {
   std::vector<const Json*> lists;
+  std::size_t i = 0;
   for (const auto& [page_id, row] : existing) {
-    if (!is_pinned_level(row_text(row, "level", "module"))) continue;
+    const RowFacts& row_facts = facts[i++];
+    if (!is_pinned_level(row_text_view(row, row_facts.level, "level", "module"))) continue;
     if (page_id.starts_with("custom-")) continue;
     // The prefix test spares a regex match for nearly every id.
     if (page_id.starts_with("module-additional") && _CATCH_ALL_RE.full_match(page_id)) continue;
-    if (const Json* files = text_list_in_place(row, "source_files")) lists.push_back(files);
+    if (const Json* files = row_text_list_in_place(row, row_facts.source_files, "source_files")) {
+      lists.push_back(files);
+    }
   }
   return lists;
 }
@@ -48,8 +44,24 @@ std::vector<const Json*> pinned_file_lists(const Existing& existing) {
 }  // namespace
 
 PlanList _demote_unrecorded_families(const PlanList& fresh_plans, const Existing& existing) {
-  const std::vector<const Json*> pinned_lists = pinned_file_lists(existing);
+  return demote_unrecorded_families(fresh_plans, existing, row_facts(existing));
+}
+
+PlanList demote_unrecorded_families(const PlanList& fresh_plans, const Existing& existing,
+                                    const std::vector<RowFacts>& facts) {
+  const std::vector<const Json*> pinned_lists = pinned_file_lists(existing, facts);
   if (pinned_lists.empty()) return fresh_plans;
+
+  // The fresh families the store does not hold; most builds have none, and
+  // then no plan needs indexing.
+  auto may_give_way = [&](const PagePlan& parent) {
+    return !parent.children.empty() && is_pinned_level(parent.level) &&
+           existing.find(parent.page_id) == existing.end();
+  };
+  if (std::none_of(fresh_plans.begin(), fresh_plans.end(),
+                   [&](const PlanPtr& plan) { return may_give_way(*plan); })) {
+    return fresh_plans;
+  }
 
   // A later plan of the same id is the one found, as in the planner's output.
   std::unordered_map<std::string_view, PlanPtr> plans_by_id;
@@ -66,9 +78,7 @@ PlanList _demote_unrecorded_families(const PlanList& fresh_plans, const Existing
   std::vector<Family> candidates;
   std::unordered_map<std::string_view, bool> part_file_pinned;
   for (const auto& parent : fresh_plans) {
-    if (parent->children.empty()) continue;
-    if (existing.find(parent->page_id) != existing.end()) continue;
-    if (!is_pinned_level(parent->level)) continue;
+    if (!may_give_way(*parent)) continue;
 
     Family family{&parent, {}};
     family.parts.reserve(parent->children.size());

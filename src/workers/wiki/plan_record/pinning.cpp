@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/page_title.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -50,12 +51,19 @@ struct Superseded {
   std::shared_ptr<const PlanList> family_plans;
 };
 
+// A stored row that keeps its identity as a pinned page.
+struct PinnedRow {
+  const std::string* page_id;
+  const Json* row;
+  const RowFacts* facts;
+};
+
 // What the classification hands on to the pinning-mode assembly.
 struct Classified {
   StoredFamilies stored_families;
   IdSet family_ids;
   IdSet collapsed;
-  RowRefs pinned_existing;
+  std::vector<PinnedRow> pinned_existing;
   PlanList fresh_modules;
   PlanList passthrough;
 };
@@ -64,15 +72,21 @@ struct Classified {
 // row whose "related_pages" name stored pages is a family parent, whatever
 // its own files. Each row's level is kept in `levels`, in stored order, for
 // the later passes: read once here, a bad one fails here as it always has.
-StoredFamilies stored_families_of(const Existing& existing, std::vector<std::string>& levels) {
+StoredFamilies stored_families_of(const Existing& existing, const std::vector<RowFacts>& facts,
+                                  std::vector<std::string_view>& levels) {
   StoredFamilies families;
   levels.reserve(existing.size());
+  std::size_t i = 0;
   for (const auto& [page_id, row] : existing) {
-    levels.push_back(row_level(row));
+    const RowFacts& row_facts = facts[i++];
+    levels.push_back(row_text_view(row, row_facts.level, "level", "module"));
     if (!is_pinned_level(levels.back()) || is_custom(page_id)) continue;
+    const Json* related = row_text_list_in_place(row, row_facts.related_pages, "related_pages");
+    if (related == nullptr) continue;
     std::vector<std::string> kids;
-    for (auto& kid : row_text_list(row, "related_pages")) {
-      if (existing.find(kid) != existing.end()) kids.push_back(std::move(kid));
+    for (const auto& item : *related) {
+      const auto& kid = item.get_ref<const std::string&>();
+      if (existing.find(kid) != existing.end()) kids.push_back(kid);
     }
     if (!kids.empty()) families.emplace(page_id, std::move(kids));
   }
@@ -159,36 +173,18 @@ using LiveIndex = tsl::ordered_map<std::string_view, PathState, std::hash<std::s
                                    std::allocator<std::pair<std::string_view, PathState>>,
                                    std::vector<std::pair<std::string_view, PathState>>>;
 
-// A text value that _plan_from_row would accept: empty or text.
-bool text_or_empty(const Json& row, std::string_view key) {
-  const Json* value = find_value(row, key);
-  return value == nullptr || value->is_string() || is_empty(*value);
-}
-
-// A list value that _plan_from_row would accept: empty, or a list of text.
-bool text_list_or_empty(const Json& row, std::string_view key) {
-  const Json* value = find_value(row, key);
-  if (value == nullptr || is_empty(*value)) return true;
-  return value->is_array() && std::all_of(value->begin(), value->end(),
-                                          [](const Json& item) { return item.is_string(); });
-}
-
 // The row's page id when _plan_from_row would build a plan from it; raises
-// what _plan_from_row raises, in the order it reads the keys, by handing a
-// bad value to the reader it uses. A pinned row whose id the planner still
-// plans is not rebuilt, but a bad row must fail the same way either way.
-const std::string& checked_row_page_id(const Json& row) {
-  if (!text_list_or_empty(row, "source_files")) row_text_list(row, "source_files");
-  if (!text_or_empty(row, "title")) row_text(row, "title");
-  const Json* page_id = find_value(row, "page_id");
-  if (page_id == nullptr || !page_id->is_string()) {
-    row_page_id(row);  // throws for a missing or non-text id, with its own message
-    std::abort();
-  }
-  const std::string& id = page_id->get_ref<const std::string&>();
-  for (std::string_view key : {"level", "importance", "description", "page_type"}) {
-    if (!text_or_empty(row, key)) row_text(row, key);
-  }
+// what _plan_from_row raises, in the order it reads the keys. A pinned row
+// whose id the planner still plans is not rebuilt, but a bad row must fail
+// the same way either way.
+const std::string& checked_row_page_id(const Json& row, const RowFacts& facts) {
+  row_text_list_in_place(row, facts.source_files, "source_files");
+  row_text_view(row, facts.title, "title");
+  const std::string& id = row_page_id_ref(row, facts.page_id);
+  row_text_view(row, facts.level, "level");
+  row_text_view(row, facts.importance, "importance");
+  row_text_view(row, facts.description, "description");
+  row_text_view(row, facts.page_type, "page_type");
   return id;
 }
 
@@ -200,7 +196,8 @@ bool is_catch_all_id(std::string_view page_id) {
 // The pinning mode: stored identities are kept, stored families rebuilt or
 // retired, new files given to fresh pages or the catch-all page, and the
 // plans put in build order.
-PlanList assemble_pinned(const Classified& c, const Existing& existing, const PathSet& live_paths,
+PlanList assemble_pinned(const Classified& c, const Existing& existing,
+                         const std::vector<RowFacts>& facts, const PathSet& live_paths,
                          Amendments& amendments) {
   LiveIndex live;
   live.reserve(live_paths.size());
@@ -240,16 +237,17 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing, const Pa
   // The fresh plans that became a kept page's content, by position.
   std::vector<bool> kept_as_content(c.fresh_modules.size(), false);
 
-  for (const auto& [pid, row] : c.pinned_existing) {
+  for (const auto& [pid_ref, row, facts] : c.pinned_existing) {
+    const std::string& pid = *pid_ref;
     auto fresh_same = fresh_by_id.find(pid);
     PlanPtr plan;
     bool catch_all = false;
     if (fresh_same != fresh_by_id.end()) {
       // The planner's plan of that id supplies the content, so the stored
       // one is only checked and tested for the catch-all id, not rebuilt.
-      catch_all = is_catch_all_id(checked_row_page_id(*row));
+      catch_all = is_catch_all_id(checked_row_page_id(*row, *facts));
     } else {
-      plan = _plan_from_row(*row, live_paths);
+      plan = plan_from_row(*row, *facts, live_paths);
       catch_all = plan->catch_all;
     }
     if (catch_all) {
@@ -355,7 +353,7 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing, const Pa
         amend("retire", row_page_id(*catch_all_row), "catch-all has no remaining files"));
   }
 
-  return link_families(keep_agent_titles(_by_importance(plans), existing));
+  return link_families(keep_agent_titles(_by_importance(plans), existing, facts));
 }
 
 }  // namespace
@@ -366,14 +364,15 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   Amendments& amendments = result.amendments;
   ReplanRemap& remap = result.remap;
   Classified c;
+  const std::vector<RowFacts> facts = row_facts(existing);
 
   // A replan adopts fresh families, so only pinning demotes them.
   PlanList demoted;
-  if (!replan) demoted = _demote_unrecorded_families(fresh_plans_in, existing);
+  if (!replan) demoted = demote_unrecorded_families(fresh_plans_in, existing, facts);
   const PlanList& fresh_plans = replan ? fresh_plans_in : demoted;
 
-  std::vector<std::string> levels;
-  c.stored_families = stored_families_of(existing, levels);
+  std::vector<std::string_view> levels;
+  c.stored_families = stored_families_of(existing, facts, levels);
 
   std::unordered_map<std::string, Superseded> superseded_kids;
   std::unordered_map<std::string_view, PlanPtr> fresh_by_page;
@@ -413,7 +412,8 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   // Whether a stored row keeps its identity as a pinned page; the first rule
   // that applies decides. Evaluated once per row, in stored order, so its
   // amendments come in that order.
-  auto _pinnable = [&](const std::string& pid, const Json& row, std::string_view level) {
+  auto _pinnable = [&](const std::string& pid, const Json& row, const RowFacts& row_facts,
+                       std::string_view level) {
     if (!is_pinned_level(level)) return false;
     if (auto found = superseded_kids.find(pid); found != superseded_kids.end()) {
       amendments.push_back(carry_superseded(remap, pid, row, *found->second.family_plans,
@@ -426,7 +426,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     // a synthesis page's, has no files.
     if (c.collapsed.count(pid) != 0) return true;
     if (c.stored_families.find(pid) != c.stored_families.end()) return false;
-    const Json* files = find_value(row, "source_files");
+    const Json* files = row_facts.source_files;
     if (files == nullptr || is_empty(*files)) {
       amendments.push_back(amend("retire", pid, "decomposition changed; empty parent"));
       return false;
@@ -435,7 +435,8 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   };
   std::size_t row_index = 0;
   for (const auto& [pid, row] : existing) {
-    if (_pinnable(pid, row, levels[row_index++])) c.pinned_existing.emplace(pid, &row);
+    const std::size_t i = row_index++;
+    if (_pinnable(pid, row, facts[i], levels[i])) c.pinned_existing.push_back({&pid, &row, &facts[i]});
   }
 
   std::unordered_set<std::string_view> fresh_ids;
@@ -464,15 +465,16 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   // Note pages are the author's; they are never retired for not being planned.
   row_index = 0;
   for (const auto& [pid, row] : existing) {
-    const std::string& level = levels[row_index++];
+    const std::string_view level = levels[row_index++];
     if (is_pinned_level(level) || level == NOTE_LEVEL) continue;
     if (fresh_ids.count(pid) == 0) {
-      amendments.push_back(amend("retire", pid, level + " page no longer planned", level));
+      amendments.push_back(
+          amend("retire", pid, std::string(level) + " page no longer planned", level));
     }
   }
 
   if (!replan && !c.pinned_existing.empty()) {
-    result.plans = assemble_pinned(c, existing, live_paths, amendments);
+    result.plans = assemble_pinned(c, existing, facts, live_paths, amendments);
     return result;
   }
 
@@ -487,11 +489,13 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     std::unordered_set<std::string> fresh_id_texts;
     fresh_id_texts.reserve(fresh_ids.size());
     for (std::string_view id : fresh_ids) fresh_id_texts.emplace(id);
-    inherit_prose(remap, c.pinned_existing, fresh_code_plans, live_paths, fresh_id_texts,
-                  amendments);
+    RowRefs pinned_rows;
+    pinned_rows.reserve(c.pinned_existing.size());
+    for (const auto& pinned : c.pinned_existing) pinned_rows.emplace(*pinned.page_id, pinned.row);
+    inherit_prose(remap, pinned_rows, fresh_code_plans, live_paths, fresh_id_texts, amendments);
   }
   // No importance order here: a first plan or a replan keeps the planner's.
-  result.plans = link_families(keep_agent_titles(fresh_plans, existing));
+  result.plans = link_families(keep_agent_titles(fresh_plans, existing, facts));
   return result;
 }
 

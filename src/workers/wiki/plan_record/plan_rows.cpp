@@ -5,12 +5,14 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
 
+#include "row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
@@ -22,26 +24,62 @@ namespace zenthar_kodrune::workers::wiki {
 // ASCII digits only.
 const Regex _CATCH_ALL_RE("^module-additional(-\\d+)?$", PCRE2_DOLLAR_ENDONLY);
 
-namespace {
+RowFacts row_facts_of(const Json& row) {
+  RowFacts facts;
+  if (!row.is_object()) return facts;
+  for (const auto& [name, value] : row.get_ref<const Json::object_t&>()) {
+    const std::string_view key = name;
+    const Json** slot = nullptr;
+    if (key == "page_id") slot = &facts.page_id;
+    else if (key == "title") slot = &facts.title;
+    else if (key == "level") slot = &facts.level;
+    else if (key == "importance") slot = &facts.importance;
+    else if (key == "description") slot = &facts.description;
+    else if (key == "source_files") slot = &facts.source_files;
+    else if (key == "related_pages") slot = &facts.related_pages;
+    else if (key == "page_type") slot = &facts.page_type;
+    else if (key == "content_hash") slot = &facts.content_hash;
+    // The first of repeated keys is the one a lookup finds.
+    if (slot != nullptr && *slot == nullptr) *slot = &value;
+  }
+  return facts;
+}
 
-// The row's list of texts, read in place; nullptr when empty. A bad value is
-// handed to row_text_list, which raises the error every reader raises.
-const Json* text_list_in_place(const Json& row, std::string_view key) {
-  const Json* value = find_value(row, key);
+std::vector<RowFacts> row_facts(const Existing& existing) {
+  std::vector<RowFacts> all;
+  all.reserve(existing.size());
+  for (const auto& entry : existing) all.push_back(row_facts_of(entry.second));
+  return all;
+}
+
+std::string_view row_text_view(const Json& row, const Json* value, std::string_view key,
+                               std::string_view fallback) {
+  if (value == nullptr || is_empty(*value)) return fallback;
+  if (!value->is_string()) row_text(row, key);  // raises row_text's own error
+  return value->get_ref<const std::string&>();
+}
+
+const std::string& row_page_id_ref(const Json& row, const Json* value) {
+  if (value == nullptr || !value->is_string()) {
+    row_page_id(row);  // raises for a missing or non-text id, with its own message
+    std::abort();
+  }
+  return value->get_ref<const std::string&>();
+}
+
+const Json* row_text_list_in_place(const Json& row, const Json* value, std::string_view key) {
   if (value == nullptr || is_empty(*value)) return nullptr;
   const bool all_text = value->is_array() && std::all_of(value->begin(), value->end(),
                                                          [](const Json& item) { return item.is_string(); });
-  if (!all_text) row_text_list(row, key);
+  if (!all_text) row_text_list(row, key);  // raises row_text_list's own error
   return value;
 }
 
-}  // namespace
-
-PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
+PlanPtr plan_from_row(const Json& row, const RowFacts& facts, const PathSet& live_paths) {
   // Live files only, in plain string order; repeats are kept as stored. Only
   // the live ones are copied out of the row.
   std::vector<std::string> kept;
-  if (const Json* files = text_list_in_place(row, "source_files")) {
+  if (const Json* files = row_text_list_in_place(row, facts.source_files, "source_files")) {
     kept.reserve(files->size());
     for (const auto& item : *files) {
       const auto& path = item.get_ref<const std::string&>();
@@ -50,15 +88,15 @@ PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
   }
   std::sort(kept.begin(), kept.end());
 
-  std::string title = row_text(row, "title");
-  const std::string page_id = row_page_id(row);
+  std::string title(row_text_view(row, facts.title, "title"));
+  const std::string& page_id = row_page_id_ref(row, facts.page_id);
   if (title.empty()) title = page_id;
 
   PagePlan plan;
   plan.page_id = page_id;
-  plan.level = row_text(row, "level", "module");
-  plan.importance = row_text(row, "importance", "medium");
-  plan.description = row_text(row, "description");
+  plan.level = row_text_view(row, facts.level, "level", "module");
+  plan.importance = row_text_view(row, facts.importance, "importance", "medium");
+  plan.description = row_text_view(row, facts.description, "description");
   // A stored description is kept as written even when the count it mentions
   // is out of date; only a missing one is generated from the live files.
   if (plan.description.empty()) {
@@ -69,8 +107,12 @@ PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
   plan.source_files = std::move(kept);
   // The prefix test spares a regex match for nearly every id.
   plan.catch_all = page_id.starts_with("module-additional") && _CATCH_ALL_RE.full_match(page_id);
-  plan.type = row_text(row, "page_type");
+  plan.type = row_text_view(row, facts.page_type, "page_type");
   return make_plan(std::move(plan));
+}
+
+PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
+  return plan_from_row(row, row_facts_of(row), live_paths);
 }
 
 PlanList _by_importance(const PlanList& plans) {
