@@ -115,7 +115,7 @@ Json carry_superseded(ReplanRemap& remap, const std::string& child_id, const Jso
 
 void inherit_prose(ReplanRemap& remap, const RowRefs& pinned_existing,
                    const PlanList& fresh_code_plans, const PathSet& live_paths,
-                   const std::unordered_set<std::string>& fresh_ids, Amendments& amendments) {
+                   const IdViews& fresh_ids, Amendments& amendments) {
   // Pages the fresh plan still has keep their own prose; this runs before any
   // overlap is looked at so that such a page is never seeded from another.
   for (const auto& [old_id, row] : pinned_existing) {

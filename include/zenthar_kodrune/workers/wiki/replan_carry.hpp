@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <tsl/ordered_map.h>
+#include <tsl/ordered_set.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
@@ -33,6 +34,9 @@ struct ReplanRemap {
   Json to_json() const;
 };
 
+// Page ids as views of strings that outlive the set.
+using IdViews = tsl::ordered_set<std::string_view>;
+
 // Stored rows by page id, in order, without copying the rows.
 using RowRefs = tsl::ordered_map<std::string, const Json*>;
 
@@ -47,6 +51,6 @@ Json carry_superseded(ReplanRemap& remap, const std::string& child_id, const Jso
 // of its live files, appending "retire" and "remap" records to `amendments`.
 void inherit_prose(ReplanRemap& remap, const RowRefs& pinned_existing,
                    const PlanList& fresh_code_plans, const PathSet& live_paths,
-                   const std::unordered_set<std::string>& fresh_ids, Amendments& amendments);
+                   const IdViews& fresh_ids, Amendments& amendments);
 
 }  // namespace zenthar_kodrune::workers::wiki

@@ -33,7 +33,8 @@ namespace zenthar_kodrune::workers::wiki {
 
 namespace {
 
-using IdSet = std::unordered_set<std::string>;
+// Ids as views of plans and rows that outlive the call.
+using IdSet = IdViews;
 using StoredFamilies = tsl::ordered_map<std::string, std::vector<std::string>>;
 
 constexpr std::string_view kCatchAllId = "module-additional";
@@ -188,6 +189,21 @@ const std::string& checked_row_page_id(const Json& row, const RowFacts& facts) {
   return id;
 }
 
+// What the assembly knows of one page id: the last fresh code-unit plan of
+// that id (catch-all plans aside), as a position in `fresh_modules`; the
+// first plan of `plans` with it; whether a page of it is kept. One entry per
+// id, so a pinned row's id is hashed once for all three.
+struct IdState {
+  static constexpr std::size_t kNoPlan = static_cast<std::size_t>(-1);
+  std::size_t fresh_module = kNoPlan;
+  PagePlan* first_in_plans = nullptr;
+  bool kept = false;
+};
+using IdTable = tsl::ordered_map<std::string_view, IdState, std::hash<std::string_view>,
+                                 std::equal_to<std::string_view>,
+                                 std::allocator<std::pair<std::string_view, IdState>>,
+                                 std::vector<std::pair<std::string_view, IdState>>>;
+
 bool is_catch_all_id(std::string_view page_id) {
   // The prefix test spares a regex match for nearly every id.
   return page_id.starts_with(kCatchAllId) && _CATCH_ALL_RE.full_match(page_id);
@@ -201,7 +217,14 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
                          Amendments& amendments) {
   LiveIndex live;
   live.reserve(live_paths.size());
-  for (const auto& path : live_paths) live.emplace(path, PathState::kNew);
+  // Walked bucket by bucket: the first nodes of the buckets are independent
+  // loads, where the set's own iteration follows one list, a miss per step.
+  // The index's order is never seen: the files it hands out are sorted.
+  for (std::size_t bucket = 0; bucket < live_paths.bucket_count(); ++bucket) {
+    for (auto it = live_paths.begin(bucket); it != live_paths.end(bucket); ++it) {
+      live.emplace(*it, PathState::kNew);
+    }
+  }
   auto cover = [&](const std::vector<std::string>& files) {
     for (const auto& path : files) {
       auto found = live.find(path);
@@ -213,36 +236,41 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
 
   PlanList plans = c.passthrough;
   plans.reserve(c.passthrough.size() + c.pinned_existing.size() + c.stored_families.size() + 1);
-  // The first plan of `plans` with a given id, kept as `plans` grows, so an
-  // extension finds its page without a scan. Ids view plans `plans` holds.
-  std::unordered_map<std::string_view, PagePlan*> first_in_plans;
-  first_in_plans.reserve(plans.capacity());
+  // Ids view plans and rows that outlive the call.
+  IdTable ids;
+  ids.reserve(c.fresh_modules.size() + plans.capacity());
+  for (std::size_t i = 0; i < c.fresh_modules.size(); ++i) {
+    if (!c.fresh_modules[i]->catch_all) ids[c.fresh_modules[i]->page_id].fresh_module = i;
+  }
+  // `plans` keeps the first plan of each id findable as it grows, so an
+  // extension finds its page without a scan.
+  auto note_in_plans = [](IdState& state, const PlanPtr& plan) {
+    if (state.first_in_plans == nullptr) state.first_in_plans = plan.get();
+  };
   auto add_plan = [&](const PlanPtr& plan) {
     plans.push_back(plan);
-    first_in_plans.try_emplace(plan->page_id, plan.get());
+    note_in_plans(ids[plan->page_id], plan);
   };
   for (const auto& plan : plans) {
-    first_in_plans.try_emplace(plan->page_id, plan.get());
+    note_in_plans(ids[plan->page_id], plan);
     cover(plan->source_files);
   }
-  std::unordered_set<std::string_view> kept_ids;
-  kept_ids.reserve(plans.capacity());
+  auto is_kept = [&](std::string_view page_id) {
+    auto found = ids.find(page_id);
+    return found != ids.end() && found->second.kept;
+  };
   const Json* catch_all_row = nullptr;
-  // Fresh code-unit plans by id, as positions in `fresh_modules`.
-  std::unordered_map<std::string_view, std::size_t> fresh_by_id;
-  fresh_by_id.reserve(c.fresh_modules.size());
-  for (std::size_t i = 0; i < c.fresh_modules.size(); ++i) {
-    if (!c.fresh_modules[i]->catch_all) fresh_by_id.insert_or_assign(c.fresh_modules[i]->page_id, i);
-  }
   // The fresh plans that became a kept page's content, by position.
   std::vector<bool> kept_as_content(c.fresh_modules.size(), false);
 
   for (const auto& [pid_ref, row, facts] : c.pinned_existing) {
     const std::string& pid = *pid_ref;
-    auto fresh_same = fresh_by_id.find(pid);
+    auto pid_entry = ids.find(pid);
+    const std::size_t fresh_same =
+        pid_entry != ids.end() ? pid_entry->second.fresh_module : IdState::kNoPlan;
     PlanPtr plan;
     bool catch_all = false;
-    if (fresh_same != fresh_by_id.end()) {
+    if (fresh_same != IdState::kNoPlan) {
       // The planner's plan of that id supplies the content, so the stored
       // one is only checked and tested for the catch-all id, not rebuilt.
       catch_all = is_catch_all_id(checked_row_page_id(*row, *facts));
@@ -256,17 +284,22 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
       catch_all_row = row;
       continue;
     }
-    if (fresh_same == fresh_by_id.end() && plan->source_files.empty()) {
+    if (fresh_same == IdState::kNoPlan && plan->source_files.empty()) {
       amendments.push_back(amend("retire", pid, "all source files gone"));
       continue;
     }
     // The page keeps its id; the planner's plan of that id supplies content.
-    if (fresh_same != fresh_by_id.end()) {
-      plan = c.fresh_modules[fresh_same->second];
-      kept_as_content[fresh_same->second] = true;
+    if (fresh_same != IdState::kNoPlan) {
+      plan = c.fresh_modules[fresh_same];
+      kept_as_content[fresh_same] = true;
+      // The plan has the row's id: its entry is the one found.
+      plans.push_back(plan);
+      note_in_plans(pid_entry.value(), plan);
+      pid_entry.value().kept = true;
+    } else {
+      add_plan(plan);
+      ids[pid].kept = true;
     }
-    add_plan(plan);
-    kept_ids.insert(pid);
     cover(plan->source_files);
   }
 
@@ -274,14 +307,14 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
     if (c.family_ids.count(parent_id) != 0 || c.collapsed.count(parent_id) != 0) continue;
     std::vector<std::string> surviving;
     for (const auto& kid : kids) {
-      if (kept_ids.count(kid) != 0) surviving.push_back(kid);
+      if (is_kept(kid)) surviving.push_back(kid);
     }
     if (surviving.empty()) {
       amendments.push_back(amend("retire", parent_id, "all decomposed children retired"));
       continue;
     }
     add_plan(rebuilt_family_parent(parent_id, existing.at(parent_id), surviving, existing));
-    kept_ids.insert(parent_id);
+    ids[parent_id].kept = true;
   }
 
   // The stored catch-all page keeps its live files, even those a kept page
@@ -323,10 +356,9 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
       files.reserve(own_new.size());
       for (const auto& entry : own_new) files.emplace_back(entry->first);
       const std::string count = std::to_string(files.size());
-      if (kept_ids.count(plan->page_id) != 0) {
-        auto found = first_in_plans.find(plan->page_id);
-        if (found != first_in_plans.end()) {
-          found->second->source_files = sorted_union(found->second->source_files, files);
+      if (is_kept(plan->page_id)) {
+        if (PagePlan* page = ids.at(plan->page_id).first_in_plans) {
+          page->source_files = sorted_union(page->source_files, files);
         }
         amendments.push_back(
             amend("extend", plan->page_id, count + " new source file(s) absorbed"));
@@ -334,7 +366,7 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
         // The new page keeps only the files no kept page holds.
         plan->source_files = std::move(files);
         add_plan(plan);
-        kept_ids.insert(plan->page_id);
+        ids[plan->page_id].kept = true;
         amendments.push_back(amend("add", plan->page_id, "new subsystem (" + count + " files)"));
       }
     }
@@ -374,22 +406,36 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   std::vector<std::string_view> levels;
   c.stored_families = stored_families_of(existing, facts, levels);
 
-  std::unordered_map<std::string, Superseded> superseded_kids;
-  std::unordered_map<std::string_view, PlanPtr> fresh_by_page;
-  fresh_by_page.reserve(fresh_plans.size());
-  for (const auto& plan : fresh_plans) fresh_by_page.insert_or_assign(plan->page_id, plan);
+  IdViews fresh_ids;
+  fresh_ids.reserve(fresh_plans.size());
+  for (const auto& plan : fresh_plans) fresh_ids.insert(plan->page_id);
+
+  tsl::ordered_map<std::string_view, Superseded> superseded_kids;
+  // The last fresh plan of each id, as a position in `fresh_plans`; only a
+  // re-chunked stored family needs it, so it is built on first use.
+  tsl::ordered_map<std::string_view, std::size_t> fresh_by_page;
+  auto fresh_plan_of = [&](std::string_view page_id) -> const PlanPtr* {
+    if (fresh_by_page.empty()) {
+      fresh_by_page.reserve(fresh_plans.size());
+      for (std::size_t i = 0; i < fresh_plans.size(); ++i) {
+        fresh_by_page.insert_or_assign(fresh_plans[i]->page_id, i);
+      }
+    }
+    auto found = fresh_by_page.find(page_id);
+    return found != fresh_by_page.end() ? &fresh_plans[found->second] : nullptr;
+  };
 
   for (const auto& p : fresh_plans) {
     if (!is_pinned_level(p->level)) continue;
-    auto stored = c.stored_families.find(p->page_id);
+    auto stored = c.stored_families.empty() ? c.stored_families.end()
+                                            : c.stored_families.find(p->page_id);
     if (!p->children.empty()) {
       c.family_ids.insert(p->page_id);
       c.family_ids.insert(p->children.begin(), p->children.end());
       if (stored == c.stored_families.end()) continue;
       auto fresh_kids = std::make_shared<PlanList>();
       for (const auto& child_id : p->children) {
-        auto found = fresh_by_page.find(child_id);
-        if (found != fresh_by_page.end()) fresh_kids->push_back(found->second);
+        if (const PlanPtr* found = fresh_plan_of(child_id)) fresh_kids->push_back(*found);
       }
       const std::unordered_set<std::string_view> still_children(p->children.begin(),
                                                                 p->children.end());
@@ -411,21 +457,22 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
 
   // Whether a stored row keeps its identity as a pinned page; the first rule
   // that applies decides. Evaluated once per row, in stored order, so its
-  // amendments come in that order.
+  // amendments come in that order. The id is hashed once for all its tests.
   auto _pinnable = [&](const std::string& pid, const Json& row, const RowFacts& row_facts,
                        std::string_view level) {
     if (!is_pinned_level(level)) return false;
-    if (auto found = superseded_kids.find(pid); found != superseded_kids.end()) {
+    const std::size_t hash = std::hash<std::string_view>{}(pid);
+    if (auto found = superseded_kids.find(pid, hash); found != superseded_kids.end()) {
       amendments.push_back(carry_superseded(remap, pid, row, *found->second.family_plans,
                                             live_paths, std::string(found->second.reason)));
       return false;
     }
-    if (c.family_ids.count(pid) != 0) return false;
+    if (c.family_ids.count(pid, hash) != 0) return false;
     if (is_custom(pid)) return false;
     // A collapsed family parent stays as an undivided page though its row,
     // a synthesis page's, has no files.
-    if (c.collapsed.count(pid) != 0) return true;
-    if (c.stored_families.find(pid) != c.stored_families.end()) return false;
+    if (c.collapsed.count(pid, hash) != 0) return true;
+    if (c.stored_families.count(pid, hash) != 0) return false;
     const Json* files = row_facts.source_files;
     if (files == nullptr || is_empty(*files)) {
       amendments.push_back(amend("retire", pid, "decomposition changed; empty parent"));
@@ -433,16 +480,26 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     }
     return true;
   };
+  // The same pass finds the custom pages no longer steered and the pages of
+  // other levels no longer planned; their amendments follow, in their places.
+  // Note pages are the author's; they are never retired for not being planned.
+  Amendments unsteered;
+  Amendments unplanned;
   std::size_t row_index = 0;
   for (const auto& [pid, row] : existing) {
     const std::size_t i = row_index++;
-    if (_pinnable(pid, row, facts[i], levels[i])) c.pinned_existing.push_back({&pid, &row, &facts[i]});
+    const std::string_view level = levels[i];
+    if (_pinnable(pid, row, facts[i], level)) c.pinned_existing.push_back({&pid, &row, &facts[i]});
+    if (is_custom(pid) && fresh_ids.count(pid) == 0) {
+      unsteered.push_back(amend("retire", pid, "removed from steering"));
+    }
+    if (!is_pinned_level(level) && level != NOTE_LEVEL && fresh_ids.count(pid) == 0) {
+      unplanned.push_back(
+          amend("retire", pid, std::string(level) + " page no longer planned", level));
+    }
   }
 
-  std::unordered_set<std::string_view> fresh_ids;
-  fresh_ids.reserve(fresh_plans.size());
   for (const auto& plan : fresh_plans) {
-    fresh_ids.insert(plan->page_id);
     if (is_pinned_level(plan->level) && c.family_ids.count(plan->page_id) == 0 &&
         !is_custom(plan->page_id)) {
       c.fresh_modules.push_back(plan);
@@ -451,27 +508,14 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     }
   }
 
-  for (const auto& [pid, row] : existing) {
-    if (is_custom(pid) && fresh_ids.count(pid) == 0) {
-      amendments.push_back(amend("retire", pid, "removed from steering"));
-    }
-  }
+  for (auto& record : unsteered) amendments.push_back(std::move(record));
   for (const auto& plan : c.passthrough) {
     if (existing.find(plan->page_id) == existing.end()) {
       amendments.push_back(
           amend("add", plan->page_id, "new " + plan->level + " page", plan->level));
     }
   }
-  // Note pages are the author's; they are never retired for not being planned.
-  row_index = 0;
-  for (const auto& [pid, row] : existing) {
-    const std::string_view level = levels[row_index++];
-    if (is_pinned_level(level) || level == NOTE_LEVEL) continue;
-    if (fresh_ids.count(pid) == 0) {
-      amendments.push_back(
-          amend("retire", pid, std::string(level) + " page no longer planned", level));
-    }
-  }
+  for (auto& record : unplanned) amendments.push_back(std::move(record));
 
   if (!replan && !c.pinned_existing.empty()) {
     result.plans = assemble_pinned(c, existing, facts, live_paths, amendments);
@@ -486,13 +530,10 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
         fresh_code_plans.push_back(plan);
       }
     }
-    std::unordered_set<std::string> fresh_id_texts;
-    fresh_id_texts.reserve(fresh_ids.size());
-    for (std::string_view id : fresh_ids) fresh_id_texts.emplace(id);
     RowRefs pinned_rows;
     pinned_rows.reserve(c.pinned_existing.size());
     for (const auto& pinned : c.pinned_existing) pinned_rows.emplace(*pinned.page_id, pinned.row);
-    inherit_prose(remap, pinned_rows, fresh_code_plans, live_paths, fresh_id_texts, amendments);
+    inherit_prose(remap, pinned_rows, fresh_code_plans, live_paths, fresh_ids, amendments);
   }
   // No importance order here: a first plan or a replan keeps the planner's.
   result.plans = link_families(keep_agent_titles(fresh_plans, existing, facts));
