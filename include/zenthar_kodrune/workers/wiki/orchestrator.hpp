@@ -25,6 +25,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <map>
 #include <memory>
 #include <optional>
@@ -188,8 +189,10 @@ class WikiGenerator : public PlanRecordMixin {
   const RepositoryIndex& index() const { return index_; }
   FileHasher& hasher() { return hasher_; }
 
-  // Indexes, plans and pins; writes nothing.
-  Derivation derive(bool replan);
+  // Indexes, plans and pins; writes nothing. With `prefetch`, the source
+  // files are hashed on a thread of their own meanwhile (the store's hash
+  // cache read through a second connection), ready for the stale selection.
+  Derivation derive(bool replan, bool prefetch = false);
 
   // One build: derive; record the plan in the store in one transaction
   // (retire, replan or persist the skeleton, add a stale row for every other
@@ -221,8 +224,14 @@ class WikiGenerator : public PlanRecordMixin {
   // Retires, persists and updates rows so the store holds the pinned plan.
   // Returns whether it wrote anything (else `existing_` still holds the rows).
   bool record_plan(const PinResult& pinned, bool replan);
-  // Hashes every source file once, from the cache where it can.
-  void prefetch_hashes();
+  // Hashes every source file once, from the cache where it can; `cache`
+  // is the store the cache is read from when it has not been yet.
+  void prefetch_hashes(SqliteWikiStore* cache);
+  // The hashes a derivation started gathering, waited for (its failure
+  // thrown here); gathered now when none was started.
+  void collect_prefetch();
+  // Waits for a prefetch a failed build left running, dropping its result.
+  void abandon_prefetch() noexcept;
   void save_hash_cache();
 
   std::filesystem::path repo_root_;
@@ -238,6 +247,9 @@ class WikiGenerator : public PlanRecordMixin {
   // The plans of the last build, which a save is checked against.
   PlanList last_plans_;
   std::optional<std::string> steering_memo_;
+  // The hashing a derivation started. Declared last: it uses the members
+  // above and is waited for before any of them goes.
+  std::future<void> prefetch_;
 };
 
 }  // namespace zenthar_kodrune::workers::wiki

@@ -159,10 +159,27 @@ std::string WikiGenerator::_steering_text() {
 
 void WikiGenerator::_reload_existing() { existing_ = repository_->load_pages(branch_); }
 
-Derivation WikiGenerator::derive(bool replan) {
+Derivation WikiGenerator::derive(bool replan, bool prefetch) {
+  abandon_prefetch();
   hasher_.begin_build();
   steering_memo_.reset();
   index_ = index_repository(repo_root_, options_.planner);
+  if (prefetch) {
+    // The hasher, the index and the cache are left to the prefetch thread
+    // until collect_prefetch: nothing below touches them. Its own connection
+    // reads the cache, as one connection serves one thread.
+    auto* sqlite = dynamic_cast<SqliteWikiStore*>(repository_.get());
+    std::filesystem::path cache_path;
+    if (!cache_loaded_ && sqlite != nullptr) cache_path = sqlite->sqlite().path();
+    prefetch_ = std::async(std::launch::async, [this, cache_path] {
+      if (cache_path.empty()) {
+        prefetch_hashes(nullptr);
+      } else {
+        SqliteWikiStore cache(cache_path);
+        prefetch_hashes(&cache);
+      }
+    });
+  }
   _reload_existing();
   Derivation derivation;
   derivation.first_plan = existing_.empty();
@@ -220,14 +237,30 @@ bool WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
   return wrote;
 }
 
-void WikiGenerator::prefetch_hashes() {
-  auto* sqlite = dynamic_cast<SqliteWikiStore*>(repository_.get());
-  if (!cache_loaded_ && sqlite != nullptr) hasher_.load_cache(sqlite->load_file_hash_cache());
+void WikiGenerator::prefetch_hashes(SqliteWikiStore* cache) {
+  if (!cache_loaded_ && cache != nullptr) hasher_.load_cache(cache->load_file_hash_cache());
   cache_loaded_ = true;
   if (index_.source_stamps.size() == index_.source_files.size()) {
     hasher_.prefetch(index_.source_files, index_.source_stamps);
   } else {
     hasher_.prefetch(index_.source_files);
+  }
+}
+
+void WikiGenerator::collect_prefetch() {
+  if (prefetch_.valid()) {
+    prefetch_.get();
+    return;
+  }
+  prefetch_hashes(dynamic_cast<SqliteWikiStore*>(repository_.get()));
+}
+
+void WikiGenerator::abandon_prefetch() noexcept {
+  if (!prefetch_.valid()) return;
+  try {
+    prefetch_.get();
+  } catch (...) {
+    // The build that started it has failed already; the next one starts over.
   }
 }
 
@@ -242,7 +275,7 @@ void WikiGenerator::save_hash_cache() {
 }
 
 BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
-  Derivation derivation = derive(replan);
+  Derivation derivation = derive(replan, select);
   BuildResult result;
   result.first_plan = derivation.first_plan;
   for (const auto& plan : derivation.pinned.plans) {
@@ -257,7 +290,7 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
                                 static_cast<std::int64_t>(derivation.pinned.plans.size()));
   }
   if (select) {
-    prefetch_hashes();
+    collect_prefetch();
     result.stale = _select_stale(derivation.pinned.plans, existing_, force);
     for (const auto& plan : derivation.pinned.plans) {
       if (result.stale.count(plan->page_id) == 0 || result.why.count(plan->page_id) != 0) continue;
