@@ -40,10 +40,13 @@ PlanList keep_agent_titles(PlanList plans, const Existing& existing,
   for (const auto& plan : plans) {
     auto found = existing.find(plan->page_id);
     if (found == existing.end()) continue;
-    const RowFacts& row_facts = facts[static_cast<std::size_t>(found - existing.begin())];
-    keep_title(*plan, found->second, row_facts.content_hash, row_facts.title);
+    keep_agent_title(*plan, found->second, facts[static_cast<std::size_t>(found - existing.begin())]);
   }
   return plans;
+}
+
+void keep_agent_title(PagePlan& plan, const Json& row, const RowFacts& facts) {
+  keep_title(plan, row, facts.content_hash, facts.title);
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

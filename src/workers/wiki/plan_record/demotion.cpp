@@ -30,7 +30,8 @@ std::vector<const Json*> pinned_file_lists(const Existing& existing,
   std::size_t i = 0;
   for (const auto& [page_id, row] : existing) {
     const RowFacts& row_facts = facts[i++];
-    if (!is_pinned_level(row_text_view(row, row_facts.level, "level", "module"))) continue;
+    row_level(row, row_facts);
+    if (!row_facts.pinned_level) continue;
     if (page_id.starts_with("custom-")) continue;
     // The prefix test spares a regex match for nearly every id.
     if (page_id.starts_with("module-additional") && _CATCH_ALL_RE.full_match(page_id)) continue;

@@ -57,6 +57,7 @@ struct PinnedRow {
   const std::string* page_id;
   const Json* row;
   const RowFacts* facts;
+  std::size_t index;  // in the stored order
 };
 
 // What the classification hands on to the pinning-mode assembly.
@@ -80,8 +81,8 @@ StoredFamilies stored_families_of(const Existing& existing, const std::vector<Ro
   std::size_t i = 0;
   for (const auto& [page_id, row] : existing) {
     const RowFacts& row_facts = facts[i++];
-    levels.push_back(row_text_view(row, row_facts.level, "level", "module"));
-    if (!is_pinned_level(levels.back()) || is_custom(page_id)) continue;
+    levels.push_back(row_level(row, row_facts));
+    if (!row_facts.pinned_level || is_custom(page_id)) continue;
     const Json* related = row_text_list_in_place(row, row_facts.related_pages, "related_pages");
     if (related == nullptr) continue;
     std::vector<std::string> kids;
@@ -180,12 +181,12 @@ using LiveIndex = tsl::ordered_map<std::string_view, PathState, std::hash<std::s
 // the same way either way.
 const std::string& checked_row_page_id(const Json& row, const RowFacts& facts) {
   row_text_list_in_place(row, facts.source_files, "source_files");
-  row_text_view(row, facts.title, "title");
+  check_text(row, facts.title, "title");
   const std::string& id = row_page_id_ref(row, facts.page_id);
-  row_text_view(row, facts.level, "level");
-  row_text_view(row, facts.importance, "importance");
-  row_text_view(row, facts.description, "description");
-  row_text_view(row, facts.page_type, "page_type");
+  row_level(row, facts);
+  check_text(row, facts.importance, "importance");
+  check_text(row, facts.description, "description");
+  check_text(row, facts.page_type, "page_type");
   return id;
 }
 
@@ -204,6 +205,8 @@ using IdTable = tsl::ordered_map<std::string_view, IdState, std::hash<std::strin
                                  std::allocator<std::pair<std::string_view, IdState>>,
                                  std::vector<std::pair<std::string_view, IdState>>>;
 
+constexpr std::size_t kNoRow = static_cast<std::size_t>(-1);
+
 bool is_catch_all_id(std::string_view page_id) {
   // The prefix test spares a regex match for nearly every id.
   return page_id.starts_with(kCatchAllId) && _CATCH_ALL_RE.full_match(page_id);
@@ -217,17 +220,15 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
                          Amendments& amendments) {
   LiveIndex live;
   live.reserve(live_paths.size());
-  // Walked bucket by bucket: the first nodes of the buckets are independent
-  // loads, where the set's own iteration follows one list, a miss per step.
-  // The index's order is never seen: the files it hands out are sorted.
-  for (std::size_t bucket = 0; bucket < live_paths.bucket_count(); ++bucket) {
-    for (auto it = live_paths.begin(bucket); it != live_paths.end(bucket); ++it) {
-      live.emplace(*it, PathState::kNew);
-    }
-  }
+  for (const auto& path : live_paths) live.emplace(path, PathState::kNew);
+  // A page's paths are hashed first and looked up after: the lookups, each a
+  // few misses in a table far larger than the cache, then overlap.
+  std::vector<std::size_t> hashes;
   auto cover = [&](const std::vector<std::string>& files) {
-    for (const auto& path : files) {
-      auto found = live.find(path);
+    hashes.clear();
+    for (const auto& path : files) hashes.push_back(std::hash<std::string_view>{}(path));
+    for (std::size_t i = 0; i < files.size(); ++i) {
+      auto found = live.find(files[i], hashes[i]);
       if (found != live.end() && found.value() == PathState::kNew) {
         found.value() = PathState::kCovered;
       }
@@ -236,6 +237,10 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
 
   PlanList plans = c.passthrough;
   plans.reserve(c.passthrough.size() + c.pinned_existing.size() + c.stored_families.size() + 1);
+  // The stored row of each plan of `plans` where the plan came from the row
+  // of its own id, so the titles need not look it up; else kNoRow.
+  std::vector<std::size_t> plan_rows(plans.size(), kNoRow);
+  plan_rows.reserve(plans.capacity());
   // Ids view plans and rows that outlive the call.
   IdTable ids;
   ids.reserve(c.fresh_modules.size() + plans.capacity());
@@ -247,8 +252,9 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
   auto note_in_plans = [](IdState& state, const PlanPtr& plan) {
     if (state.first_in_plans == nullptr) state.first_in_plans = plan.get();
   };
-  auto add_plan = [&](const PlanPtr& plan) {
+  auto add_plan = [&](const PlanPtr& plan, std::size_t row = kNoRow) {
     plans.push_back(plan);
+    plan_rows.push_back(row);
     note_in_plans(ids[plan->page_id], plan);
   };
   for (const auto& plan : plans) {
@@ -263,7 +269,7 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
   // The fresh plans that became a kept page's content, by position.
   std::vector<bool> kept_as_content(c.fresh_modules.size(), false);
 
-  for (const auto& [pid_ref, row, facts] : c.pinned_existing) {
+  for (const auto& [pid_ref, row, row_facts, row_index] : c.pinned_existing) {
     const std::string& pid = *pid_ref;
     auto pid_entry = ids.find(pid);
     const std::size_t fresh_same =
@@ -273,9 +279,9 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
     if (fresh_same != IdState::kNoPlan) {
       // The planner's plan of that id supplies the content, so the stored
       // one is only checked and tested for the catch-all id, not rebuilt.
-      catch_all = is_catch_all_id(checked_row_page_id(*row, *facts));
+      catch_all = is_catch_all_id(checked_row_page_id(*row, *row_facts));
     } else {
-      plan = plan_from_row(*row, *facts, live_paths);
+      plan = plan_from_row(*row, *row_facts, live_paths);
       catch_all = plan->catch_all;
     }
     if (catch_all) {
@@ -294,10 +300,12 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
       kept_as_content[fresh_same] = true;
       // The plan has the row's id: its entry is the one found.
       plans.push_back(plan);
+      plan_rows.push_back(row_index);
       note_in_plans(pid_entry.value(), plan);
       pid_entry.value().kept = true;
     } else {
-      add_plan(plan);
+      // A row's plan takes the id the row names, not always its key.
+      add_plan(plan, plan->page_id == pid ? row_index : kNoRow);
       ids[pid].kept = true;
     }
     cover(plan->source_files);
@@ -385,7 +393,22 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
         amend("retire", row_page_id(*catch_all_row), "catch-all has no remaining files"));
   }
 
-  return link_families(keep_agent_titles(_by_importance(plans), existing, facts));
+  // The titles as keep_agent_titles keeps them, in build order, so a bad
+  // stored title fails where it always has.
+  PlanList ordered;
+  ordered.reserve(plans.size());
+  for (std::size_t i : importance_order(plans)) {
+    PagePlan& plan = *plans[i];
+    ordered.push_back(plans[i]);
+    std::size_t row = plan_rows[i];
+    if (row == kNoRow) {
+      auto found = existing.find(plan.page_id);
+      if (found == existing.end()) continue;
+      row = static_cast<std::size_t>(found - existing.begin());
+    }
+    keep_agent_title(plan, existing.values_container()[row].second, facts[row]);
+  }
+  return link_families(std::move(ordered));
 }
 
 }  // namespace
@@ -458,9 +481,8 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   // Whether a stored row keeps its identity as a pinned page; the first rule
   // that applies decides. Evaluated once per row, in stored order, so its
   // amendments come in that order. The id is hashed once for all its tests.
-  auto _pinnable = [&](const std::string& pid, const Json& row, const RowFacts& row_facts,
-                       std::string_view level) {
-    if (!is_pinned_level(level)) return false;
+  auto _pinnable = [&](const std::string& pid, const Json& row, const RowFacts& row_facts) {
+    if (!row_facts.pinned_level) return false;
     const std::size_t hash = std::hash<std::string_view>{}(pid);
     if (auto found = superseded_kids.find(pid, hash); found != superseded_kids.end()) {
       amendments.push_back(carry_superseded(remap, pid, row, *found->second.family_plans,
@@ -489,11 +511,11 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
   for (const auto& [pid, row] : existing) {
     const std::size_t i = row_index++;
     const std::string_view level = levels[i];
-    if (_pinnable(pid, row, facts[i], level)) c.pinned_existing.push_back({&pid, &row, &facts[i]});
+    if (_pinnable(pid, row, facts[i])) c.pinned_existing.push_back({&pid, &row, &facts[i], i});
     if (is_custom(pid) && fresh_ids.count(pid) == 0) {
       unsteered.push_back(amend("retire", pid, "removed from steering"));
     }
-    if (!is_pinned_level(level) && level != NOTE_LEVEL && fresh_ids.count(pid) == 0) {
+    if (!facts[i].pinned_level && level != NOTE_LEVEL && fresh_ids.count(pid) == 0) {
       unplanned.push_back(
           amend("retire", pid, std::string(level) + " page no longer planned", level));
     }

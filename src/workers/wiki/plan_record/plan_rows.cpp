@@ -42,7 +42,21 @@ RowFacts row_facts_of(const Json& row) {
     // The first of repeated keys is the one a lookup finds.
     if (slot != nullptr && *slot == nullptr) *slot = &value;
   }
+  if (facts.level != nullptr && !is_empty(*facts.level)) {
+    facts.level_ok = facts.level->is_string();
+    if (facts.level_ok) facts.level_text = facts.level->get_ref<const std::string&>();
+  }
+  facts.pinned_level = facts.level_ok && is_pinned_level(facts.level_text);
   return facts;
+}
+
+std::string_view row_level(const Json& row, const RowFacts& facts) {
+  if (!facts.level_ok) row_text(row, "level");  // raises row_text's own error
+  return facts.level_text;
+}
+
+void check_text(const Json& row, const Json* value, std::string_view key) {
+  if (value != nullptr && !value->is_string() && !is_empty(*value)) row_text(row, key);
 }
 
 std::vector<RowFacts> row_facts(const Existing& existing) {
@@ -94,7 +108,7 @@ PlanPtr plan_from_row(const Json& row, const RowFacts& facts, const PathSet& liv
 
   PagePlan plan;
   plan.page_id = page_id;
-  plan.level = row_text_view(row, facts.level, "level", "module");
+  plan.level = row_level(row, facts);
   plan.importance = row_text_view(row, facts.importance, "importance", "medium");
   plan.description = row_text_view(row, facts.description, "description");
   // A stored description is kept as written even when the count it mentions
@@ -115,7 +129,7 @@ PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
   return plan_from_row(row, row_facts_of(row), live_paths);
 }
 
-PlanList _by_importance(const PlanList& plans) {
+std::vector<std::size_t> importance_order(const PlanList& plans) {
   // Each plan's key once, (is a code unit, negated score), rather than a
   // level lookup and a score per comparison.
   struct Keyed {
@@ -134,9 +148,16 @@ PlanList _by_importance(const PlanList& plans) {
   std::stable_sort(keyed.begin(), keyed.end(), [](const Keyed& a, const Keyed& b) {
     return std::tie(a.code, a.rank) < std::tie(b.code, b.rank);
   });
+  std::vector<std::size_t> order;
+  order.reserve(plans.size());
+  for (const auto& entry : keyed) order.push_back(entry.index);
+  return order;
+}
+
+PlanList _by_importance(const PlanList& plans) {
   PlanList ordered;
   ordered.reserve(plans.size());
-  for (const auto& entry : keyed) ordered.push_back(plans[entry.index]);
+  for (std::size_t i : importance_order(plans)) ordered.push_back(plans[i]);
   return ordered;
 }
 

@@ -8,6 +8,7 @@
 // same error at the same point.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -27,11 +28,25 @@ struct RowFacts {
   const Json* related_pages = nullptr;
   const Json* page_type = nullptr;
   const Json* content_hash = nullptr;
+  // The level as row_text(row, "level", "module") reads it, when the value is
+  // one it accepts (`level_ok`), and whether it is a code-unit level: read
+  // once, as the row is found, rather than by every pass.
+  std::string_view level_text = "module";
+  bool level_ok = true;
+  bool pinned_level = true;
 };
 
 // The facts of one row; of every row of `existing`, in its order.
 RowFacts row_facts_of(const Json& row);
 std::vector<RowFacts> row_facts(const Existing& existing);
+
+// The row's level, as row_text(row, "level", "module") returns it; raises what
+// it raises.
+std::string_view row_level(const Json& row, const RowFacts& facts);
+
+// Raises what row_text(row, key) raises for the value `value` found under
+// `key`; reads nothing of a text value.
+void check_text(const Json& row, const Json* value, std::string_view key);
 
 // What row_text(row, key, fallback) returns, as a view into the row (or of
 // `fallback`), for the value `value` found under `key`; raises what row_text
@@ -52,6 +67,12 @@ PlanPtr plan_from_row(const Json& row, const RowFacts& facts, const PathSet& liv
 // _demote_unrecorded_families over rows whose facts are known.
 PlanList demote_unrecorded_families(const PlanList& fresh_plans, const Existing& existing,
                                     const std::vector<RowFacts>& facts);
+
+// The positions of `plans` in _by_importance's order.
+std::vector<std::size_t> importance_order(const PlanList& plans);
+
+// keep_agent_titles for one plan whose row is known.
+void keep_agent_title(PagePlan& plan, const Json& row, const RowFacts& facts);
 
 // keep_agent_titles over rows whose facts are known.
 PlanList keep_agent_titles(PlanList plans, const Existing& existing,
