@@ -9,11 +9,12 @@
 // on a replan only the files of the old pages to place are indexed.
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
 
+#include <algorithm>
 #include <cstddef>
 #include <optional>
 #include <string_view>
-#include <unordered_map>
-#include <unordered_set>
+#include <tsl/ordered_map.h>
+#include <tsl/ordered_set.h>
 #include <vector>
 
 namespace zenthar_kodrune::workers::wiki {
@@ -48,13 +49,22 @@ namespace {
 class OverlapIndex {
  public:
   // With `only`, paths outside it are left out: no query can count them.
+  // Those paths are entered first, so each plan's path is looked up once.
   explicit OverlapIndex(const PlanList& plans,
-                        const std::unordered_set<std::string_view>* only = nullptr)
+                        const std::vector<std::string_view>* only = nullptr)
       : counts_(plans.size(), 0) {
+    if (only != nullptr) {
+      by_path_.reserve(only->size());
+      for (std::string_view path : *only) by_path_.try_emplace(path);
+    }
     for (std::size_t i = 0; i < plans.size(); ++i) {
       for (const auto& path : plans[i]->source_files) {
-        if (only != nullptr && only->count(path) == 0) continue;
-        auto& holders = by_path_[path];
+        auto found = by_path_.find(path);
+        if (found == by_path_.end()) {
+          if (only != nullptr) continue;
+          found = by_path_.try_emplace(path).first;
+        }
+        auto& holders = found.value();
         if (holders.empty() || holders.back() != i) holders.push_back(i);
       }
     }
@@ -62,7 +72,7 @@ class OverlapIndex {
 
   // The index of the plan holding most of `files` (distinct paths), the first
   // on ties; nullopt when no plan holds any.
-  std::optional<std::size_t> most_shared(const std::vector<std::string>& files) {
+  std::optional<std::size_t> most_shared(const std::vector<std::string_view>& files) {
     for (const auto& path : files) {
       auto found = by_path_.find(path);
       if (found == by_path_.end()) continue;
@@ -82,17 +92,25 @@ class OverlapIndex {
   }
 
  private:
-  std::unordered_map<std::string_view, std::vector<std::size_t>> by_path_;
+  tsl::ordered_map<std::string_view, std::vector<std::size_t>> by_path_;
   std::vector<std::size_t> counts_;
   std::vector<std::size_t> touched_;
 };
 
-// The row's stored files that are still live, each distinct path once.
-std::vector<std::string> live_files(const Json& row, const PathSet& live_paths) {
-  std::vector<std::string> files;
-  std::unordered_set<std::string> seen;
-  for (auto& path : row_text_list(row, "source_files")) {
-    if (live_paths.count(path) != 0 && seen.insert(path).second) files.push_back(std::move(path));
+// The row's stored files that are still live, each distinct path once, as
+// views into the row. A list that is not of texts raises row_text_list's error.
+std::vector<std::string_view> live_files(const Json& row, const PathSet& live_paths) {
+  std::vector<std::string_view> files;
+  const Json* value = find_value(row, "source_files");
+  if (value == nullptr || is_empty(*value)) return files;
+  if (!value->is_array() || !std::all_of(value->begin(), value->end(),
+                                         [](const Json& item) { return item.is_string(); })) {
+    row_text_list(row, "source_files");
+  }
+  tsl::ordered_set<std::string_view> seen;
+  for (const auto& item : *value) {
+    const auto& path = item.get_ref<const std::string&>();
+    if (live_paths.count(path) != 0 && seen.insert(path).second) files.push_back(path);
   }
   return files;
 }
@@ -102,7 +120,7 @@ std::vector<std::string> live_files(const Json& row, const PathSet& live_paths) 
 Json carry_superseded(ReplanRemap& remap, const std::string& child_id, const Json& row,
                       const PlanList& family_plans, const PathSet& live_paths,
                       const std::string& reason) {
-  const std::vector<std::string> files = live_files(row, live_paths);
+  const std::vector<std::string_view> files = live_files(row, live_paths);
   if (!family_plans.empty()) {
     OverlapIndex index(family_plans);
     // With no overlap at all the prose still goes to the family's first page:
@@ -116,23 +134,25 @@ Json carry_superseded(ReplanRemap& remap, const std::string& child_id, const Jso
 void inherit_prose(ReplanRemap& remap, const RowRefs& pinned_existing,
                    const PlanList& fresh_code_plans, const PathSet& live_paths,
                    const IdViews& fresh_ids, Amendments& amendments) {
-  // Pages the fresh plan still has keep their own prose; this runs before any
-  // overlap is looked at so that such a page is never seeded from another.
-  for (const auto& [old_id, row] : pinned_existing) {
-    if (fresh_ids.count(old_id) != 0) remap.map.insert_or_assign(old_id, old_id);
-  }
-  // The pages to place, with their live files, before the fresh plans are
-  // indexed: only those files need an entry, not every file of the repository.
+  // Pages the fresh plan still has keep their own prose; every one is mapped
+  // before any overlap is looked at so that such a page is never seeded from
+  // another. The pages to place are gathered with their live files in the
+  // same pass, before the fresh plans are indexed: only those files need an
+  // entry, not every file of the repository.
   struct Orphan {
     const std::string* old_id;
-    std::vector<std::string> files;
+    std::vector<std::string_view> files;
   };
   std::vector<Orphan> orphans;
+  std::vector<std::string_view> wanted;
   for (const auto& [old_id, row] : pinned_existing) {
-    if (fresh_ids.count(old_id) == 0) orphans.push_back({&old_id, live_files(*row, live_paths)});
+    if (fresh_ids.count(old_id) != 0) {
+      remap.map.insert_or_assign(old_id, old_id);
+    } else {
+      orphans.push_back({&old_id, live_files(*row, live_paths)});
+      wanted.insert(wanted.end(), orphans.back().files.begin(), orphans.back().files.end());
+    }
   }
-  std::unordered_set<std::string_view> wanted;
-  for (const auto& orphan : orphans) wanted.insert(orphan.files.begin(), orphan.files.end());
   OverlapIndex index(fresh_code_plans, &wanted);
   for (const auto& orphan : orphans) {
     const std::string& old_id = *orphan.old_id;
