@@ -140,22 +140,22 @@ void inherit_prose(ReplanRemap& remap, const RowRefs& pinned_existing,
   // same pass, before the fresh plans are indexed: only those files need an
   // entry, not every file of the repository.
   struct Orphan {
-    const std::string* old_id;
+    std::string_view old_id;
     std::vector<std::string_view> files;
   };
   std::vector<Orphan> orphans;
   std::vector<std::string_view> wanted;
   for (const auto& [old_id, row] : pinned_existing) {
     if (fresh_ids.count(old_id) != 0) {
-      remap.map.insert_or_assign(old_id, old_id);
+      remap.map.insert_or_assign(std::string(old_id), std::string(old_id));
     } else {
-      orphans.push_back({&old_id, live_files(*row, live_paths)});
+      orphans.push_back({old_id, live_files(*row, live_paths)});
       wanted.insert(wanted.end(), orphans.back().files.begin(), orphans.back().files.end());
     }
   }
   OverlapIndex index(fresh_code_plans, &wanted);
   for (const auto& orphan : orphans) {
-    const std::string& old_id = *orphan.old_id;
+    const std::string old_id(orphan.old_id);
     const auto best = index.most_shared(orphan.files);
     if (!best) {
       amendments.push_back(amend("retire", old_id, "no fresh page shares its files"));

@@ -68,11 +68,11 @@ TEST(InheritProse, KeptPagesKeepTheirOwnProseBeforeAnyOverlapIsMapped) {
   const Json dead_row = files_row({"dead.py"});
   const Json tied_row = files_row({"t1.py", "t2.py"});
   RowRefs pinned;
-  pinned.emplace("old", &old_row);
-  pinned.emplace("module-k", &kept_row);
-  pinned.emplace("lone", &lone_row);
-  pinned.emplace("dead", &dead_row);
-  pinned.emplace("tied", &tied_row);
+  pinned.emplace_back("old", &old_row);
+  pinned.emplace_back("module-k", &kept_row);
+  pinned.emplace_back("lone", &lone_row);
+  pinned.emplace_back("dead", &dead_row);
+  pinned.emplace_back("tied", &tied_row);
   const PlanList fresh = {make_plan({.page_id = "module-k", .source_files = {"k.py"}}),
                           make_plan({.page_id = "module-x", .source_files = {"x.py", "x.py"}}),
                           make_plan({.page_id = "module-t1", .source_files = {"t1.py"}}),

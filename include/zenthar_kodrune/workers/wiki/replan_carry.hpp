@@ -9,6 +9,7 @@
 #include <tsl/ordered_set.h>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
@@ -37,8 +38,9 @@ struct ReplanRemap {
 // Page ids as views of strings that outlive the set.
 using IdViews = tsl::ordered_set<std::string_view>;
 
-// Stored rows by page id, in order, without copying the rows.
-using RowRefs = tsl::ordered_map<std::string, const Json*>;
+// Stored rows with their page ids (each id once), in order, copying neither
+// the rows nor the ids.
+using RowRefs = std::vector<std::pair<std::string_view, const Json*>>;
 
 // The superseded child's live stored files go with its prose to the family plan
 // holding most of them (first on ties; none when `family_plans` is empty).

@@ -554,7 +554,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     }
     RowRefs pinned_rows;
     pinned_rows.reserve(c.pinned_existing.size());
-    for (const auto& pinned : c.pinned_existing) pinned_rows.emplace(*pinned.page_id, pinned.row);
+    for (const auto& pinned : c.pinned_existing) pinned_rows.emplace_back(*pinned.page_id, pinned.row);
     inherit_prose(remap, pinned_rows, fresh_code_plans, live_paths, fresh_ids, amendments);
   }
   // No importance order here: a first plan or a replan keeps the planner's.
