@@ -139,7 +139,9 @@ PlanPtr rebuilt_family_parent(const std::string& parent_id, const Json& row,
 }
 
 PlanPtr catch_all_page(const Json* catch_all_row, std::vector<std::string> sorted) {
-  std::sort(sorted.begin(), sorted.end());
+  // Mostly in order already (the stored list, then new files): checking costs
+  // one pass where sorting a large repository's catch-all files costs many.
+  if (!std::is_sorted(sorted.begin(), sorted.end())) std::sort(sorted.begin(), sorted.end());
   std::string samples;
   for (std::size_t i = 0; i < sorted.size() && i < kCatchAllSamples; ++i) {
     if (i > 0) samples += ' ';

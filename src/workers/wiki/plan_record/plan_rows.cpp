@@ -100,7 +100,8 @@ PlanPtr plan_from_row(const Json& row, const RowFacts& facts, const PathSet& liv
       if (live_paths.count(path) != 0) kept.push_back(path);
     }
   }
-  std::sort(kept.begin(), kept.end());
+  // A stored list is kept sorted; only a row written some other way needs the sort.
+  if (!std::is_sorted(kept.begin(), kept.end())) std::sort(kept.begin(), kept.end());
 
   std::string title(row_text_view(row, facts.title, "title"));
   const std::string& page_id = row_page_id_ref(row, facts.page_id);
