@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "row_facts.hpp"
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
@@ -76,7 +76,9 @@ std::string_view row_text_view(const Json& row, const Json* value, std::string_v
 const std::string& row_page_id_ref(const Json& row, const Json* value) {
   if (value == nullptr || !value->is_string()) {
     row_page_id(row);  // raises for a missing or non-text id, with its own message
-    std::abort();
+    // `value` is the row's own "page_id", so the call above has raised; this
+    // only keeps the function from reading a value that is not text.
+    throw TypeError("stored row's \"page_id\" must be text");
   }
   return value->get_ref<const std::string&>();
 }
