@@ -99,7 +99,13 @@ for name, label in (("BM_StoreLoad/32000", "store load 32k"),
     t = ms(name)
     if t:
         print(f"{label}: {t:.0f} ms (target < 1000)")
-for name, small, large in (("BM_SectionMapOneSection", "65536", "262144"),
+for name, label in (("BM_FileHashLoad/100000", "file hash cache load 100k"),
+                    ("BM_FileHashSave/100000/iterations:1", "file hash cache save 100k")):
+    t = ms(name)
+    if t:
+        print(f"{label}: {t:.0f} ms (read and written by every build of a 100k-file repository)")
+for name, small, large in (("BM_SelectStale", "10000", "40000"),
+                           ("BM_SectionMapOneSection", "262144", "1048576"),
                            ("BM_StoreLoadCatchAll", "5000", "20000"),
                            ("BM_PersistSkeleton", "8000/iterations:1", "32000/iterations:1")):
     a, b = ms(f"{name}/{small}"), ms(f"{name}/{large}")
