@@ -48,10 +48,17 @@ echo "cores: $(nproc)  cpu: $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2-
 echo "memory: $(awk '/MemTotal/ {printf "%.1f GiB", $2 / 1048576}' /proc/meminfo)  load: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo
 
-echo "== suite ($reps repetitions, median) =="
-"$bench" --benchmark_filter="$filter" --benchmark_repetitions="$reps" \
-  --benchmark_report_aggregates_only=true --benchmark_out="$out/suite.json" \
-  --benchmark_out_format=json 2>&1 | grep -E '^(BM_|---|Benchmark)' | grep -v '_mean\|_stddev\|_cv' || true
+# Each family runs in a process of its own: a workload of 32k rows leaves a
+# heap behind that would slow whatever ran after it in the same process, and
+# a real worker does one of these things at a time.
+echo "== suite ($reps repetitions, median; a process per family) =="
+rm -f "$out"/suite-*.json
+families=$("$bench" --benchmark_list_tests=true --benchmark_filter="$filter" | cut -d/ -f1 | awk '!seen[$0]++')
+for family in $families; do
+  "$bench" --benchmark_filter="^$family/" --benchmark_repetitions="$reps" \
+    --benchmark_report_aggregates_only=true --benchmark_out="$out/suite-$family.json" \
+    --benchmark_out_format=json 2>&1 | grep -E '^BM_' | grep -v '_mean\|_stddev\|_cv' || true
+done
 echo
 
 # Peak resident memory of a process running one case only (its inputs included).
@@ -72,9 +79,9 @@ if [ -x /usr/bin/time ]; then
 fi
 
 if command -v python3 >/dev/null; then
-  python3 - "$out/suite.json" <<'EOF'
+  python3 - "$out"/suite-*.json <<'EOF'
 import json, sys
-runs = {b["run_name"]: b for b in json.load(open(sys.argv[1]))["benchmarks"]
+runs = {b["run_name"]: b for path in sys.argv[1:] for b in json.load(open(path))["benchmarks"]
         if b.get("aggregate_name") == "median"}
 def ms(name):
     b = runs.get(name)
