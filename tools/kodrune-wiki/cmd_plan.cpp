@@ -1,7 +1,6 @@
 // `kodrune-wiki plan`: one build, printed as a table grouped by section, with
 // the run's amendments, the replan remap and the drift warning.
 #include <algorithm>
-#include <functional>
 #include <iostream>
 #include <map>
 
@@ -69,11 +68,8 @@ void print_table(std::ostream& out, const std::vector<std::vector<std::string>>&
 // How many distinct files a plan lists. Its list is nearly always sorted and
 // distinct already, and then the catch-all page's is not copied to be counted.
 std::size_t distinct_file_count(const wiki::PagePlan& plan) {
-  const auto& files = plan.source_files;
-  if (std::adjacent_find(files.begin(), files.end(), std::greater_equal<>()) == files.end()) {
-    return files.size();
-  }
-  return plan.stored_source_files().size();
+  return wiki::sorted_and_distinct(plan.source_files) ? plan.source_files.size()
+                                                      : plan.stored_source_files().size();
 }
 
 void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildResult& result) {

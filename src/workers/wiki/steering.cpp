@@ -2,8 +2,6 @@
 // makes every page stale, just as a change of one of its own files does.
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 
-#include <algorithm>
-#include <functional>
 #include <string>
 #include <utility>
 
@@ -38,15 +36,8 @@ const std::string& steering_hash(const std::string& text) {
 Json SteeringMixin::_hashes_with_steering(const std::vector<std::string>& files) {
   // Distinct and sorted, so the same files give the same mapping whatever
   // order a plan or a row lists them in.
-  // Files already in that form, as a plan's usually are, are passed as they stand.
-  std::vector<std::string> sorted;
-  const bool ready = std::adjacent_find(files.begin(), files.end(), std::greater_equal<>()) == files.end();
-  if (!ready) {
-    sorted = files;
-    std::sort(sorted.begin(), sorted.end());
-    sorted.erase(std::unique(sorted.begin(), sorted.end()), sorted.end());
-  }
-  Json hashes = _source_hashes(ready ? files : sorted);
+  std::vector<std::string> scratch;
+  Json hashes = _source_hashes(sorted_distinct(files, scratch));
   if (hashes.is_null()) hashes = Json::object();
   const std::string text = _steering_text();
   if (!text.empty()) hashes[std::string(STEERING_SENTINEL)] = steering_hash(text);

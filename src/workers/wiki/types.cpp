@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
 #include <unordered_map>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -23,6 +24,19 @@ std::vector<std::string> PagePlan::stored_source_files() const {
   std::sort(files.begin(), files.end());
   files.erase(std::unique(files.begin(), files.end()), files.end());
   return files;
+}
+
+bool sorted_and_distinct(const std::vector<std::string>& paths) {
+  return std::adjacent_find(paths.begin(), paths.end(), std::greater_equal<>()) == paths.end();
+}
+
+const std::vector<std::string>& sorted_distinct(const std::vector<std::string>& paths,
+                                                std::vector<std::string>& scratch) {
+  if (sorted_and_distinct(paths)) return paths;
+  scratch = paths;
+  std::sort(scratch.begin(), scratch.end());
+  scratch.erase(std::unique(scratch.begin(), scratch.end()), scratch.end());
+  return scratch;
 }
 
 std::size_t CitationKeyHash::operator()(const CitationKey& key) const noexcept {

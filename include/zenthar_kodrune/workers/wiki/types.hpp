@@ -58,6 +58,14 @@ using PlanList = std::vector<PlanPtr>;
 
 inline PlanPtr make_plan(PagePlan plan) { return std::make_shared<PagePlan>(std::move(plan)); }
 
+// Whether `paths` are sorted with no repeats: the form a row stores them in.
+bool sorted_and_distinct(const std::vector<std::string>& paths);
+// `paths` sorted with no repeats: `paths` itself when they already are, as
+// nearly every list is, else `scratch` filled with that form. A large list is
+// then used as it stands instead of copied.
+const std::vector<std::string>& sorted_distinct(const std::vector<std::string>& paths,
+                                                std::vector<std::string>& scratch);
+
 // A citation's identity: (path, line_start, line_end).
 struct CitationKey {
   std::string path{};

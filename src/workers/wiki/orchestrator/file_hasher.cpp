@@ -10,7 +10,6 @@
 #include <cstring>
 #include <exception>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <mutex>
 #include <string_view>
@@ -254,8 +253,7 @@ Json FileHasher::hashes(const std::vector<std::string>& paths) {
   entries.reserve(normal.size());
   // Paths asked in strictly increasing order (as a page's sorted files are)
   // cannot repeat, and need no set to find repeats.
-  const bool distinct = std::adjacent_find(normal.begin(), normal.end(),
-                                           std::greater_equal<>()) == normal.end();
+  const bool distinct = sorted_and_distinct(normal);
   std::unordered_set<std::string_view> seen;
   if (!distinct) seen.reserve(normal.size());
   for (std::size_t i = 0; i < normal.size(); ++i) {

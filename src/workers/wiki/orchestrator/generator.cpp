@@ -2,7 +2,6 @@
 // mixins reach.
 #include <algorithm>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <sstream>
 #include <unordered_set>
@@ -25,18 +24,6 @@ std::unique_ptr<WikiStore> open_default_store(const fs::path& repo_root) {
 }
 
 std::string rel_path_of(const std::string& page_id) { return "pages/" + page_id + ".md"; }
-
-// A plan's files as its row stores them: distinct and sorted. A plan's list
-// usually is already, and then is used as it stands instead of copied.
-const std::vector<std::string>& stored_files_of(const PagePlan& plan,
-                                                std::vector<std::string>& scratch) {
-  if (std::adjacent_find(plan.source_files.begin(), plan.source_files.end(),
-                         std::greater_equal<>()) == plan.source_files.end()) {
-    return plan.source_files;
-  }
-  scratch = plan.stored_source_files();
-  return scratch;
-}
 
 const std::vector<std::string>& related_of(const PagePlan& plan) {
   return plan.children.empty() ? plan.related_pages : plan.children;
@@ -219,7 +206,7 @@ bool WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
   for (const auto& plan : pinned.plans) {
     if (!seen.insert(plan->page_id).second) continue;
     const auto row = existing_.find(plan->page_id);
-    if (row != existing_.end() && same_structure(row->second, *plan, stored_files_of(*plan, scratch))) {
+    if (row != existing_.end() && same_structure(row->second, *plan, sorted_distinct(plan->source_files, scratch))) {
       continue;
     }
     WikiPageColumns columns = structural_columns(*plan);

@@ -1,7 +1,6 @@
 // The planner proper: code units, the page budget, families and the
 // catch-all page. Pure: the same source files always give the same plan.
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <unordered_set>
 
@@ -77,23 +76,16 @@ std::string folder_of(std::string_view path) {
 PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerSettings& settings) {
   // The index hands over its files sorted and distinct; any other list is
   // put in that form first.
-  std::vector<std::string> sorted_copy;
-  const std::vector<std::string>* files = &source_files;
-  if (std::adjacent_find(source_files.begin(), source_files.end(), std::greater_equal<>()) !=
-      source_files.end()) {
-    sorted_copy = source_files;
-    std::sort(sorted_copy.begin(), sorted_copy.end());
-    sorted_copy.erase(std::unique(sorted_copy.begin(), sorted_copy.end()), sorted_copy.end());
-    files = &sorted_copy;
-  }
+  std::vector<std::string> scratch;
+  const std::vector<std::string>& files = sorted_distinct(source_files, scratch);
 
   std::map<std::string, Unit> units;
   // The unit of each file, by position in `files`: sorted files of one folder
   // mostly come together, and the catch-all page takes its files in this order.
-  std::vector<Unit*> unit_of(files->size(), nullptr);
+  std::vector<Unit*> unit_of(files.size(), nullptr);
   Unit* last = nullptr;
-  for (std::size_t i = 0; i < files->size(); ++i) {
-    const std::string& path = (*files)[i];
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    const std::string& path = files[i];
     std::string folder = folder_of(path);
     if (last == nullptr || last->folder != folder) {
       auto [at, fresh] = units.try_emplace(std::move(folder));
@@ -114,8 +106,8 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
   const std::unordered_set<const Unit*> kept_set(kept.begin(), kept.end());
   // The files past the budget, in sorted order without a sort of their own.
   std::vector<std::string> leftover;
-  for (std::size_t i = 0; i < files->size(); ++i) {
-    if (kept_set.count(unit_of[i]) == 0) leftover.push_back((*files)[i]);
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    if (kept_set.count(unit_of[i]) == 0) leftover.push_back(files[i]);
   }
 
   // The top fifth, rounded up, of the kept units by file count.
