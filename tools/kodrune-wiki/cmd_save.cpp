@@ -58,8 +58,8 @@ Command add_save_command(CLI::App& app) {
               if (!options->citations_file.empty()) {
                 const std::string text = read_input(options->citations_file, "citations file");
                 try {
-                  citations = Json::parse(text);
-                } catch (const Json::parse_error& e) {
+                  citations = wiki::parse_json(text);
+                } catch (const wiki::ValueError& e) {
                   throw wiki::ValueError("citations file " + options->citations_file +
                                          " is not JSON: " + e.what());
                 }

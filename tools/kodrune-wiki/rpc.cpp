@@ -53,8 +53,8 @@ std::string dump(const Json& value) {
 std::string rpc_respond(std::string_view line) {
   Json request;
   try {
-    request = Json::parse(line);
-  } catch (const Json::parse_error& e) {
+    request = wiki::parse_json(line);
+  } catch (const wiki::ValueError& e) {
     return dump(error_response(nullptr, "invalid_request", std::string("malformed JSON: ") + e.what()));
   }
   if (!request.is_object()) {

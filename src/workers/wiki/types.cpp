@@ -6,11 +6,78 @@
 #include <charconv>
 #include <functional>
 #include <unordered_map>
+#include <utility>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+// nlohmann's own tree builder, with the depth counted on the way in: the
+// parser itself keeps no stack, but copying, writing and freeing a value
+// recurse once per level.
+class DepthLimitedBuilder {
+ public:
+  using number_integer_t = Json::number_integer_t;
+  using number_unsigned_t = Json::number_unsigned_t;
+  using number_float_t = Json::number_float_t;
+  using string_t = Json::string_t;
+  using binary_t = Json::binary_t;
+
+  explicit DepthLimitedBuilder(Json& result) : dom_(result, true) {}
+
+  bool null() { return dom_.null(); }
+  bool boolean(bool value) { return dom_.boolean(value); }
+  bool number_integer(number_integer_t value) { return dom_.number_integer(value); }
+  bool number_unsigned(number_unsigned_t value) { return dom_.number_unsigned(value); }
+  bool number_float(number_float_t value, const string_t& raw) {
+    return dom_.number_float(value, raw);
+  }
+  bool string(string_t& value) { return dom_.string(value); }
+  bool binary(binary_t& value) { return dom_.binary(value); }
+  bool start_object(std::size_t size) { return enter() && dom_.start_object(size); }
+  bool key(string_t& name) { return dom_.key(name); }
+  bool end_object() {
+    --depth_;
+    return dom_.end_object();
+  }
+  bool start_array(std::size_t size) { return enter() && dom_.start_array(size); }
+  bool end_array() {
+    --depth_;
+    return dom_.end_array();
+  }
+  template <class Exception>
+  bool parse_error(std::size_t position, const std::string& token, const Exception& error) {
+    return dom_.parse_error(position, token, error);
+  }
+
+ private:
+  bool enter() {
+    if (++depth_ > MAX_JSON_DEPTH) {
+      throw ValueError("JSON nests deeper than " + std::to_string(MAX_JSON_DEPTH) + " levels");
+    }
+    return true;
+  }
+
+  nlohmann::detail::json_sax_dom_parser<Json> dom_;
+  std::size_t depth_ = 0;
+};
+
+}  // namespace
+
+Json parse_json(std::string_view text) {
+  Json result;
+  DepthLimitedBuilder builder(result);
+  try {
+    Json::sax_parse(text.begin(), text.end(), &builder);
+  } catch (const Json::exception& e) {
+    // A number out of range comes as out_of_range, not parse_error.
+    throw ValueError(e.what());
+  }
+  return result;
+}
 
 int PagePlan::importance_score() const {
   if (importance == "critical") return 4;
@@ -62,13 +129,14 @@ std::int64_t citation_line(const Json& citation, std::string_view key) {
       negative = digits.front() == '-';
       digits.remove_prefix(1);
     }
-    const bool all_digits = !digits.empty() && std::all_of(digits.begin(), digits.end(), [](char c) {
-      return c >= '0' && c <= '9';
-    });
+    const bool all_digits =
+        !digits.empty() &&
+        std::all_of(digits.begin(), digits.end(), [](char c) { return c >= '0' && c <= '9'; });
     std::int64_t parsed = 0;
     if (all_digits) {
       auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), parsed);
-      if (ec == std::errc() && end == digits.data() + digits.size()) return negative ? -parsed : parsed;
+      if (ec == std::errc() && end == digits.data() + digits.size())
+        return negative ? -parsed : parsed;
     }
     throw ValueError("citation " + describe_citation(citation) + ": \"" + std::string(key) +
                      "\" is not a line number: \"" + text + "\"");
@@ -142,13 +210,15 @@ void read_list_field(const Json& value, const char* name, std::vector<std::strin
   const Json* v = find_value(value, name);
   if (v == nullptr || v->is_null()) return;
   if (!v->is_array()) {
-    throw TypeError(std::string("plan field \"") + name + "\" must be a list, not " + v->type_name());
+    throw TypeError(std::string("plan field \"") + name + "\" must be a list, not " +
+                    v->type_name());
   }
   field.clear();
   field.reserve(v->size());
   for (const auto& item : *v) {
     if (!item.is_string()) {
-      throw TypeError(std::string("plan field \"") + name + "\" must hold text, not " + item.type_name());
+      throw TypeError(std::string("plan field \"") + name + "\" must hold text, not " +
+                      item.type_name());
     }
     field.push_back(item.get<std::string>());
   }
@@ -157,7 +227,8 @@ void read_list_field(const Json& value, const char* name, std::vector<std::strin
 }  // namespace
 
 PlanPtr plan_from_json(const Json& value) {
-  if (!value.is_object()) throw TypeError(std::string("a plan must be a mapping, not ") + value.type_name());
+  if (!value.is_object())
+    throw TypeError(std::string("a plan must be a mapping, not ") + value.type_name());
   PagePlan plan;
   read_text_field(value, "page_id", plan.page_id);
   read_text_field(value, "title", plan.title);
@@ -171,7 +242,9 @@ PlanPtr plan_from_json(const Json& value) {
   read_text_field(value, "parent_section", plan.parent_section);
   read_text_field(value, "type", plan.type);
   if (const Json* v = find_value(value, "catch_all"); v != nullptr && !v->is_null()) {
-    if (!v->is_boolean()) throw TypeError(std::string("plan field \"catch_all\" must be a boolean, not ") + v->type_name());
+    if (!v->is_boolean())
+      throw TypeError(std::string("plan field \"catch_all\" must be a boolean, not ") +
+                      v->type_name());
     plan.catch_all = v->get<bool>();
   }
   return make_plan(std::move(plan));
@@ -184,7 +257,8 @@ Json plans_to_json(const PlanList& plans) {
 }
 
 PlanList plans_from_json(const Json& value) {
-  if (!value.is_array()) throw TypeError(std::string("plans must be a list, not ") + value.type_name());
+  if (!value.is_array())
+    throw TypeError(std::string("plans must be a list, not ") + value.type_name());
   PlanList plans;
   plans.reserve(value.size());
   for (const auto& item : value) plans.push_back(plan_from_json(item));

@@ -24,6 +24,29 @@ TEST(PagePlan, StoredSourceFilesAreDistinctAndSorted) {
   EXPECT_EQ(plan.stored_source_files(), (std::vector<std::string>{"a.py", "b.py"}));
 }
 
+TEST(ParseJson, RefusesWhatCannotBeHeldSafelyWithAValueError) {
+  const std::string deep_ok = std::string(MAX_JSON_DEPTH, '[') + std::string(MAX_JSON_DEPTH, ']');
+  EXPECT_EQ(parse_json(deep_ok).size(), 1u);
+  const std::pair<std::string, std::string> cases[] = {
+      {"1e400", "number overflow"},
+      {"[-1e400]", "number overflow"},
+      {std::string(100000, '['), "deeper than 512 levels"},
+      {"[" + std::string(MAX_JSON_DEPTH, '[') + std::string(MAX_JSON_DEPTH + 1, ']'),
+       "deeper than 512 levels"},
+      {"{\"a\": ", "parse error"},
+      {"", "parse error"},
+  };
+  for (const auto& [text, message] : cases) {
+    try {
+      parse_json(text);
+      ADD_FAILURE() << text.substr(0, 40) << " was accepted";
+    } catch (const ValueError& e) {
+      EXPECT_NE(std::string(e.what()).find(message), std::string::npos)
+          << text.substr(0, 40) << ": " << e.what();
+    }
+  }
+}
+
 TEST(CitationKey, ParsesDecimalTextAndDefaultsMissingToZero) {
   EXPECT_EQ(citation_key(Json{{"path", "a.py"}, {"line_start", "12"}, {"line_end", 14}}),
             (CitationKey{"a.py", 12, 14}));
@@ -62,8 +85,11 @@ TEST(LinkFamilies, SetsTheFirstChildOfEachIdAndLeavesRelatedPagesAlone) {
 }
 
 TEST(RowReaders, EmptyValuesTakeDefaultsAndWrongTypesNameKeyAndPage) {
-  const Json row = {{"page_id", "module-core"}, {"title", ""}, {"level", nullptr},
-                    {"source_files", 7}, {"importance", 0}};
+  const Json row = {{"page_id", "module-core"},
+                    {"title", ""},
+                    {"level", nullptr},
+                    {"source_files", 7},
+                    {"importance", 0}};
   EXPECT_EQ(row_text(row, "title", "fallback"), "fallback");
   EXPECT_EQ(row_text(row, "level", "module"), "module");
   EXPECT_EQ(row_text(row, "importance", "medium"), "medium");
@@ -81,8 +107,9 @@ TEST(PlanJson, RoundTripsEveryFieldInOrderAndDefaultsMissingOnes) {
   auto plan = plan_from_json(Json{{"page_id", "m"}, {"source_files", {"a"}}, {"catch_all", true}});
   EXPECT_EQ(plan->level, "module");
   EXPECT_EQ(plan->importance, "medium");
-  EXPECT_EQ(plan_to_json(*plan).dump(),
-            R"({"page_id":"m","title":"","level":"module","importance":"medium","description":"","topic":"","source_files":["a"],"children":[],"related_pages":[],"parent_section":"","type":"","catch_all":true})");
+  EXPECT_EQ(
+      plan_to_json(*plan).dump(),
+      R"({"page_id":"m","title":"","level":"module","importance":"medium","description":"","topic":"","source_files":["a"],"children":[],"related_pages":[],"parent_section":"","type":"","catch_all":true})");
   EXPECT_THROW(plan_from_json(Json{{"source_files", 3}}), TypeError);
 }
 

@@ -92,6 +92,19 @@ std::string section_of(const PagePlan& plan);
 // that id) to the parent's title. Returns the same list, same objects.
 PlanList link_families(PlanList plans);
 
+// ---- JSON text from outside the program ----
+
+// The deepest nesting of arrays and objects a JSON text may have. Data of
+// this system nests a few levels; the limit keeps a hostile text from
+// exhausting the stack of the code that copies, writes or frees the value.
+inline constexpr std::size_t MAX_JSON_DEPTH = 512;
+
+// The value of one JSON text (a request line, a file, a stored column). Text
+// that is not JSON, a number beyond a double's range and nesting deeper than
+// MAX_JSON_DEPTH are a ValueError whose message says what was wrong and
+// where; nothing else is thrown for bad text.
+Json parse_json(std::string_view text);
+
 // ---- plans as JSON (the rpc protocol's and the command line's form) ----
 
 // The plan as an object with its fields in declaration order.

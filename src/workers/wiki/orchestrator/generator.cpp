@@ -469,8 +469,8 @@ std::vector<Json> read_plan_log(const fs::path& wiki_dir, std::size_t limit) {
   for (std::size_t number = 1; std::getline(in, line); ++number) {
     if (line.empty()) continue;
     try {
-      entries.push_back(Json::parse(line));
-    } catch (const Json::parse_error& e) {
+      entries.push_back(parse_json(line));
+    } catch (const ValueError& e) {
       throw ValueError(path.string() + " line " + std::to_string(number) +
                        " is not JSON: " + e.what());
     }
