@@ -33,9 +33,14 @@ Command add_log_command(CLI::App& app) {
                 throw UsageError("--repo " + options->common.repo + " is not a folder");
               }
               const std::string branch = resolve_branch(options->common);
-              const auto entries = wiki::read_plan_log(
-                  wiki::wiki_dir_of(std::filesystem::absolute(options->common.repo), branch),
-                  options->limit);
+              const auto read = wiki::read_plan_log(std::filesystem::absolute(options->common.repo),
+                                                    branch, options->limit);
+              const auto& entries = read.entries;
+              // Every readable entry is shown; the rest are named, not fatal.
+              for (const auto& note : read.unreadable) {
+                std::cerr << "kodrune-wiki: warning: plan log of " << branch << ", " << note
+                          << "\n";
+              }
               if (options->common.json) {
                 std::cout << Json(entries).dump(-1, ' ', false, Json::error_handler_t::replace)
                           << "\n";

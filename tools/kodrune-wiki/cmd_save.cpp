@@ -21,11 +21,19 @@ struct SaveOptions {
   std::string title;
 };
 
+// The user names the file, so a link of theirs is followed; but it must end
+// at a regular file: a folder reads as nothing and would empty the page.
 std::string read_input(const std::string& path, const std::string& what) {
+  std::error_code error;
+  const auto status = std::filesystem::status(path, error);
+  if (std::filesystem::exists(status) && !std::filesystem::is_regular_file(status)) {
+    throw wiki::OsError("cannot read " + what + " " + path + ": not a regular file");
+  }
   std::ifstream in(path, std::ios::binary);
   if (!in) throw wiki::OsError("cannot read " + what + " " + path + ": " + std::strerror(errno));
   std::ostringstream text;
   text << in.rdbuf();
+  if (in.bad()) throw wiki::OsError("cannot read " + what + " " + path);
   return text.str();
 }
 
@@ -65,6 +73,9 @@ Command add_save_command(CLI::App& app) {
                 }
               }
               auto generator = open_generator(options->common);
+              // One hold across the build and the save: no build of the
+              // branch runs between them.
+              const auto hold = generator->hold_branch();
               generator->build(false, false, false);
               const auto saved = generator->save_page(
                   options->page_id, body, citations,

@@ -1,8 +1,11 @@
 // The SQLite wiki store. See sqlite_store.hpp for the promises it keeps.
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
+#include <fcntl.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <iterator>
@@ -10,10 +13,12 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <type_traits>
 #include <unordered_map>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -180,7 +185,9 @@ struct SqliteDatabase::StatementCache {
 };
 
 SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeout_ms)
-    : path_(path), statements_(std::make_unique<StatementCache>()) {
+    : path_(path),
+      busy_timeout_ms_(busy_timeout_ms),
+      statements_(std::make_unique<StatementCache>()) {
   std::error_code error;
   if (path.has_parent_path()) {
     std::filesystem::create_directories(path.parent_path(), error);
@@ -193,8 +200,10 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
       // A connection serves one thread at a time, as the class promises, so
       // SQLite need not lock its mutex around every call: reading a large
       // table makes several calls per column of every row.
-      sqlite3_open_v2(path.c_str(), &handle_,
-                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+      sqlite3_open_v2(
+          path.c_str(), &handle_,
+          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_NOFOLLOW,
+          nullptr);
   if (rc != SQLITE_OK) {
     std::string message = handle_ != nullptr ? sqlite3_errmsg(handle_) : sqlite3_errstr(rc);
     sqlite3_close(handle_);
@@ -315,10 +324,29 @@ void SqliteDatabase::end_transaction(bool error) {
 }
 
 void SqliteDatabase::enable_wal() {
-  const auto rows = query("PRAGMA journal_mode = WAL");
-  // An in-memory database answers "memory"; a file must be in WAL from now on.
-  if (rows.empty() || !std::holds_alternative<std::string>(rows[0][0])) {
-    throw StoreError("wiki store: cannot set the journal mode of " + in_quotes(path_.string()));
+  const auto mode = query("PRAGMA journal_mode");
+  if (!mode.empty() && std::holds_alternative<std::string>(mode[0][0]) &&
+      std::get<std::string>(mode[0][0]) == "wal") {
+    return;
+  }
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(busy_timeout_ms_);
+  for (;;) {
+    try {
+      const auto rows = query("PRAGMA journal_mode = WAL");
+      // An in-memory database answers "memory"; a file must be in WAL from now on.
+      if (rows.empty() || !std::holds_alternative<std::string>(rows[0][0])) {
+        throw StoreError("wiki store: cannot set the journal mode of " + in_quotes(path_.string()));
+      }
+      return;
+    } catch (const StoreError&) {
+      const int code = sqlite3_errcode(handle_) & 0xff;
+      if ((code != SQLITE_BUSY && code != SQLITE_LOCKED) ||
+          std::chrono::steady_clock::now() >= deadline) {
+        throw;
+      }
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
 }
 
@@ -354,7 +382,17 @@ CREATE TABLE IF NOT EXISTS file_hashes (
   inode INTEGER NOT NULL,
   hash TEXT NOT NULL
 );
+CREATE TABLE IF NOT EXISTS plan_log_pending (
+  sequence INTEGER PRIMARY KEY AUTOINCREMENT,
+  branch TEXT NOT NULL,
+  line TEXT NOT NULL
+);
 )sql";
+
+// The tables a file of ours may hold; a version 0 file holding any other
+// belongs to another program.
+constexpr std::string_view kOwnTables[] = {"wiki_pages", "file_hashes", "plan_log_pending",
+                                           "sqlite_sequence"};
 
 enum class Shape { Text, TextList, Mapping };
 
@@ -530,6 +568,11 @@ class LinearJsonBuilder {
   }
 
   void open(bool object) {
+    // A stored value is never this deep; a hostile file must not make the
+    // values that follow (copies, dumps) recurse past the stack.
+    if (depth_ >= MAX_JSON_DEPTH) {
+      throw ValueError("nesting deeper than " + std::to_string(MAX_JSON_DEPTH) + " levels");
+    }
     Json* container = slot();
     *container = object ? Json::object() : Json::array();
     if (depth_ == levels_.size()) levels_.emplace_back();
@@ -576,6 +619,8 @@ Json decode(LinearJsonBuilder& builder, std::string_view text, Shape shape,
   } catch (const Json::exception& e) {
     throw StoreError("wiki store: " + where(branch, page_id, column) +
                      " holds text that is not JSON: " + e.what());
+  } catch (const ValueError& e) {
+    throw StoreError("wiki store: " + where(branch, page_id, column) + " holds JSON " + e.what());
   }
   if (shape == Shape::TextList) {
     bool ok = value.is_array();
@@ -614,6 +659,10 @@ SqliteWikiStore::SqliteWikiStore(const std::filesystem::path& path, int busy_tim
 }
 
 std::filesystem::path SqliteWikiStore::default_path(const std::filesystem::path& repo_root) {
+  return repo_root / "memory" / "orvane" / ".store" / "wiki.db";
+}
+
+std::filesystem::path SqliteWikiStore::legacy_path(const std::filesystem::path& repo_root) {
   return repo_root / "memory" / "orvane" / "wiki.db";
 }
 
@@ -629,6 +678,21 @@ void SqliteWikiStore::open_schema() {
     throw StoreError("wiki store: " + in_quotes(db_.path().string()) + " has schema version " +
                      std::to_string(version) + ", newer than the version " +
                      std::to_string(SCHEMA_VERSION) + " this program knows");
+  }
+  if (version == 0) {
+    std::string foreign;
+    db_.for_each_row("SELECT name FROM sqlite_schema WHERE type = 'table'", {},
+                     [&](sqlite3_stmt* step) {
+                       const std::string_view name = column_text(step, 0);
+                       for (const auto own : kOwnTables) {
+                         if (name == own) return;
+                       }
+                       if (foreign.empty()) foreign = name;
+                     });
+    if (!foreign.empty()) {
+      throw StoreError("wiki store: " + in_quotes(db_.path().string()) +
+                       " holds tables of another program (" + foreign + "); it is left untouched");
+    }
   }
   db_.enable_wal();
   if (version == SCHEMA_VERSION) return;
@@ -789,6 +853,97 @@ void SqliteWikiStore::save_file_hashes(
         "inode = excluded.inode, hash = excluded.hash",
         params);
   }
+}
+
+void SqliteWikiStore::add_pending_log_line(const std::string& branch, const std::string& line) {
+  db_.execute("INSERT INTO plan_log_pending (branch, line) VALUES (?, ?)", {branch, line});
+}
+
+std::vector<WikiStore::PendingLogLine> SqliteWikiStore::pending_log_lines(
+    const std::string& branch) {
+  std::vector<PendingLogLine> lines;
+  db_.for_each_row("SELECT sequence, line FROM plan_log_pending WHERE branch = ? ORDER BY sequence",
+                   {branch}, [&lines](sqlite3_stmt* step) {
+                     lines.emplace_back(integer_column(step, 0, "sequence"),
+                                        std::string(column_text(step, 1)));
+                   });
+  return lines;
+}
+
+void SqliteWikiStore::clear_pending_log_lines(const std::string& branch, std::int64_t through) {
+  db_.execute("DELETE FROM plan_log_pending WHERE branch = ? AND sequence <= ?", {branch, through});
+}
+
+namespace {
+
+constexpr std::string_view kStoreFile = "wiki.db";
+// The files SQLite keeps beside a database; none may be a link either.
+constexpr std::string_view kCompanions[] = {"", "-wal", "-shm", "-journal"};
+
+void refuse_links(const SafeDir& dir) {
+  for (const auto suffix : kCompanions) {
+    const std::string name = std::string(kStoreFile) + std::string(suffix);
+    const auto status = dir.entry_status(name);
+    if (status && !S_ISREG(status->st_mode)) {
+      throw StoreError("wiki store: " + in_quotes((dir.path() / name).string()) +
+                       (S_ISLNK(status->st_mode) ? " is a symbolic link; refusing to follow it"
+                                                 : " is not a regular file"));
+    }
+  }
+}
+
+std::string sql_text(std::string_view text) {
+  std::string quoted = "'";
+  for (const char c : text) {
+    quoted.push_back(c);
+    if (c == '\'') quoted.push_back('\'');
+  }
+  return quoted + "'";
+}
+
+// Moves the store at memory/orvane/wiki.db into `store_dir`. Every step
+// leaves either the old store whole or the new one in place.
+void move_legacy_store(const SafeDir& memory, const SafeDir& store_dir, int busy_timeout_ms) {
+  refuse_links(memory);
+  const std::string file(kStoreFile);
+  if (!store_dir.entry_status(file)) {
+    const std::string moving = file + ".moving";
+    store_dir.remove(moving);
+    {
+      // Opening checks the file is a store of ours and brings its schema up
+      // to date; the checkpoint then empties its WAL into the file.
+      SqliteWikiStore legacy(memory.path() / file, busy_timeout_ms);
+      legacy.sqlite().execute("PRAGMA wal_checkpoint(TRUNCATE)");
+      legacy.sqlite().execute("VACUUM INTO " + sql_text((store_dir.path() / moving).string()));
+    }
+    FileDescriptor copy = store_dir.open_file(moving, O_RDWR);
+    copy.sync();
+    copy.close();
+    store_dir.rename(moving, file);
+    store_dir.sync();
+  }
+  for (const auto suffix : kCompanions) memory.remove(file + std::string(suffix));
+  memory.sync();
+}
+
+}  // namespace
+
+std::unique_ptr<SqliteWikiStore> SqliteWikiStore::open_default(
+    const std::filesystem::path& repo_root, int busy_timeout_ms) {
+  const std::filesystem::path store_folder = default_path({}).parent_path();
+  const SafeDir store_dir = SafeDir::open(repo_root, store_folder, true);
+  const SafeDir memory = SafeDir::open(repo_root, store_folder.parent_path(), false);
+  refuse_links(store_dir);
+  if (memory.entry_status(std::string(kStoreFile))) {
+    // Two first runs may find the old store at once: one moves it.
+    FileDescriptor lock = store_dir.open_file("move.lock", O_RDWR | O_CREAT);
+    lock.lock_exclusive();
+    if (memory.entry_status(std::string(kStoreFile))) {
+      move_legacy_store(memory, store_dir, busy_timeout_ms);
+    }
+  }
+  return std::make_unique<SqliteWikiStore>(store_dir.path() / std::string(kStoreFile),
+                                           busy_timeout_ms);
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

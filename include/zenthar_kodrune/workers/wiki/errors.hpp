@@ -42,6 +42,13 @@ class OsError : public Error {
   const char* kind() const noexcept override { return "os_error"; }
 };
 
+// A path that names a symbolic link, a folder or a device where a regular
+// file was wanted.
+class NotRegularFile : public OsError {
+ public:
+  using OsError::OsError;
+};
+
 // The store failed, or holds data it cannot decode.
 class StoreError : public Error {
  public:

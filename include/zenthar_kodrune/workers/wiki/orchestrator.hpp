@@ -5,14 +5,30 @@
 // written page go through it too.
 //
 // Where things live, for a repository root R and a branch B:
-//   R/memory/orvane/wiki.db          the store (SQLite by default)
+//   R/memory/orvane/.store/wiki.db   the store (SQLite by default; moved
+//                                    there from R/memory/orvane/wiki.db)
+//   R/memory/orvane/.store/branch-H.lock  the branch's lock (H: a hash of B)
 //   R/memory/orvane/steering.md      the steering text
 //   R/memory/orvane/B/               the branch's wiki folder: plan-log.jsonl
 //   R/memory/orvane/B/pages/ID.md    a written page (its row's `rel_path`)
 //
-// The branch name is checked by git's ref-name rules before it names a
-// folder, and every path taken from a row or a page id is checked to stay
-// inside the branch's wiki folder.
+// The branch name is checked by git's ref-name rules, and so that its folder
+// overlaps nothing else, before it names a folder; every path taken from a
+// row or a page id is checked to stay inside the branch's wiki folder; and
+// every folder and file under memory/orvane is opened without following
+// symbolic links (safe_fs.hpp), so a cloned repository cannot make the tool
+// read or write outside it.
+//
+// Concurrency and crashes. Builds and saves of one branch are serialised by
+// the branch's lock (an flock, released when a process dies), always taken
+// before any database transaction, so two processes never wait on each
+// other in opposite orders. A build reads the stored rows, pins and writes
+// them in one write transaction; a save writes its body to a synced file of
+// its own, commits its row, then renames the body into place. A build's log
+// line is recorded in the store in the build's transaction and appended to
+// the log after the commit; the next command under the lock appends what a
+// killed process left pending (once: a line the log already ends with is
+// not appended again) and finishes or removes what a killed save left.
 //
 // File hashing reads each file at most once per build. Content hashes are
 // cached in the store keyed by path with size, modification time (ns) and
@@ -38,6 +54,7 @@
 
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
+#include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
@@ -46,11 +63,24 @@ namespace zenthar_kodrune::workers::wiki {
 
 // ---- names that become paths ----
 
+// A file name holds at most this many bytes on the file systems we run on.
+inline constexpr std::size_t MAX_NAME_BYTES = 255;
+inline constexpr std::size_t MAX_BRANCH_BYTES = 1024;
+// A page id names its body "<id>.md" and, while saving, "<id>.md.saving-XXXXXX".
+inline constexpr std::size_t MAX_PAGE_ID_BYTES = MAX_NAME_BYTES - 15;
+
 // Throws ValueError naming the branch and the rule it breaks: empty, "..",
 // a leading "/" or "-", a trailing "/" or ".", an empty component, a
 // component beginning with "." or ending in ".lock", "@{", the name "@",
-// control characters, space and any of ~^:?*[\ .
+// control characters, space and any of ~^:?*[\ . Beyond git's rules, the
+// branch's folder must not overlap the files around it: a first component
+// "steering.md" or beginning with "wiki.db", a later one "pages" or
+// beginning with "plan-log.jsonl"; and the lengths must fit the file system
+// (MAX_BRANCH_BYTES in all, MAX_NAME_BYTES a component).
 void check_branch_name(std::string_view branch);
+
+// A ValueError when a page's file name could not hold `page_id`.
+void check_page_id_length(std::string_view page_id);
 
 // `base` / `relative`, or a ValueError naming `what` when `relative` is
 // absolute, empty, or would leave `base` (a ".." component).
@@ -62,22 +92,35 @@ std::filesystem::path memory_dir(const std::filesystem::path& repo_root);
 std::filesystem::path wiki_dir_of(const std::filesystem::path& repo_root,
                                   const std::string& branch);
 
-// The last `limit` entries of the plan log in `wiki_dir` (all when 0),
-// oldest first; none when there is no log. A line that is not JSON is a
-// ValueError naming the file and the line number.
-std::vector<Json> read_plan_log(const std::filesystem::path& wiki_dir, std::size_t limit);
+// The plan log as read: the last `limit` readable entries (all when 0),
+// oldest first, and one note per line that is not a JSON object, naming its
+// number ("line 7: ..."). No log reads as no entries.
+struct PlanLogRead {
+  std::vector<Json> entries;
+  std::vector<std::string> unreadable;
+};
+PlanLogRead read_plan_log(const SafeDir& wiki_dir, std::size_t limit);
+// The same for the branch's wiki folder under `repo_root`, reached without
+// following links.
+PlanLogRead read_plan_log(const std::filesystem::path& repo_root, const std::string& branch,
+                          std::size_t limit);
 
 // ---- file hashing ----
 
 // Path -> what the store's hash cache remembers of it (sqlite_store.hpp).
 using FileHashCache = std::unordered_map<std::string, CachedFileHash>;
 
-// Reads a whole file; an OsError naming the path when it cannot.
+// Reads a whole file; an OsError naming the path when it cannot, a
+// NotRegularFile for a symbolic link (never followed) or a file of another
+// kind.
 using FileReader = std::function<std::string(const std::filesystem::path&)>;
 std::string read_whole_file(const std::filesystem::path& path);
 
 // Content hashes of the files under one root, each file read at most once
-// per build. Not shared between threads; it starts threads of its own.
+// per build. A source path that is a symbolic link counts as no regular
+// file and is left out, whatever it points to: git keeps a link's text, not
+// its target, and the target may lie outside the repository. Not shared between threads; it starts
+// threads of its own.
 class FileHasher {
  public:
   explicit FileHasher(std::filesystem::path root, FileReader reader = read_whole_file,
@@ -109,6 +152,7 @@ class FileHasher {
     std::string path;
     FileStamp stamp;
     std::string hash;
+    bool not_file = false;
   };
   std::optional<FileStamp> stat_file(const std::string& path) const;
   void hash_tasks(std::vector<Task>& tasks);
@@ -170,10 +214,25 @@ struct SaveResult {
 
 class WikiGenerator : public PlanRecordMixin {
  public:
-  // Opens the default store (SQLite in R/memory/orvane/wiki.db) when
+  // Opens the default store (SQLite in R/memory/orvane/.store/wiki.db) when
   // `repository` is null. The branch is checked first (check_branch_name).
   WikiGenerator(std::filesystem::path repo_root, std::string branch,
                 std::unique_ptr<WikiStore> repository = nullptr, WikiGeneratorOptions options = {});
+
+  // Holds the branch's lock while alive; a generator already holding it
+  // takes it again at no cost. The first hold finishes what a killed process
+  // left: pending log lines, interrupted saves.
+  class BranchHold {
+   public:
+    explicit BranchHold(WikiGenerator& owner);
+    ~BranchHold();
+    BranchHold(const BranchHold&) = delete;
+    BranchHold& operator=(const BranchHold&) = delete;
+
+   private:
+    WikiGenerator& owner_;
+  };
+  [[nodiscard]] BranchHold hold_branch() { return BranchHold(*this); }
 
   const std::string& branch() const override { return branch_; }
   const std::filesystem::path& pages_dir() const override { return pages_dir_; }
@@ -208,7 +267,9 @@ class WikiGenerator : public PlanRecordMixin {
 
   // Records a written page (after a build, so the plan is current). Without
   // `citations`, the body's prose citations that verify are stored. An id
-  // outside the current plan is a KeyError.
+  // outside the current plan is a KeyError. The row and the body agree
+  // after a crash at any point, or the next command under the branch's lock
+  // makes them agree (or a build names the page stale for it).
   SaveResult save_page(const std::string& page_id, const std::string& body,
                        const std::optional<Json>& citations,
                        const std::optional<std::string>& title);
@@ -221,6 +282,20 @@ class WikiGenerator : public PlanRecordMixin {
   std::vector<Json> plan_log(std::size_t limit) const;
 
  private:
+  // A folder at `relative` below the repository root, no link followed.
+  SafeDir open_below_root(const std::filesystem::path& relative, bool create) const;
+  // The branch's wiki folder, created when missing; a link on the way, or
+  // a plan log that is a link, is an OsError.
+  SafeDir open_wiki_dir() const;
+  // Appends the log lines the store holds as pending, then clears them; a
+  // file-system failure is a warning and leaves them for the next build.
+  void flush_pending_log(const SafeDir& wiki);
+  // Renames each body a killed save left beside its page when its row was
+  // committed with that content; removes the rest.
+  void finish_interrupted_saves();
+  // Why a written page's body no longer matches its row, or nullopt.
+  std::optional<std::string> body_mismatch(const Json& row);
+
   // Retires, persists and updates rows so the store holds the pinned plan.
   // Returns whether it wrote anything (else `existing_` still holds the rows).
   bool record_plan(const PinResult& pinned, bool replan);
@@ -247,6 +322,8 @@ class WikiGenerator : public PlanRecordMixin {
   // The plans of the last build, which a save is checked against.
   PlanList last_plans_;
   std::optional<std::string> steering_memo_;
+  int hold_depth_ = 0;
+  FileDescriptor branch_lock_;
   // The hashing a derivation started. Declared last: it uses the members
   // above and is waited for before any of them goes.
   std::future<void> prefetch_;

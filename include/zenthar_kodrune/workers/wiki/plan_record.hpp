@@ -80,8 +80,8 @@ struct PinResult {
 };
 
 // Reconciles fresh structural plans against the stored plan of record.
-PinResult pin_plan(const PlanList& fresh_plans, const Existing& existing,
-                   const PathSet& live_paths, bool replan = false);
+PinResult pin_plan(const PlanList& fresh_plans, const Existing& existing, const PathSet& live_paths,
+                   bool replan = false);
 
 // ---- audit ----
 
@@ -94,8 +94,24 @@ inline constexpr std::size_t _PLAN_LOG_KEEP_LINES = 1000;
 // Does nothing for an empty list. A file-system failure is logged as the
 // warning "could not append wiki plan log" and the call returns normally; a
 // record that cannot be encoded (invalid UTF-8) throws with nothing written.
+// The log's folder and files are opened without following symbolic links.
 void append_plan_log(const std::filesystem::path& wiki_dir, const Amendments& amendments,
                      bool replan);
+
+class SafeDir;
+
+// The line append_plan_log writes for these amendments, line feed included.
+// A record that cannot be encoded (invalid UTF-8) is a ValueError.
+std::string plan_log_line(const Amendments& amendments, bool replan);
+
+// Appends to the log in `wiki_dir` the `lines` (each ending in a line feed)
+// that it does not hold yet, under the log's lock, then rotates. When the
+// log's last line equals one of `lines`, that line and those before it were
+// appended already (by a process that died before it could say so) and only
+// the rest is appended. A log cut off inside a line is ended first, and
+// temporary files a killed rotation left are removed, each with a warning
+// naming the log. File-system failures throw OsError.
+void append_plan_log_lines(const SafeDir& wiki_dir, const std::vector<std::string>& lines);
 
 // The drift warning when the pinned structure churns, else nullopt.
 std::optional<std::string> drift_signal(const Amendments& amendments, std::int64_t plan_size);

@@ -1,5 +1,8 @@
-// The wiki store in an SQLite file: the default "memory/orvane/wiki.db"
-// under the repository root.
+// The wiki store in an SQLite file: by default "memory/orvane/.store/wiki.db"
+// under the repository root. A folder whose name begins with "." is one no
+// branch name can reach, so no branch's wiki folder can overlap the store's
+// files; a store left at the older "memory/orvane/wiki.db" is moved there on
+// first use (open_default).
 //
 // `SqliteDatabase` is the handle: one connection in WAL mode with a busy
 // timeout, so a second writer waits for the first instead of failing, and
@@ -9,9 +12,10 @@
 //
 // `SqliteWikiStore` keeps the table `wiki_pages` and a cache of file content
 // hashes in one schema it creates and versions itself (`PRAGMA user_version`).
-// A file that is not an SQLite database, or one whose schema is newer than
-// this program knows, is a StoreError at open and the file is left exactly as
-// it was.
+// A file that is not an SQLite database, one whose schema is newer than this
+// program knows, or one holding another program's tables, is a StoreError at
+// open and the file is left exactly as it was (its journal mode included).
+// The file is opened without following a symbolic link.
 //
 // The connection keeps the statements it has run prepared, so a statement
 // run once per row is compiled once, not once per row.
@@ -69,12 +73,15 @@ class SqliteDatabase final : public Database {
   void end_transaction(bool error) override;
 
   // WAL journal; the store turns it on once it knows the file is its own.
+  // Another connection switching at the same moment makes SQLite answer
+  // "busy" without waiting: the switch is tried again until the busy timeout.
   void enable_wal();
 
   const std::filesystem::path& path() const { return path_; }
 
  private:
   std::filesystem::path path_;
+  int busy_timeout_ms_;
   sqlite3* handle_ = nullptr;
   // One entry per open scope: true for a savepoint, false for the transaction.
   std::vector<bool> scopes_;
@@ -94,14 +101,25 @@ struct CachedFileHash {
 
 class SqliteWikiStore final : public WikiStore {
  public:
-  // The schema version this program writes and reads.
-  static constexpr int SCHEMA_VERSION = 1;
+  // The schema version this program writes and reads. Version 2 added the
+  // table of pending plan log lines; a version 1 file is upgraded on open.
+  static constexpr int SCHEMA_VERSION = 2;
 
   // Opens the store at `path`, creating the schema on a new file.
   explicit SqliteWikiStore(const std::filesystem::path& path, int busy_timeout_ms = 10000);
 
-  // repo_root / "memory/orvane/wiki.db".
+  // repo_root / "memory/orvane/.store/wiki.db".
   static std::filesystem::path default_path(const std::filesystem::path& repo_root);
+  // repo_root / "memory/orvane/wiki.db", where older versions kept it.
+  static std::filesystem::path legacy_path(const std::filesystem::path& repo_root);
+
+  // The store at default_path. The folders on the way and the store's files
+  // are checked not to be symbolic links. A store at legacy_path is moved
+  // first: its WAL checkpointed, a copy written beside the new place, synced
+  // and renamed into place, and only then the old files removed; a process
+  // killed on the way leaves the old store whole for the next run to move.
+  static std::unique_ptr<SqliteWikiStore> open_default(const std::filesystem::path& repo_root,
+                                                       int busy_timeout_ms = 60000);
 
   Database& db() override { return db_; }
   SqliteDatabase& sqlite() { return db_; }
@@ -119,6 +137,10 @@ class SqliteWikiStore final : public WikiStore {
   std::unordered_map<std::string, CachedFileHash> load_file_hash_cache();
   // Inserts or replaces the entries, all in one transaction.
   void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries);
+
+  void add_pending_log_line(const std::string& branch, const std::string& line) override;
+  std::vector<PendingLogLine> pending_log_lines(const std::string& branch) override;
+  void clear_pending_log_lines(const std::string& branch, std::int64_t through) override;
 
  private:
   void open_schema();

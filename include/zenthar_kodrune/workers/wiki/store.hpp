@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -82,6 +83,34 @@ class WikiStore {
   // first-insertion order. Undecodable stored JSON is a StoreError naming the
   // branch, page id and column.
   virtual Existing load_pages(const std::string& branch) = 0;
+
+  // Plan log lines a build recorded in its own transaction and that are not
+  // yet known to be in the log, oldest first, each with its sequence number.
+  // A build records its line before it commits and clears it once appended,
+  // so a process that dies in between leaves the line for the next build of
+  // the branch to append. The defaults keep the lines in memory only: a store
+  // that cannot keep them durably loses them with the process.
+  using PendingLogLine = std::pair<std::int64_t, std::string>;
+  virtual void add_pending_log_line(const std::string& branch, const std::string& line) {
+    pending_lines_.emplace_back(branch, PendingLogLine{++pending_sequence_, line});
+  }
+  virtual std::vector<PendingLogLine> pending_log_lines(const std::string& branch) {
+    std::vector<PendingLogLine> out;
+    for (const auto& [owner, line] : pending_lines_) {
+      if (owner == branch) out.push_back(line);
+    }
+    return out;
+  }
+  // Clears the branch's lines up to sequence number `through`.
+  virtual void clear_pending_log_lines(const std::string& branch, std::int64_t through) {
+    std::erase_if(pending_lines_, [&](const auto& item) {
+      return item.first == branch && item.second.first <= through;
+    });
+  }
+
+ private:
+  std::vector<std::pair<std::string, PendingLogLine>> pending_lines_;
+  std::int64_t pending_sequence_ = 0;
 };
 
 }  // namespace zenthar_kodrune::workers::wiki

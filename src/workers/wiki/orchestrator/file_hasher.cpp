@@ -1,5 +1,6 @@
 // File hashing for the orchestrator: a per-build memo over a stamp-keyed cache,
 // with the reading spread over every core when there is much to read.
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+#include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -46,8 +48,8 @@ bool is_plain_relative(std::string_view path) {
   std::size_t start = 0;
   while (true) {
     const std::size_t slash = path.find('/', start);
-    const std::string_view part =
-        path.substr(start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
+    const std::string_view part = path.substr(
+        start, slash == std::string_view::npos ? std::string_view::npos : slash - start);
     if (part.empty() || part == "." || part == "..") return false;
     if (slash == std::string_view::npos) return true;
     start = slash + 1;
@@ -75,15 +77,27 @@ std::string checked_relative(const std::string& path) {
 }  // namespace
 
 std::string read_whole_file(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw OsError("cannot read " + path.string() + ": " + std::strerror(errno));
-  std::string content{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-  if (in.bad()) throw OsError("cannot read " + path.string());
-  return content;
+  // A committed symbolic link is not followed: its target may lie outside
+  // the repository. Non-blocking, so a FIFO is refused rather than waited on.
+  int fd = -1;
+  do {
+    fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK);
+  } while (fd < 0 && errno == EINTR);
+  if (fd < 0) {
+    if (errno == ELOOP) throw NotRegularFile(path.string() + " is a symbolic link; not followed");
+    throw OsError("cannot read " + path.string() + ": " + std::strerror(errno));
+  }
+  FileDescriptor file(fd, path);
+  if (!S_ISREG(file.status().st_mode)) {
+    throw NotRegularFile("cannot read " + path.string() + ": not a regular file");
+  }
+  return file.read_all();
 }
 
 FileHasher::FileHasher(fs::path root, FileReader reader, bool progress)
-    : root_(std::move(root)), root_prefix_(root_.string()), reader_(std::move(reader)),
+    : root_(std::move(root)),
+      root_prefix_(root_.string()),
+      reader_(std::move(reader)),
       progress_(progress) {
   if (!root_prefix_.empty() && root_prefix_.back() != '/') root_prefix_.push_back('/');
   if (!reader_) reader_ = read_whole_file;
@@ -120,10 +134,19 @@ void FileHasher::hash_tasks(std::vector<Task>& tasks) {
     if (final_line) std::fputc('\n', stderr);
     std::fflush(stderr);
   };
+  // A link or a file of another kind found where the index saw a file is
+  // left out, as a path that is no regular file is.
+  auto hash_one = [this](Task& task) {
+    try {
+      task.hash = _text_hash(reader_(root_ / task.path));
+    } catch (const NotRegularFile&) {
+      task.not_file = true;
+    }
+  };
   auto work = [&] {
     for (std::size_t i = next++; i < tasks.size(); i = next++) {
       try {
-        tasks[i].hash = _text_hash(reader_(root_ / tasks[i].path));
+        hash_one(tasks[i]);
       } catch (...) {
         std::lock_guard lock(failure_mutex);
         if (!failure) failure = std::current_exception();
@@ -138,7 +161,7 @@ void FileHasher::hash_tasks(std::vector<Task>& tasks) {
   if (tasks.size() <= kParallelFrom || cores == 1) {
     auto last_shown = std::chrono::steady_clock::now();
     for (std::size_t i = next++; i < tasks.size(); i = next++) {
-      tasks[i].hash = _text_hash(reader_(root_ / tasks[i].path));
+      hash_one(tasks[i]);
       ++done;
       if (std::chrono::steady_clock::now() - last_shown > std::chrono::milliseconds(100)) {
         show_progress(false);
@@ -187,6 +210,10 @@ void FileHasher::learn(const std::vector<std::string>& paths,
     throw;
   }
   for (auto& task : tasks) {
+    if (task.not_file) {
+      known_[task.path] = Known{};
+      continue;
+    }
     known_[task.path] = Known{true, task.hash};
     if (task.stamp.mtime_ns < build_started_ns_ - kRacyWindowNs) {
       const CachedFileHash entry{task.stamp.size, task.stamp.mtime_ns, task.stamp.inode, task.hash};
@@ -197,7 +224,7 @@ void FileHasher::learn(const std::vector<std::string>& paths,
 }
 
 const std::vector<std::string>& FileHasher::normal_paths(const std::vector<std::string>& paths,
-                                                        std::vector<std::string>& normal) const {
+                                                         std::vector<std::string>& normal) const {
   if (std::all_of(paths.begin(), paths.end(),
                   [](const std::string& path) { return is_plain_relative(path); })) {
     return paths;

@@ -1,12 +1,14 @@
 // WikiGenerator: one build over the plan of record, and the host members the
 // mixins reach.
+#include <fcntl.h>
+#include <spdlog/spdlog.h>
+
 #include <algorithm>
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <unordered_set>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/fault_point.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
@@ -20,8 +22,14 @@ namespace fs = std::filesystem;
 namespace {
 
 std::unique_ptr<WikiStore> open_default_store(const fs::path& repo_root) {
-  return std::make_unique<SqliteWikiStore>(SqliteWikiStore::default_path(repo_root));
+  return SqliteWikiStore::open_default(repo_root);
 }
+
+// What is written while a save runs: "<file>.saving-XXXXXX" beside the body.
+constexpr std::string_view kSavingInfix = ".saving";
+
+// The wiki folder's path below the repository root.
+fs::path wiki_relative(const std::string& branch) { return fs::path("memory/orvane") / branch; }
 
 std::string rel_path_of(const std::string& page_id) { return "pages/" + page_id + ".md"; }
 
@@ -138,13 +146,133 @@ Json WikiGenerator::_source_hashes(const std::vector<std::string>& paths) {
 std::string WikiGenerator::_steering_text() {
   // Read once per build: every page's hashes carry it.
   if (steering_memo_) return *steering_memo_;
-  const fs::path path = repo_root_ / std::string(STEERING_PATH);
-  std::error_code ec;
-  steering_memo_ = fs::is_regular_file(path, ec) ? options_.reader(path) : std::string();
+  const fs::path relative(STEERING_PATH);
+  const fs::path path = repo_root_ / relative;
+  bool present = false;
+  if (const auto folder = SafeDir::open_if_exists(repo_root_, relative.parent_path())) {
+    const auto status = folder->entry_status(relative.filename().string());
+    if (status && S_ISLNK(status->st_mode)) {
+      throw OsError("'" + path.string() + "' is a symbolic link; refusing to follow it");
+    }
+    present = status && S_ISREG(status->st_mode);
+  }
+  steering_memo_ = present ? options_.reader(path) : std::string();
   return *steering_memo_;
 }
 
 void WikiGenerator::_reload_existing() { existing_ = repository_->load_pages(branch_); }
+
+WikiGenerator::BranchHold::BranchHold(WikiGenerator& owner) : owner_(owner) {
+  if (owner_.hold_depth_++ > 0) return;
+  try {
+    const SafeDir store =
+        owner_.open_below_root(SqliteWikiStore::default_path({}).parent_path(), true);
+    // Named by a hash: a branch name may hold "/" and be long.
+    owner_.branch_lock_ = store.open_file(
+        "branch-" + _text_hash(owner_.branch_).substr(0, 32) + ".lock", O_RDWR | O_CREAT);
+    owner_.branch_lock_.lock_exclusive();
+    owner_.finish_interrupted_saves();
+    owner_.flush_pending_log(owner_.open_wiki_dir());
+  } catch (...) {
+    owner_.hold_depth_ = 0;
+    owner_.branch_lock_ = FileDescriptor();
+    throw;
+  }
+}
+
+WikiGenerator::BranchHold::~BranchHold() {
+  if (--owner_.hold_depth_ == 0) owner_.branch_lock_ = FileDescriptor();
+}
+
+SafeDir WikiGenerator::open_below_root(const fs::path& relative, bool create) const {
+  return SafeDir::open(repo_root_, relative, create);
+}
+
+SafeDir WikiGenerator::open_wiki_dir() const {
+  SafeDir wiki = open_below_root(wiki_relative(branch_), true);
+  // Refused before anything is written, not only when the log is appended.
+  const auto log = wiki.entry_status(_PLAN_LOG_NAME);
+  if (log && !S_ISREG(log->st_mode)) wiki.open_file(_PLAN_LOG_NAME, O_RDONLY);  // throws
+  return wiki;
+}
+
+void WikiGenerator::flush_pending_log(const SafeDir& wiki) {
+  const auto pending = repository_->pending_log_lines(branch_);
+  if (pending.empty()) return;
+  std::vector<std::string> lines;
+  lines.reserve(pending.size());
+  for (const auto& [sequence, line] : pending) lines.push_back(line);
+  try {
+    append_plan_log_lines(wiki, lines);
+  } catch (const OsError& e) {
+    plan_record_logger()->warn("could not append wiki plan log: {}", e.what());
+    return;
+  } catch (const std::system_error& e) {
+    plan_record_logger()->warn("could not append wiki plan log: {}", e.what());
+    return;
+  }
+  fault_point("plan:log-appended");
+  repository_->clear_pending_log_lines(branch_, pending.back().first);
+}
+
+void WikiGenerator::finish_interrupted_saves() {
+  const fs::path pages_relative = wiki_relative(branch_) / "pages";
+  const std::optional<SafeDir> pages = SafeDir::open_if_exists(repo_root_, pages_relative);
+  if (!pages) return;  // nothing saved yet
+  std::optional<Existing> rows;
+  bool changed = false;
+  for (const auto& name : pages->names()) {
+    const auto infix = name.find(kSavingInfix);
+    if (infix == std::string::npos) continue;
+    const std::string target = name.substr(0, infix);
+    if (!rows) rows = repository_->load_pages(branch_);
+    std::string content_hash;
+    for (const auto& [id, row] : *rows) {
+      if (row_text(row, "rel_path") == "pages/" + target)
+        content_hash = row_text(row, "content_hash");
+    }
+    bool committed = false;
+    if (!content_hash.empty() && !target.empty()) {
+      try {
+        committed = _text_hash(pages->open_file(name, O_RDONLY).read_all()) == content_hash;
+      } catch (const OsError&) {
+        // Not a file a save of ours wrote: removed below.
+      }
+    }
+    if (committed) {
+      // The row was committed with this body; only the rename was missing.
+      pages->rename(name, target);
+      plan_record_logger()->warn("finished the interrupted save of '{}'",
+                                 (pages->path() / target).string());
+    } else {
+      pages->remove(name);
+    }
+    changed = true;
+  }
+  if (changed) pages->sync();
+}
+
+std::optional<std::string> WikiGenerator::body_mismatch(const Json& row) {
+  const std::string content_hash = row_text(row, "content_hash");
+  if (content_hash.empty()) return std::nullopt;
+  const std::string rel_path = row_text(row, "rel_path");
+  std::string body;
+  try {
+    const fs::path path =
+        path_inside(wiki_dir_, rel_path, "rel_path").lexically_relative(repo_root_);
+    const auto folder = SafeDir::open_if_exists(repo_root_, path.parent_path());
+    if (!folder || !folder->entry_status(path.filename().string())) {
+      return "its body " + rel_path + " is missing";
+    }
+    body = folder->open_file(path.filename().string(), O_RDONLY).read_all();
+  } catch (const Error& e) {
+    return "its body " + rel_path + " cannot be read: " + e.what();
+  }
+  if (_text_hash(body) != content_hash) {
+    return "its body " + rel_path + " does not match the saved content hash";
+  }
+  return std::nullopt;
+}
 
 Derivation WikiGenerator::derive(bool replan, bool prefetch) {
   abandon_prefetch();
@@ -206,7 +334,8 @@ bool WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
   for (const auto& plan : pinned.plans) {
     if (!seen.insert(plan->page_id).second) continue;
     const auto row = existing_.find(plan->page_id);
-    if (row != existing_.end() && same_structure(row->second, *plan, sorted_distinct(plan->source_files, scratch))) {
+    if (row != existing_.end() &&
+        same_structure(row->second, *plan, sorted_distinct(plan->source_files, scratch))) {
       continue;
     }
     WikiPageColumns columns = structural_columns(*plan);
@@ -262,16 +391,29 @@ void WikiGenerator::save_hash_cache() {
 }
 
 BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
-  Derivation derivation = derive(replan, select);
+  const BranchHold hold = hold_branch();
+  const SafeDir wiki = open_wiki_dir();
+  Derivation derivation;
   BuildResult result;
-  result.first_plan = derivation.first_plan;
-  for (const auto& plan : derivation.pinned.plans) {
-    if (existing_.count(plan->page_id) == 0) result.new_pages.insert(plan->page_id);
+  {
+    // Read, pin and write in one write transaction: a save committed
+    // meanwhile is either read here or waits, never overwritten with what
+    // was read before it. The log line commits with the plan and is
+    // appended after; a process killed in between leaves it pending.
+    auto transaction = repository_->db().transaction();
+    derivation = derive(replan, select);
+    result.first_plan = derivation.first_plan;
+    for (const auto& plan : derivation.pinned.plans) {
+      if (existing_.count(plan->page_id) == 0) result.new_pages.insert(plan->page_id);
+    }
+    if (record_plan(derivation.pinned, replan)) _reload_existing();
+    if (!derivation.pinned.amendments.empty()) {
+      repository_->add_pending_log_line(branch_,
+                                        plan_log_line(derivation.pinned.amendments, replan));
+    }
   }
-  // The store first: a build that cannot record its plan leaves no log line
-  // behind, so running it again does not log its amendments twice.
-  if (record_plan(derivation.pinned, replan)) _reload_existing();
-  append_plan_log(wiki_dir_, derivation.pinned.amendments, replan);
+  fault_point("plan:committed");
+  flush_pending_log(wiki);
   if (!derivation.first_plan) {
     result.drift = drift_signal(derivation.pinned.amendments,
                                 static_cast<std::int64_t>(derivation.pinned.plans.size()));
@@ -282,6 +424,16 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
     for (const auto& plan : derivation.pinned.plans) {
       if (result.stale.count(plan->page_id) == 0 || result.why.count(plan->page_id) != 0) continue;
       result.why[plan->page_id] = stale_reason(*plan, force).value_or("forced");
+    }
+    // A body changed or lost behind the store's back is named, and the page
+    // written again, rather than called fresh.
+    for (const auto& plan : derivation.pinned.plans) {
+      const auto row = existing_.find(plan->page_id);
+      if (row == existing_.end() || result.stale.count(plan->page_id) != 0) continue;
+      if (auto why = body_mismatch(row->second)) {
+        result.stale.insert(plan->page_id);
+        result.why[plan->page_id] = std::move(*why);
+      }
     }
     save_hash_cache();
   }
@@ -345,6 +497,8 @@ std::optional<std::string> WikiGenerator::stale_reason(const PagePlan& plan, boo
 SaveResult WikiGenerator::save_page(const std::string& page_id, const std::string& body,
                                     const std::optional<Json>& citations,
                                     const std::optional<std::string>& title) {
+  check_page_id_length(page_id);
+  const BranchHold hold = hold_branch();
   if (last_plans_.empty()) build(false, false, false);
   const auto plan_it = std::find_if(last_plans_.begin(), last_plans_.end(),
                                     [&](const PlanPtr& plan) { return plan->page_id == page_id; });
@@ -406,24 +560,33 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
   columns.status = "fresh";
   const std::string page_title = title && !title->empty() ? *title : plan.title;
 
-  // The body goes in beside its final name first and is renamed only once the
-  // row is committed, so a failed save leaves neither half behind.
-  fs::create_directories(result.body_path.parent_path());
-  const fs::path temporary = result.body_path.string() + ".saving";
-  {
-    std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-    out << body;
-    out.close();
-    if (!out) throw OsError("cannot write " + temporary.string());
-  }
+  // The body goes to a synced file of its own beside its final name, and is
+  // renamed only once the row is committed: a failed save leaves neither
+  // half behind, and a killed one leaves a file whose hash tells whether its
+  // row committed (finish_interrupted_saves).
+  const fs::path relative = result.body_path.lexically_relative(repo_root_);
+  const SafeDir folder = open_below_root(relative.parent_path(), true);
+  const std::string name = relative.filename().string();
+  FileDescriptor temporary = folder.create_unique(name + std::string(kSavingInfix) + "-");
+  const std::string temporary_name = temporary.path().filename().string();
   try {
+    temporary.write_all(body);
+    temporary.sync();
+    temporary.close();
+    fault_point("save:body-written");
+    auto transaction = repository_->db().transaction();
     repository_->upsert_wiki_page(branch_, page_id, page_title, columns);
   } catch (...) {
-    std::error_code ignored;
-    fs::remove(temporary, ignored);
+    try {
+      folder.remove(temporary_name);
+    } catch (const OsError&) {
+      // The next command under the branch's lock removes it.
+    }
     throw;
   }
-  fs::rename(temporary, result.body_path);
+  fault_point("save:committed");
+  folder.rename(temporary_name, name);
+  folder.sync();
   _reload_existing();
   result.row = existing_.at(page_id);
   return result;
@@ -456,29 +619,40 @@ Json WikiGenerator::page_changes(const std::vector<std::string>& page_ids) {
 }
 
 std::vector<Json> WikiGenerator::plan_log(std::size_t limit) const {
-  return read_plan_log(wiki_dir_, limit);
+  return read_plan_log(repo_root_, branch_, limit).entries;
 }
 
-std::vector<Json> read_plan_log(const fs::path& wiki_dir, std::size_t limit) {
-  const fs::path path = wiki_dir / std::string(_PLAN_LOG_NAME);
-  std::error_code ec;
-  if (!fs::exists(path, ec)) return {};
-  std::istringstream in(read_whole_file(path));
-  std::vector<Json> entries;
-  std::string line;
-  for (std::size_t number = 1; std::getline(in, line); ++number) {
+PlanLogRead read_plan_log(const SafeDir& wiki_dir, std::size_t limit) {
+  PlanLogRead read;
+  auto log = wiki_dir.open_existing(_PLAN_LOG_NAME, O_RDONLY);
+  if (!log) return read;
+  const std::string text = log->read_all();
+  std::size_t number = 0;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    const std::string_view line(text.data() + start, end - start);
+    start = end + 1;
+    ++number;
     if (line.empty()) continue;
     try {
-      entries.push_back(parse_json(line));
+      Json entry = parse_json(line);
+      if (!entry.is_object()) throw ValueError("not a JSON object");
+      read.entries.push_back(std::move(entry));
     } catch (const ValueError& e) {
-      throw ValueError(path.string() + " line " + std::to_string(number) +
-                       " is not JSON: " + e.what());
+      read.unreadable.push_back("line " + std::to_string(number) + ": " + e.what());
     }
   }
-  if (limit != 0 && entries.size() > limit) {
-    entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(limit));
+  if (limit != 0 && read.entries.size() > limit) {
+    read.entries.erase(read.entries.begin(),
+                       read.entries.end() - static_cast<std::ptrdiff_t>(limit));
   }
-  return entries;
+  return read;
+}
+
+PlanLogRead read_plan_log(const fs::path& repo_root, const std::string& branch, std::size_t limit) {
+  const auto wiki = SafeDir::open_if_exists(repo_root, wiki_dir_of({}, branch));
+  if (!wiki) return {};
+  return read_plan_log(*wiki, limit);
 }
 
 }  // namespace zenthar_kodrune::workers::wiki
