@@ -34,7 +34,7 @@ TEST(BadInput, BranchNamesGitRefusesAreUsageErrors) {
     EXPECT_NE(result.err.find(rule), std::string::npos) << branch << ": " << result.err;
   }
   EXPECT_FALSE(fs::exists(repo.root() / "escape"));
-  EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/wiki.db"));
+  EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/.store/wiki.db"));
 }
 
 TEST(BadInput, BranchWithSlashesNamesNestedWikiFolder) {
@@ -52,7 +52,7 @@ TEST(BadInput, MissingBodyFileFailsBeforeAnythingIsWritten) {
   EXPECT_EQ(result.err.rfind("kodrune-wiki: error: cannot read body file /nonexistent/body.md", 0),
             0u)
       << result.err;
-  EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/wiki.db"));
+  EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/.store/wiki.db"));
 }
 
 TEST(BadInput, SavingAPageOutsideThePlanIsAnErrorNamingIt) {
@@ -92,15 +92,18 @@ TEST(BadInput, CorruptDatabaseIsReportedAndLeftAsItWas) {
   GitRepo repo;
   seed(repo);
   const std::string garbage = "this is not an SQLite database\n" + std::string(5000, 'x');
-  repo.write("memory/orvane/wiki.db", garbage);
-  for (const std::string command : {"plan", "changes", "save module-src /dev/null"}) {
+  repo.write("memory/orvane/.store/wiki.db", garbage);
+  const fs::path body = repo.scratch() / "body.md";
+  std::ofstream(body) << "Body.\n";
+  for (const std::string& command :
+       std::vector<std::string>{"plan", "changes", "save module-src " + body.string()}) {
     const RunResult result = repo.run(command);
     EXPECT_EQ(result.code, 1) << command;
     EXPECT_EQ(result.err.rfind("kodrune-wiki: error: ", 0), 0u) << result.err;
     EXPECT_NE(result.err.find("wiki.db"), std::string::npos) << result.err;
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   }
-  EXPECT_EQ(slurp(repo.root() / "memory/orvane/wiki.db"), garbage);
+  EXPECT_EQ(slurp(repo.root() / "memory/orvane/.store/wiki.db"), garbage);
   EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/main/plan-log.jsonl"));
 }
 

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -75,15 +76,20 @@ class GitRepo {
     git("-c user.name=t -c user.email=t@t commit -q --allow-empty -m " + quoted(message));
   }
 
-  // kodrune-wiki with `args`, run in the repository.
-  RunResult run(const std::string& args) const {
-    const fs::path out = scratch_ / "stdout.txt";
-    const fs::path err = scratch_ / "stderr.txt";
-    const std::string command = "cd " + quoted(root_.string()) + " && " + KODRUNE_WIKI_EXE + " " +
-                                args + " >" + quoted(out.string()) + " 2>" + quoted(err.string());
+  // kodrune-wiki with `args`, run in the repository; safe to call from
+  // several threads at once. `program` may name the build with fault points.
+  RunResult run(const std::string& args, const std::string& program = KODRUNE_WIKI_EXE,
+                const std::string& environment = "") const {
+    const std::string tag = std::to_string(runs_++);
+    const fs::path out = scratch_ / ("stdout-" + tag + ".txt");
+    const fs::path err = scratch_ / ("stderr-" + tag + ".txt");
+    const std::string command = "cd " + quoted(root_.string()) + " && " + environment + " " +
+                                program + " " + args + " >" + quoted(out.string()) + " 2>" +
+                                quoted(err.string());
     const int status = std::system(command.c_str());
     RunResult result;
-    result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    // A process killed by a signal (the crash tests' fault points) reads -1.
+    result.code = WIFEXITED(status) && WEXITSTATUS(status) < 128 ? WEXITSTATUS(status) : -1;
     result.out = slurp(out);
     result.err = slurp(err);
     return result;
@@ -96,9 +102,9 @@ class GitRepo {
     return result.json();
   }
 
-  // Saves a body for the page; the body cites `cited` when given.
-  RunResult save(const std::string& page_id, const std::string& body) {
-    const fs::path path = scratch_ / ("body-" + page_id + ".md");
+  // Saves a body for the page.
+  RunResult save(const std::string& page_id, const std::string& body) const {
+    const fs::path path = scratch_ / ("body-" + page_id + "-" + std::to_string(runs_++) + ".md");
     std::ofstream(path, std::ios::binary) << body;
     return run("save " + quoted(page_id) + " " + quoted(path.string()));
   }
@@ -122,6 +128,7 @@ class GitRepo {
   kodrune_test::TempDir dir_;
   fs::path root_;
   fs::path scratch_;
+  mutable std::atomic<int> runs_{0};
 };
 
 // The plan ids of a `plan --json` result, in order.

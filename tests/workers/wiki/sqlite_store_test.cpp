@@ -138,24 +138,31 @@ TEST(SqliteWikiStore, FileThatIsNotADatabaseIsAnErrorAndLeftAsItWas) {
   EXPECT_EQ(read_bytes(path), junk);
 }
 
-TEST(SqliteWikiStore, NewerSchemaIsAnErrorAndLeftAsItWas) {
-  kodrune_test::TempDir tmp;
-  const auto path = tmp.path() / "wiki.db";
-  sqlite3* raw = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(raw, "CREATE TABLE future (x); PRAGMA user_version = 7", nullptr, nullptr,
-                         nullptr),
-            SQLITE_OK);
-  sqlite3_close(raw);
-  const std::string before = read_bytes(path);
+TEST(SqliteWikiStore, NewerOrForeignSchemaIsAnErrorAndLeftAsItWas) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"CREATE TABLE future (x); PRAGMA user_version = 7",
+       "schema version 7, newer than the version 2"},
+      {"CREATE TABLE notes (x)", "holds tables of another program (notes)"},
+  };
+  for (const auto& [sql, message] : cases) {
+    kodrune_test::TempDir tmp;
+    const auto path = tmp.path() / "wiki.db";
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(raw);
+    const std::string before = read_bytes(path);
 
-  try {
-    SqliteWikiStore store(path);
-    FAIL() << "opened a newer schema";
-  } catch (const StoreError& e) {
-    EXPECT_THAT(e.what(), HasSubstr("schema version 7, newer than the version 1"));
+    try {
+      SqliteWikiStore store(path);
+      ADD_FAILURE() << "opened " << sql;
+    } catch (const StoreError& e) {
+      EXPECT_THAT(e.what(), HasSubstr(message));
+    }
+    // Not even switched to WAL.
+    EXPECT_EQ(read_bytes(path), before) << sql;
+    EXPECT_FALSE(std::filesystem::exists(tmp.path() / "wiki.db-wal")) << sql;
   }
-  EXPECT_EQ(read_bytes(path), before);
 }
 
 TEST(SqliteWikiStore, UndecodableStoredJsonNamesBranchPageAndColumnAndChangesNothing) {
@@ -163,12 +170,15 @@ TEST(SqliteWikiStore, UndecodableStoredJsonNamesBranchPageAndColumnAndChangesNot
     const char* column;
     const char* stored;
   };
+  const std::string deep = std::string(600, '[') + std::string(600, ']');
   const Case cases[] = {
       {"source_files", R"(["a.py",)"},     // not JSON
       {"source_files", R"(["a.py", 3])"},  // a list, but not of texts
       {"related_pages", R"({"a": "b"})"},  // a mapping where a list belongs
       {"source_hashes", R"(["a.py"])"},    // a list where a mapping belongs
       {"build_cache", R"("{}")"},          // encoded twice
+      // nested past any stored value: a hostile file must not crash us
+      {"build_cache", deep.c_str()},
   };
   for (const auto& c : cases) {
     kodrune_test::TempDir tmp;
@@ -357,7 +367,7 @@ TEST(SqliteDatabase, StatementInUseIsNotSharedNorDropped) {
 TEST(SqliteWikiStore, DefaultLocationIsUnderTheRepositoryAndIsCreated) {
   kodrune_test::TempDir tmp;
   const auto path = SqliteWikiStore::default_path(tmp.path());
-  EXPECT_EQ(path, tmp.path() / "memory/orvane/wiki.db");
+  EXPECT_EQ(path, tmp.path() / "memory/orvane/.store/wiki.db");
   SqliteWikiStore store(path);
   store.upsert_wiki_page("main", "a", "", with_title_only());
   EXPECT_TRUE(std::filesystem::is_regular_file(path));

@@ -1,0 +1,43 @@
+// What must hold of the rpc loop's answer to any line, shared by the fuzz
+// target and the test that replays its saved corpus: one line of JSON, an
+// object with "id" and either "result" or an "error" whose kind is one of the
+// protocol's. A line that crashes the process fails before any check runs.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "kodrune-wiki/rpc.hpp"
+
+namespace kodrune_fuzz {
+
+// "" when the answer to `line` is well formed, else what was wrong.
+inline std::string rpc_check_failure(std::string_view line) {
+  using kodrune_cli::Json;
+  // The one op that writes files, at a path the request names.
+  if (line.find("append_plan_log") != std::string_view::npos) return "";
+  const std::string answer = kodrune_cli::rpc_respond(line);
+  if (answer.find('\n') != std::string::npos) return "the answer spans lines: " + answer;
+  Json parsed;
+  try {
+    parsed = Json::parse(answer);
+  } catch (const Json::exception& e) {
+    return std::string("the answer is not JSON: ") + e.what();
+  }
+  if (!parsed.is_object() || !parsed.contains("id")) return "the answer lacks an id: " + answer;
+  if (parsed.contains("result") == parsed.contains("error")) {
+    return "the answer needs exactly one of result and error: " + answer;
+  }
+  if (parsed.contains("error")) {
+    const Json& kind = parsed["error"].value("kind", Json());
+    static constexpr std::string_view kKinds[] = {"key_error", "type_error", "value_error",
+                                                  "invalid_request", "os_error"};
+    for (const auto known : kKinds) {
+      if (kind.is_string() && kind.get<std::string>() == known) return "";
+    }
+    return "the error kind is not the protocol's: " + answer;
+  }
+  return "";
+}
+
+}  // namespace kodrune_fuzz
