@@ -251,15 +251,21 @@ class WikiGenerator : public PlanRecordMixin {
   // Indexes, plans and pins; writes nothing. With `prefetch`, the source
   // files are hashed on a thread of their own meanwhile (the store's hash
   // cache read through a second connection), ready for the stale selection.
+  // That connection only reads: under WAL it does not wait on the write
+  // transaction a build runs derive in, where a second writer would wait on
+  // its own process until the busy timeout.
   Derivation derive(bool replan, bool prefetch = false);
 
   // One build: derive; record the plan in the store in one transaction
   // (retire, replan or persist the skeleton, add a stale row for every other
   // planned page not stored, bring stored rows' structural columns up to the
   // plan); log the amendments; ask for drift (not on a first plan); and,
-  // when `select` is set, select the stale pages with their reasons. The
-  // store is written before the log, so a build whose store write fails
-  // leaves no log line and a rerun does not log its amendments twice.
+  // when `select` is set, select the stale pages with their reasons (a
+  // written page whose body no longer matches its row among them). Runs
+  // under the branch's lock; derivation and recording share one write
+  // transaction, which also records the log line as pending, appended once
+  // the transaction has committed. A build whose store write fails leaves no
+  // log line, and a rerun does not log its amendments twice.
   BuildResult build(bool replan, bool force, bool select = true);
 
   // Why a planned page is to be written, or nullopt when it is fresh.

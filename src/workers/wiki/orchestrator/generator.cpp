@@ -4,6 +4,7 @@
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
+#include <cctype>
 #include <map>
 #include <unordered_set>
 
@@ -27,6 +28,20 @@ std::unique_ptr<WikiStore> open_default_store(const fs::path& repo_root) {
 
 // What is written while a save runs: "<file>.saving-XXXXXX" beside the body.
 constexpr std::string_view kSavingInfix = ".saving";
+
+// The body a save was writing when it stopped: "<file>.saving-XXXXXX" (or
+// "<file>.saving", as older versions named it), and the file it was for.
+std::optional<std::string> saving_target(const std::string& name) {
+  const auto infix = name.rfind(kSavingInfix);
+  if (infix == std::string::npos || infix == 0) return std::nullopt;
+  const std::string_view rest = std::string_view(name).substr(infix + kSavingInfix.size());
+  const bool random_suffix = rest.size() == 7 && rest.front() == '-' &&
+                             std::all_of(rest.begin() + 1, rest.end(), [](char c) {
+                               return std::isalnum(static_cast<unsigned char>(c)) != 0;
+                             });
+  if (!rest.empty() && !random_suffix) return std::nullopt;
+  return name.substr(0, infix);
+}
 
 // The wiki folder's path below the repository root.
 fs::path wiki_relative(const std::string& branch) { return fs::path("memory/orvane") / branch; }
@@ -222,9 +237,9 @@ void WikiGenerator::finish_interrupted_saves() {
   std::optional<Existing> rows;
   bool changed = false;
   for (const auto& name : pages->names()) {
-    const auto infix = name.find(kSavingInfix);
-    if (infix == std::string::npos) continue;
-    const std::string target = name.substr(0, infix);
+    const auto saving = saving_target(name);
+    if (!saving) continue;
+    const std::string& target = *saving;
     if (!rows) rows = repository_->load_pages(branch_);
     std::string content_hash;
     for (const auto& [id, row] : *rows) {
@@ -232,7 +247,7 @@ void WikiGenerator::finish_interrupted_saves() {
         content_hash = row_text(row, "content_hash");
     }
     bool committed = false;
-    if (!content_hash.empty() && !target.empty()) {
+    if (!content_hash.empty()) {
       try {
         committed = _text_hash(pages->open_file(name, O_RDONLY).read_all()) == content_hash;
       } catch (const OsError&) {
