@@ -72,6 +72,9 @@ std::vector<Json> read_plan_log(const std::filesystem::path& wiki_dir, std::size
 // Path -> what the store's hash cache remembers of it (sqlite_store.hpp).
 using FileHashCache = std::unordered_map<std::string, CachedFileHash>;
 
+// Told how far hashing has got: files hashed so far and files to hash.
+using HashProgress = std::function<void(std::size_t done, std::size_t total)>;
+
 // Reads a whole file; an OsError naming the path when it cannot.
 using FileReader = std::function<std::string(const std::filesystem::path&)>;
 std::string read_whole_file(const std::filesystem::path& path);
@@ -99,6 +102,9 @@ class FileHasher {
   FileHashCache take_new_entries();
   // How many files were read since construction.
   std::size_t files_read() const { return files_read_; }
+  // Called, on the hashing thread, while reading runs past a second (the
+  // same moments as the terminal line) and once when it ends; empty for none.
+  void set_progress_callback(HashProgress callback) { progress_callback_ = std::move(callback); }
 
  private:
   struct Known {
@@ -124,6 +130,7 @@ class FileHasher {
   std::string root_prefix_;
   FileReader reader_;
   bool progress_;
+  HashProgress progress_callback_;
   FileHashCache cache_;
   FileHashCache new_entries_;
   std::unordered_map<std::string, Known> known_;
@@ -208,7 +215,8 @@ class WikiGenerator : public PlanRecordMixin {
 
   // Records a written page (after a build, so the plan is current). Without
   // `citations`, the body's prose citations that verify are stored. An id
-  // outside the current plan is a KeyError.
+  // outside the current plan is a KeyError; a body or title that is not
+  // UTF-8 text is a ValueError naming the page and the offending byte.
   SaveResult save_page(const std::string& page_id, const std::string& body,
                        const std::optional<Json>& citations,
                        const std::optional<std::string>& title);
