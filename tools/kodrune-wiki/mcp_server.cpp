@@ -6,6 +6,7 @@
 #include <utf8.h>
 
 #include <algorithm>
+#include <cmath>
 #include <condition_variable>
 #include <deque>
 #include <iostream>
@@ -513,7 +514,7 @@ bool is_integer(const Json& value) {
   if (value.is_number_integer()) return true;
   if (!value.is_number_float()) return false;
   const double number = value.get<double>();
-  return number == static_cast<double>(static_cast<std::int64_t>(number));
+  return std::isfinite(number) && std::trunc(number) == number;
 }
 
 bool has_type(const Json& value, const std::string& type) {

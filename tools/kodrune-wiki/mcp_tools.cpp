@@ -5,6 +5,7 @@
 #include <csignal>
 #include <iostream>
 #include <set>
+#include <unordered_set>
 
 #include "kodrune-wiki/cmd_common.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -523,9 +524,10 @@ Json WikiService::wiki_tool(const Json& arguments) {
   out["action"] = action;
   out["branch"] = g.branch();
   if (action == "log") {
+    // More than the log can hold reads as all of it (0).
     const Json* limit = wiki::find_value(arguments, "limit");
-    const auto entries =
-        g.plan_log(limit == nullptr ? 0 : static_cast<std::size_t>(limit->get<double>()));
+    const double wanted = limit == nullptr ? 0 : limit->get<double>();
+    const auto entries = g.plan_log(wanted < 1e9 ? static_cast<std::size_t>(wanted) : 0);
     out["entries"] = Json(entries);
     std::string summary = std::to_string(entries.size()) + " plan log entries on branch " +
                           g.branch() + (entries.empty() ? "." : ", newest last:");
