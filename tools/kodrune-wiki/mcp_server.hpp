@@ -8,7 +8,8 @@
 // cancellation is seen while a tool runs. A cancelled request still waiting
 // is dropped; one already running finishes (the store stays consistent) and
 // its response is withheld, as the protocol asks. Requests are served one at
-// a time, in the order they came.
+// a time, in the order they came, whether or not the client has sent
+// notifications/initialized yet.
 //
 // Nothing a client sends ends the server: a line that is not JSON, a message
 // of the wrong shape, an unknown method or bad parameters are each answered

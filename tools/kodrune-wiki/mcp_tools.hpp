@@ -72,12 +72,14 @@ class WikiService : public mcp::Service {
   mcp::Json read_page_tool(const mcp::Json& arguments);
 
   Opener open_;
-  std::unique_ptr<zenthar_kodrune::workers::wiki::WikiGenerator> generator_;
   CarriedProse carried_;
   // The progress of the call being served. Guarded: a failed build's
   // hashing may still report after its call has ended.
   std::mutex progress_mutex_;
   mcp::ProgressFn progress_;
+  // Declared last, so it goes first: its hashing may still report progress
+  // until it is gone.
+  std::unique_ptr<zenthar_kodrune::workers::wiki::WikiGenerator> generator_;
 };
 
 // Name, version and usage notes the server introduces itself with.
