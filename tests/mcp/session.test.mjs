@@ -123,6 +123,10 @@ test('an agent writes a wiki through the MCP server', async () => {
     assert.deepEqual(saved.invalid_citations, []);
     assert.equal(saved.title, 'The library');
     assert.deepEqual(ids(await call('wiki', { action: 'status' })), ['overview']);
+    const plan = await call('plan', {});
+    assert.deepEqual(plan.plans.map((p) => [p.page_id, p.state]),
+                     [['overview', 'stale'], ['module-src', 'fresh'], ['module-lib', 'fresh']]);
+    assert.deepEqual(plan.why, { overview: 'never written' });
 
     // An edit of the cited file: the page is listed again with its stale section.
     repo.write('src/a.cpp', 'int a() {\n  return 2;\n}\n');
