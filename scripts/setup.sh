@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the project builds against. Idempotent: the
-# package lists are refreshed once, and only packages that are missing are
-# installed, so a second run on a ready machine touches nothing.
+# Installs the Debian packages the project builds against, and the npm
+# packages of the MCP test. Idempotent: the package lists are refreshed once,
+# and only packages that are missing are installed, so a second run on a
+# ready machine touches nothing.
 set -euo pipefail
 
 packages=(
   build-essential cmake git pkg-config
   nlohmann-json3-dev libtsl-ordered-map-dev libpcre2-dev libspdlog-dev
-  libsqlite3-dev libssl-dev libcli11-dev libmimalloc-dev
+  libsqlite3-dev libssl-dev libcli11-dev libmimalloc-dev libutfcpp-dev
   libgtest-dev libgmock-dev libbenchmark-dev
 )
 
@@ -18,12 +19,26 @@ for p in "${packages[@]}"; do
   fi
 done
 
-if [ "${#missing[@]}" -eq 0 ]; then
-  exit 0
+# The MCP server's end-to-end test drives it with the official SDK client on
+# Node. A node and npm already on the machine are kept, whatever their origin:
+# Debian's nodejs is older than some machines' own.
+if ! command -v node >/dev/null 2>&1 || ! command -v npm >/dev/null 2>&1; then
+  missing+=(nodejs npm)
 fi
 
-sudo_cmd=()
-if [ "$(id -u)" -ne 0 ]; then sudo_cmd=(sudo); fi
-echo "setup: installing ${missing[*]}" >&2
-"${sudo_cmd[@]}" apt-get update -qq
-DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+if [ "${#missing[@]}" -ne 0 ]; then
+  sudo_cmd=()
+  if [ "$(id -u)" -ne 0 ]; then sudo_cmd=(sudo); fi
+  echo "setup: installing ${missing[*]}" >&2
+  "${sudo_cmd[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+# The test's npm packages, exactly as locked, when missing or older than the
+# lock file (npm ci rewrites node_modules/.package-lock.json).
+mcp_tests="$(dirname "$0")/../tests/mcp"
+if [ ! -f "$mcp_tests/node_modules/.package-lock.json" ] ||
+   [ "$mcp_tests/package-lock.json" -nt "$mcp_tests/node_modules/.package-lock.json" ]; then
+  echo "setup: installing the MCP test's npm packages" >&2
+  (cd "$mcp_tests" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+fi

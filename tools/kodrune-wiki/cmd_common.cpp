@@ -29,23 +29,29 @@ std::string resolve_branch(const CommonOptions& options) {
   return branch;
 }
 
-std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options) {
+std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options,
+                                                    wiki::WikiGeneratorOptions generator_options) {
   std::error_code ec;
   if (!fs::is_directory(options.repo, ec)) {
     throw UsageError("--repo " + options.repo + " is not a folder");
   }
   const std::string branch = resolve_branch(options);
-  return std::make_unique<wiki::WikiGenerator>(options.repo, branch);
+  return std::make_unique<wiki::WikiGenerator>(options.repo, branch, nullptr,
+                                               std::move(generator_options));
+}
+
+std::string error_line(const std::exception& error) {
+  return std::string("kodrune-wiki: error: ") + error.what();
 }
 
 int run_guarded(const std::function<int()>& body, std::ostream& err) {
   try {
     return body();
   } catch (const UsageError& e) {
-    err << "kodrune-wiki: error: " << e.what() << "\n";
+    err << error_line(e) << "\n";
     return 2;
   } catch (const std::exception& e) {
-    err << "kodrune-wiki: error: " << e.what() << "\n";
+    err << error_line(e) << "\n";
     return 1;
   }
 }

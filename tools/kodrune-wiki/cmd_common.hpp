@@ -33,10 +33,19 @@ std::string resolve_branch(const CommonOptions& options);
 
 // The orchestrator for the options (repository folder checked first).
 std::unique_ptr<zenthar_kodrune::workers::wiki::WikiGenerator> open_generator(
-    const CommonOptions& options);
+    const CommonOptions& options,
+    zenthar_kodrune::workers::wiki::WikiGeneratorOptions generator_options = {});
 
-// Runs `body`, printing "kodrune-wiki: error: ..." for a failure.
+// The one line a failure is reported with: "kodrune-wiki: error: ...".
+std::string error_line(const std::exception& error);
+
+// Runs `body`, printing error_line for a failure.
 int run_guarded(const std::function<int()>& body, std::ostream& err);
+
+// `plan --json`: the branch, every planned page with its state, the
+// amendments, the remap, the drift warning, the stale pages and why.
+zenthar_kodrune::workers::wiki::Json plan_json(
+    const std::string& branch, const zenthar_kodrune::workers::wiki::BuildResult& result);
 
 // A subcommand as main() sees it: parsed or not, and what running it does.
 struct Command {
@@ -48,5 +57,6 @@ Command add_plan_command(CLI::App& app);
 Command add_save_command(CLI::App& app);
 Command add_changes_command(CLI::App& app);
 Command add_log_command(CLI::App& app);
+Command add_mcp_command(CLI::App& app);
 
 }  // namespace kodrune_cli

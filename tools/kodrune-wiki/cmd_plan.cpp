@@ -25,26 +25,6 @@ std::string state_of(const wiki::BuildResult& result, const std::string& id) {
   return "fresh";
 }
 
-Json plan_json(const std::string& branch, const wiki::BuildResult& result) {
-  Json out = Json::object();
-  out["branch"] = branch;
-  Json plans = Json::array();
-  for (const auto& plan : result.plans) {
-    Json item = wiki::plan_to_json(*plan);
-    item["state"] = state_of(result, plan->page_id);
-    plans.push_back(std::move(item));
-  }
-  out["plans"] = std::move(plans);
-  out["amendments"] = Json(result.amendments);
-  out["remap"] = result.remap.to_json();
-  out["drift"] = result.drift ? Json(*result.drift) : Json(nullptr);
-  out["stale"] = Json(std::vector<std::string>(result.stale.begin(), result.stale.end()));
-  Json why = Json::object();
-  for (const auto& [id, reason] : result.why) why[id] = reason;
-  out["why"] = std::move(why);
-  return out;
-}
-
 void print_table(std::ostream& out, const std::vector<std::vector<std::string>>& rows) {
   std::vector<std::size_t> widths;
   for (const auto& row : rows) {
@@ -131,6 +111,26 @@ void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildR
 }
 
 }  // namespace
+
+Json plan_json(const std::string& branch, const wiki::BuildResult& result) {
+  Json out = Json::object();
+  out["branch"] = branch;
+  Json plans = Json::array();
+  for (const auto& plan : result.plans) {
+    Json item = wiki::plan_to_json(*plan);
+    item["state"] = state_of(result, plan->page_id);
+    plans.push_back(std::move(item));
+  }
+  out["plans"] = std::move(plans);
+  out["amendments"] = Json(result.amendments);
+  out["remap"] = result.remap.to_json();
+  out["drift"] = result.drift ? Json(*result.drift) : Json(nullptr);
+  out["stale"] = Json(std::vector<std::string>(result.stale.begin(), result.stale.end()));
+  Json why = Json::object();
+  for (const auto& [id, reason] : result.why) why[id] = reason;
+  out["why"] = std::move(why);
+  return out;
+}
 
 Command add_plan_command(CLI::App& app) {
   auto options = std::make_shared<PlanOptions>();

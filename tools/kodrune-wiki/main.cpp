@@ -12,7 +12,8 @@ int main(int argc, char** argv) {
   auto* rpc = app.add_subcommand("rpc", "Serve the plan of record over JSON Lines on stdin/stdout");
   const kodrune_cli::Command commands[] = {
       kodrune_cli::add_plan_command(app), kodrune_cli::add_save_command(app),
-      kodrune_cli::add_changes_command(app), kodrune_cli::add_log_command(app)};
+      kodrune_cli::add_changes_command(app), kodrune_cli::add_log_command(app),
+      kodrune_cli::add_mcp_command(app)};
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

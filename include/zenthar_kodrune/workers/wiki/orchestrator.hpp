@@ -110,6 +110,9 @@ PlanLogRead read_plan_log(const std::filesystem::path& repo_root, const std::str
 // Path -> what the store's hash cache remembers of it (sqlite_store.hpp).
 using FileHashCache = std::unordered_map<std::string, CachedFileHash>;
 
+// Told how far hashing has got: files hashed so far and files to hash.
+using HashProgress = std::function<void(std::size_t done, std::size_t total)>;
+
 // Reads a whole file; an OsError naming the path when it cannot, a
 // NotRegularFile for a symbolic link (never followed) or a file of another
 // kind.
@@ -142,6 +145,9 @@ class FileHasher {
   FileHashCache take_new_entries();
   // How many files were read since construction.
   std::size_t files_read() const { return files_read_; }
+  // Called, on the hashing thread, while reading runs past a second (the
+  // same moments as the terminal line) and once when it ends; empty for none.
+  void set_progress_callback(HashProgress callback) { progress_callback_ = std::move(callback); }
 
  private:
   struct Known {
@@ -168,6 +174,7 @@ class FileHasher {
   std::string root_prefix_;
   FileReader reader_;
   bool progress_;
+  HashProgress progress_callback_;
   FileHashCache cache_;
   FileHashCache new_entries_;
   std::unordered_map<std::string, Known> known_;
@@ -273,9 +280,11 @@ class WikiGenerator : public PlanRecordMixin {
 
   // Records a written page (after a build, so the plan is current). Without
   // `citations`, the body's prose citations that verify are stored. An id
-  // outside the current plan is a KeyError. The row and the body agree
-  // after a crash at any point, or the next command under the branch's lock
-  // makes them agree (or a build names the page stale for it).
+  // outside the current plan is a KeyError; a body or title that is not
+  // UTF-8 text is a ValueError naming the page and the offending byte. The
+  // row and the body agree after a crash at any point, or the next command
+  // under the branch's lock makes them agree (or a build names the page
+  // stale for it).
   SaveResult save_page(const std::string& page_id, const std::string& body,
                        const std::optional<Json>& citations,
                        const std::optional<std::string>& title);

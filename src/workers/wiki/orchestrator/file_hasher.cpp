@@ -127,9 +127,11 @@ void FileHasher::hash_tasks(std::vector<Task>& tasks) {
   bool shown = false;
 
   auto show_progress = [&](bool final_line) {
-    if (!show) return;
+    if (!show && !progress_callback_) return;
     if (!shown && std::chrono::steady_clock::now() - started < kProgressAfter) return;
     shown = true;
+    if (progress_callback_) progress_callback_(done.load(), tasks.size());
+    if (!show) return;
     std::fprintf(stderr, "\rkodrune-wiki: hashing files %zu/%zu", done.load(), tasks.size());
     if (final_line) std::fputc('\n', stderr);
     std::fflush(stderr);

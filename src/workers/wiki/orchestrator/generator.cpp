@@ -2,9 +2,11 @@
 // mixins reach.
 #include <fcntl.h>
 #include <spdlog/spdlog.h>
+#include <utf8.h>
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <map>
 #include <unordered_set>
 
@@ -127,6 +129,17 @@ std::map<std::string, std::string> as_map(const Json* mapping) {
     out[key] = value.is_string() ? value.get<std::string>() : value.dump();
   }
   return out;
+}
+
+// A page's text is stored and served as UTF-8 (the wiki's pages, the JSON
+// that carries them to an agent); bytes that are not would come back mangled.
+void check_utf8(std::string_view text, const std::string& what) {
+  const std::size_t invalid = utf8::find_invalid(text);
+  if (invalid == std::string_view::npos) return;
+  char byte[8];
+  std::snprintf(byte, sizeof byte, "0x%02x", static_cast<unsigned char>(text[invalid]));
+  throw ValueError(what + " is not valid UTF-8: bad byte " + byte + " at offset " +
+                   std::to_string(invalid));
 }
 
 std::size_t line_count(const std::string& text) {
@@ -513,6 +526,8 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
                                     const std::optional<Json>& citations,
                                     const std::optional<std::string>& title) {
   check_page_id_length(page_id);
+  check_utf8(body, "body of page " + page_id);
+  if (title) check_utf8(*title, "title of page " + page_id);
   const BranchHold hold = hold_branch();
   if (last_plans_.empty()) build(false, false, false);
   const auto plan_it = std::find_if(last_plans_.begin(), last_plans_.end(),

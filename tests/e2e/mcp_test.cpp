@@ -1,0 +1,285 @@
+// `kodrune-wiki mcp` fed lines on standard input: every protocol error gets
+// its code and the next line is served; tools that fail on their input
+// answer with the command's own line and change nothing stored; a collapsed
+// family's parts carry their saved bodies into the unit page.
+#include <gtest/gtest.h>
+
+#include "e2e/repo_fixture.hpp"
+
+namespace kodrune_e2e {
+namespace {
+
+struct Session {
+  RunResult run;
+  std::vector<Json> messages;
+
+  // The answer to the request `id`, or null.
+  Json answer(const Json& id) const {
+    for (const auto& message : messages) {
+      if (message.contains("id") && message.at("id") == id) return message;
+    }
+    return nullptr;
+  }
+  // The tool result of the request `id`.
+  Json result(const Json& id) const {
+    const Json message = answer(id);
+    EXPECT_TRUE(message.contains("result")) << message;
+    return message.value("result", Json::object());
+  }
+};
+
+Session run_mcp(const GitRepo& repo, const std::vector<std::string>& lines,
+                const std::string& options = "") {
+  const fs::path input = repo.scratch() / "mcp-input.jsonl";
+  {
+    std::ofstream out(input, std::ios::binary);
+    for (const auto& line : lines) out << line << "\n";
+  }
+  Session session;
+  session.run = repo.run("mcp " + options + " < " + quoted(input.string()));
+  std::istringstream out(session.run.out);
+  for (std::string line; std::getline(out, line);) session.messages.push_back(Json::parse(line));
+  return session;
+}
+
+std::string initialize(const std::string& version = "2025-11-25") {
+  return R"({"jsonrpc":"2.0","id":"init","method":"initialize","params":{"protocolVersion":")" +
+         version + R"(","capabilities":{},"clientInfo":{"name":"test","version":"1"}}})";
+}
+
+std::string call(const std::string& id, const std::string& tool, const Json& arguments) {
+  Json message = {{"jsonrpc", "2.0"}, {"id", id}, {"method", "tools/call"}};
+  message["params"] = {{"name", tool}, {"arguments", arguments}};
+  return message.dump();
+}
+
+std::string text_of(const Json& result) {
+  return result.at("content").at(0).at("text").get<std::string>();
+}
+
+void seed(GitRepo& repo) {
+  repo.write_unit("src", 3);
+  repo.commit("seed");
+}
+
+TEST(McpServer, AnswersEveryBadMessageWithItsCodeAndServesTheNext) {
+  GitRepo repo;
+  seed(repo);
+  // Each line with the code it is answered with; 0: no answer at all.
+  const std::vector<std::pair<std::string, int>> cases = {
+      {"garbage", -32700},
+      {R"({"jsonrpc":"2.0","id":1,"method":)", -32700},
+      {std::string(100000, '['), -32700},
+      {R"([{"jsonrpc":"2.0","id":2,"method":"ping"}])", -32600},
+      {"42", -32600},
+      {R"({"jsonrpc":"1.0","id":3,"method":"ping"})", -32600},
+      {R"({"jsonrpc":"2.0","id":null,"method":"ping"})", -32600},
+      {R"({"jsonrpc":"2.0","id":4})", -32600},
+      {R"({"jsonrpc":"2.0","id":5,"method":7})", -32600},
+      {R"({"jsonrpc":"2.0","id":6,"method":"prompts/list"})", -32601},
+      {R"({"jsonrpc":"2.0","id":7,"method":"initialize","params":[1]})", -32602},
+      {R"({"jsonrpc":"2.0","id":8,"method":"resources/read","params":{}})", -32602},
+      {R"({"jsonrpc":"2.0","id":9,"method":"tools/call","params":{"name":"nope"}})", -32602},
+      {call("10", "wiki", {{"action", "generate"}, {"replan", "yes"}}), -32602},
+      {call("11", "wiki", {{"action", "build"}}), -32602},
+      {call("12", "save_page", {{"page_id", "module-src"}}), -32602},
+      {call("13", "save_page",
+            {{"page_id", "module-src"},
+             {"body", "x"},
+             {"citations", {{{"path", "src/f01.cpp"}, {"line_start", 1.5}, {"line_end", 2}}}}}),
+       -32602},
+      {call("14", "plan", {{"replan", true}, {"dry_run", true}}), -32602},
+      {R"({"jsonrpc":"2.0","method":"notifications/initialized"})", 0},
+      {R"({"jsonrpc":"2.0","method":"notifications/whatever","params":{"x":1}})", 0},
+      {R"({"jsonrpc":"2.0","method":"notifications/cancelled","params":{"requestId":99}})", 0},
+      {R"({"jsonrpc":"2.0","id":98,"result":{}})", 0},
+  };
+  std::vector<std::string> lines = {initialize()};
+  for (const auto& [line, code] : cases) lines.push_back(line);
+  lines.push_back(R"({"jsonrpc":"2.0","id":"last","method":"ping"})");
+  const Session session = run_mcp(repo, lines);
+  EXPECT_EQ(session.run.code, 0) << session.run.err;
+
+  // Answers carry the request's id when it could be read; the rest, none, in
+  // the order their lines came.
+  std::vector<int> idless;
+  for (const auto& message : session.messages) {
+    if (!message.contains("id")) idless.push_back(message.at("error").at("code").get<int>());
+  }
+  std::vector<int> expected_idless;
+  std::size_t answered = 0;
+  for (const auto& [line, code] : cases) {
+    if (code == 0) continue;
+    ++answered;
+    const Json request = [&] {
+      try {
+        return Json::parse(line);
+      } catch (const Json::exception&) {
+        return Json();
+      }
+    }();
+    const bool has_id = request.is_object() && request.contains("id") && !request["id"].is_null();
+    if (!has_id) {
+      expected_idless.push_back(code);
+      continue;
+    }
+    const Json answer = session.answer(request["id"]);
+    ASSERT_TRUE(answer.is_object()) << line;
+    EXPECT_EQ(answer.at("jsonrpc"), "2.0");
+    EXPECT_EQ(answer.at("error").at("code"), code) << line << " -> " << answer;
+  }
+  EXPECT_EQ(idless, expected_idless);
+  EXPECT_EQ(session.messages.size(), answered + 2) << session.run.out;  // + initialize, ping
+  EXPECT_EQ(session.answer("last").at("result"), Json::object());
+  EXPECT_EQ(session.answer("10").at("error").at("message"),
+            "invalid arguments for tool wiki: arguments.replan must be a boolean");
+  EXPECT_EQ(session.answer("12").at("error").at("message"),
+            "invalid arguments for tool save_page: arguments needs \"body\"");
+  EXPECT_EQ(session.answer("13").at("error").at("message"),
+            "invalid arguments for tool save_page: arguments.citations[0].line_start must be "
+            "an integer or a string");
+  // Nothing reached the wiki: no store, no log.
+  EXPECT_FALSE(fs::exists(repo.root() / "memory"));
+}
+
+TEST(McpServer, NegotiatesTheClientsVersionOrOffersTheNewest) {
+  GitRepo repo;
+  seed(repo);
+  // Asked version, answered version, text blocks of a tool result (clients
+  // before structuredContent get the JSON as text as well).
+  const std::vector<std::tuple<std::string, std::string, std::size_t>> cases = {
+      {"2025-11-25", "2025-11-25", 1}, {"2025-06-18", "2025-06-18", 1},
+      {"2025-03-26", "2025-03-26", 2}, {"2024-11-05", "2024-11-05", 2},
+      {"1999-01-01", "2025-11-25", 1},
+  };
+  for (const auto& [asked, answered, blocks] : cases) {
+    const Session session =
+        run_mcp(repo, {initialize(asked), call("log", "wiki", {{"action", "log"}})});
+    EXPECT_EQ(session.result("init").at("protocolVersion"), answered) << asked;
+    const Json result = session.result("log");
+    ASSERT_EQ(result.at("content").size(), blocks) << asked;
+    if (blocks == 2) {
+      EXPECT_EQ(Json::parse(result.at("content")[1].at("text").get<std::string>()),
+                result.at("structuredContent"));
+    }
+  }
+}
+
+TEST(McpServer, ToolFailingOnItsInputAnswersWithTheCommandsLineAndChangesNothing) {
+  GitRepo repo;
+  seed(repo);
+  ASSERT_EQ(repo.save("module-src", "## Api\n\nSee [f](src/f01.cpp#L1-L2).\n").code, 0);
+  const auto rows_before = repo.rows();
+  const std::string log_before = slurp(repo.root() / "memory/orvane/main/plan-log.jsonl");
+  const std::string invalid_body = "## Api\n\nbad \xff byte\n";
+
+  const Session session = run_mcp(
+      repo,
+      {initialize(), call("unknown", "save_page", {{"page_id", "module-nope"}, {"body", "x"}}),
+       // Raw bytes that are not UTF-8 inside the JSON string.
+       R"({"jsonrpc":"2.0","id":"raw","method":"tools/call","params":{"name":"save_page","arguments":{"page_id":"module-src","body":")" +
+           std::string("## Api\\n\\nbad \xff byte\\n") + R"("}}})",
+       call("read", "read_page", {{"page_id", "module-nope"}}),
+       call("changes", "changes", {{"page_ids", {"../../etc"}}})});
+  ASSERT_EQ(session.run.code, 0) << session.run.err;
+
+  const auto command_line = [&](const RunResult& result) {
+    EXPECT_NE(result.code, 0);
+    return result.err.substr(0, result.err.find('\n'));
+  };
+  const fs::path body_file = repo.scratch() / "invalid.md";
+  std::ofstream(body_file, std::ios::binary) << invalid_body;
+  const std::vector<std::pair<std::string, std::string>> expected = {
+      {"unknown", command_line(repo.save("module-nope", "x"))},
+      {"raw", command_line(repo.run("save module-src " + quoted(body_file.string())))},
+      {"read",
+       "kodrune-wiki: error: page id \"module-nope\" is not in the plan of record of "
+       "branch main"},
+      {"changes", command_line(repo.run("changes ../../etc"))},
+  };
+  for (const auto& [id, line] : expected) {
+    const Json result = session.result(id);
+    EXPECT_EQ(result.value("isError", false), true) << id << ": " << result;
+    EXPECT_EQ(text_of(result), line) << id;
+  }
+  EXPECT_EQ(text_of(session.result("raw")),
+            "kodrune-wiki: error: body of page module-src is not valid UTF-8: bad byte 0xff at "
+            "offset 12");
+
+  // The saved page is as it was; the failed saves' builds logged nothing new.
+  const auto rows_after = repo.rows();
+  EXPECT_EQ(rows_after.at("module-src").at("content_hash"),
+            rows_before.at("module-src").at("content_hash"));
+  EXPECT_EQ(slurp(repo.root() / "memory/orvane/main/plan-log.jsonl"), log_before);
+}
+
+TEST(McpServer, BranchGitRefusesFailsEachToolWithTheCommandsLine) {
+  GitRepo repo;
+  seed(repo);
+  const Session session = run_mcp(repo,
+                                  {initialize(), call("plan", "plan", Json::object()),
+                                   R"({"jsonrpc":"2.0","id":"list","method":"resources/list"})"},
+                                  "--branch 'a b'");
+  ASSERT_EQ(session.run.code, 0) << session.run.err;
+  const RunResult command = repo.run("plan --branch 'a b'");
+  const std::string line = command.err.substr(0, command.err.find('\n'));
+  EXPECT_EQ(line.rfind("kodrune-wiki: error: invalid branch name", 0), 0u) << line;
+  EXPECT_EQ(session.result("plan").at("isError"), true);
+  EXPECT_EQ(text_of(session.result("plan")), line);
+  EXPECT_EQ(session.answer("list").at("error").at("code"), -32603);
+  EXPECT_EQ(session.answer("list").at("error").at("message"), line);
+  EXPECT_FALSE(fs::exists(repo.root() / "memory"));
+}
+
+TEST(McpServer, CollapsedFamilyCarriesItsPartsSavedBodiesIntoTheUnitPage) {
+  GitRepo repo;
+  repo.write_unit("lib", 17);  // a family: more than 16 files
+  repo.commit("seed");
+  Session session = run_mcp(repo, {initialize(), call("work", "wiki", {{"action", "generate"}})});
+  std::vector<std::string> parts;
+  const Json first = session.result("work").at("structuredContent").at("pages");
+  for (const auto& page : first) {
+    if (page.at("level") == "part") parts.push_back(page.at("page_id").get<std::string>());
+  }
+  ASSERT_EQ(parts.size(), 2u) << session.run.out;
+  const std::string body = "## Part\n\nThe first part.\n";
+  session = run_mcp(
+      repo, {initialize(), call("save", "save_page", {{"page_id", parts[0]}, {"body", body}})});
+  ASSERT_FALSE(session.result("save").contains("isError")) << session.run.out;
+
+  repo.remove("lib/f16.cpp");
+  repo.remove("lib/f17.cpp");
+  repo.commit("shrink");
+  const Json carry = Json::array({{{"page_id", parts[0]}, {"how", "merged"}, {"body", body}},
+                                  {{"page_id", parts[1]}, {"how", "merged"}, {"body", nullptr}}});
+  const auto carry_of_lib = [](const Json& result) {
+    const Json pages = result.at("structuredContent").at("pages");
+    for (const auto& page : pages) {
+      if (page.at("page_id") == "module-lib") return page.at("carry");
+    }
+    return Json();
+  };
+
+  // A status shows what a build would carry, and writes nothing.
+  const auto rows_before = repo.rows();
+  const std::string log_before = slurp(repo.root() / "memory/orvane/main/plan-log.jsonl");
+  session = run_mcp(repo, {initialize(), call("status", "wiki", {{"action", "status"}})});
+  EXPECT_EQ(carry_of_lib(session.result("status")), carry);
+  EXPECT_TRUE(repo.rows() == rows_before);
+  EXPECT_EQ(slurp(repo.root() / "memory/orvane/main/plan-log.jsonl"), log_before);
+
+  // The build retires the parts; the session still offers their prose until
+  // the unit page is saved.
+  session =
+      run_mcp(repo, {initialize(), call("work", "wiki", {{"action", "generate"}}),
+                     call("status", "wiki", {{"action", "status"}}),
+                     call("save", "save_page", {{"page_id", "module-lib"}, {"body", "## Lib\n"}}),
+                     call("after", "wiki", {{"action", "status"}})});
+  EXPECT_EQ(repo.rows().count(parts[0]), 0u);
+  EXPECT_EQ(carry_of_lib(session.result("work")), carry);
+  EXPECT_EQ(carry_of_lib(session.result("status")), carry);
+  EXPECT_TRUE(carry_of_lib(session.result("after")).is_null()) << session.run.out;
+}
+
+}  // namespace
+}  // namespace kodrune_e2e

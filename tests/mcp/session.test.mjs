@@ -1,0 +1,206 @@
+// An agent's session with `kodrune-wiki mcp`, driven by the official MCP
+// TypeScript SDK client over stdio: the tools and their schemas, a first
+// generate, two saved pages, an edit that makes a section stale, churn that
+// raises the drift warning and the replan it asks for, then the saved pages
+// as resources. KODRUNE_WIKI_EXE names the binary under test.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+
+import { Client } from '@modelcontextprotocol/sdk/client/index.js';
+import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js';
+import { AjvJsonSchemaValidator } from '@modelcontextprotocol/sdk/validation/ajv';
+import { ErrorCode, McpError } from '@modelcontextprotocol/sdk/types.js';
+
+const exe = process.env.KODRUNE_WIKI_EXE;
+
+class Repo {
+  constructor() {
+    this.root = fs.mkdtempSync(path.join(os.tmpdir(), 'kodrune-mcp-'));
+    this.git('init', '-q', '-b', 'main');
+  }
+  git(...args) {
+    execFileSync('git', ['-c', 'user.name=t', '-c', 'user.email=t@t', ...args], { cwd: this.root });
+  }
+  write(file, text) {
+    fs.mkdirSync(path.dirname(path.join(this.root, file)), { recursive: true });
+    fs.writeFileSync(path.join(this.root, file), text);
+  }
+  unit(folder, names) {
+    for (const name of names) this.write(`${folder}/${name}`, `int ${name[0]}() {\n  return 1;\n}\n`);
+  }
+  commit(message) {
+    this.git('add', '-A', '.');
+    this.git('commit', '-q', '--allow-empty', '-m', message);
+  }
+  remove() {
+    fs.rmSync(this.root, { recursive: true, force: true });
+  }
+}
+
+test('an agent writes a wiki through the MCP server', async () => {
+  assert.ok(exe, 'KODRUNE_WIKI_EXE must name the kodrune-wiki binary');
+  const repo = new Repo();
+  repo.unit('src', ['a.cpp', 'b.cpp', 'c.cpp']);
+  repo.unit('lib', ['x.cpp', 'y.cpp']);
+  repo.commit('seed');
+
+  const transport = new StdioClientTransport({
+    command: exe,
+    args: ['mcp', '--repo', repo.root],
+    cwd: repo.root,
+    env: { ...process.env },
+    stderr: 'pipe',
+  });
+  let stderr = '';
+  transport.stderr.on('data', (chunk) => (stderr += chunk));
+  const client = new Client({ name: 'kodrune-wiki-test', version: '1.0.0' });
+  try {
+    await client.connect(transport);
+    assert.equal(client.getServerVersion().name, 'kodrune-wiki');
+    assert.match(client.getInstructions(), /wiki\(action="generate", replan=true\)/);
+
+    // Tools and their schemas, each output schema checked by its own validator.
+    const { tools } = await client.listTools();
+    assert.deepEqual(tools.map((tool) => tool.name).sort(),
+                     ['changes', 'plan', 'read_page', 'save_page', 'wiki']);
+    const validator = new AjvJsonSchemaValidator();
+    const check = {};
+    for (const tool of tools) {
+      assert.equal(tool.inputSchema.type, 'object', tool.name);
+      assert.equal(tool.outputSchema.type, 'object', tool.name);
+      check[tool.name] = validator.getValidator(tool.outputSchema);
+    }
+    const byName = Object.fromEntries(tools.map((tool) => [tool.name, tool]));
+    assert.deepEqual(byName.wiki.inputSchema.properties.action.enum, ['generate', 'status', 'log']);
+    assert.deepEqual(byName.wiki.inputSchema.required, ['action']);
+    assert.deepEqual(byName.save_page.inputSchema.required, ['page_id', 'body']);
+    assert.deepEqual(Object.keys(byName.plan.inputSchema.properties).sort(), ['force', 'replan']);
+
+    const call = async (name, args) => {
+      const result = await client.callTool({ name, arguments: args });
+      assert.ok(!result.isError, `${name}: ${JSON.stringify(result.content)}`);
+      const verdict = check[name](result.structuredContent);
+      assert.ok(verdict.valid, `${name}: ${verdict.errorMessage}`);
+      assert.equal(result.content[0].type, 'text');
+      return result.structuredContent;
+    };
+    const ids = (work) => work.pages.map((page) => page.page_id);
+
+    // A first generate: every page is new, in build order (code pages last,
+    // most important first).
+    let work = await call('wiki', { action: 'generate' });
+    assert.equal(work.built, true);
+    assert.deepEqual(ids(work), ['overview', 'module-src', 'module-lib']);
+    assert.deepEqual(work.pages[1].files, ['src/a.cpp', 'src/b.cpp', 'src/c.cpp']);
+    for (const page of work.pages) {
+      assert.equal(page.state, 'new');
+      assert.equal(page.why, 'never written');
+      assert.deepEqual(page.carry, []);
+    }
+    assert.equal(work.drift, null);
+
+    // Two pages saved: one with a prose citation past the end of its file.
+    const srcBody = '# src\n\nIntro.\n\n## Parsing\n\nSee [a](src/a.cpp#L1-L2).\n\n' +
+                    '## Limits\n\nAnd [too far](src/a.cpp#L1-L99).\n';
+    let saved = await call('save_page', { page_id: 'module-src', body: srcBody });
+    assert.deepEqual(saved.citations, [{ path: 'src/a.cpp', line_start: 1, line_end: 2 }]);
+    assert.deepEqual(saved.invalid_citations, [{
+      path: 'src/a.cpp', line_start: 1, line_end: 99,
+      reason: 'lines 1-99 are not inside src/a.cpp (3 lines)',
+    }]);
+    assert.deepEqual(saved.sections.map((s) => [s.heading, s.files]),
+                     [['Parsing', ['src/a.cpp']], ['Limits', []]]);
+    assert.equal(saved.uri, 'wiki://main/pages/module-src.md');
+    const libBody = '# lib\n\n## Api\n\nx and y.\n';
+    const libCitations = [{ path: 'lib/x.cpp', line_start: 1, line_end: 3, symbol: 'x' }];
+    saved = await call('save_page',
+                       { page_id: 'module-lib', body: libBody, citations: libCitations, title: 'The library' });
+    assert.deepEqual(saved.citations, libCitations);
+    assert.deepEqual(saved.invalid_citations, []);
+    assert.equal(saved.title, 'The library');
+    assert.deepEqual(ids(await call('wiki', { action: 'status' })), ['overview']);
+    const plan = await call('plan', {});
+    assert.deepEqual(plan.plans.map((p) => [p.page_id, p.state]),
+                     [['overview', 'stale'], ['module-src', 'fresh'], ['module-lib', 'fresh']]);
+    assert.deepEqual(plan.why, { overview: 'never written' });
+
+    // An edit of the cited file: the page is listed again with its stale section.
+    repo.write('src/a.cpp', 'int a() {\n  return 2;\n}\n');
+    work = await call('wiki', { action: 'generate' });
+    assert.deepEqual(ids(work), ['overview', 'module-src']);
+    const src = work.pages[1];
+    assert.equal(src.state, 'stale');
+    assert.equal(src.why, 'files changed: src/a.cpp');
+    assert.deepEqual(src.stale_sections, ['Parsing']);
+    assert.deepEqual(src.changed_files, { added: [], removed: [], modified: ['src/a.cpp'] });
+    const changes = await call('changes', { page_ids: ['module-src', 'module-lib'] });
+    assert.deepEqual(changes.changes['module-src'].stale_sections, ['Parsing']);
+    assert.deepEqual(changes.changes['module-lib'].changed_files.modified, []);
+
+    // A lone file goes to the catch-all page, which is then written.
+    repo.unit('extra', ['one.cpp']);
+    repo.commit('a lone file');
+    work = await call('wiki', { action: 'generate' });
+    assert.ok(ids(work).includes('module-additional'), ids(work).join(' '));
+    const additionalBody = '# Other code\n\n## One\n\nThe extra unit.\n';
+    await call('save_page', { page_id: 'module-additional', body: additionalBody });
+
+    // Churn: three new units against a small plan raise the drift warning,
+    // which names the call to make; made exactly as written.
+    for (const folder of ['n1', 'n2', 'n3']) repo.unit(folder, ['p.cpp', 'q.cpp']);
+    repo.commit('three new units');
+    work = await call('wiki', { action: 'generate' });
+    assert.match(work.drift, /^3 structural amendments against a \d+-page plan — the pinned structure is churning/);
+    const asked = /wiki\(action="(\w+)", replan=(true|false)\)/.exec(work.drift);
+    assert.ok(asked, work.drift);
+    work = await call('wiki', { action: asked[1], replan: asked[2] === 'true' });
+    assert.equal(work.replan, true);
+    const extra = work.pages.find((page) => page.page_id === 'module-extra');
+    assert.ok(extra, ids(work).join(' '));
+    assert.deepEqual(extra.carry, [{ page_id: 'module-additional', how: 'seeds', body: additionalBody }]);
+    assert.ok(work.amendments.some((a) => a.action === 'remap' && a.page_id === 'module-additional'));
+    const log = await call('wiki', { action: 'log', limit: 1 });
+    assert.equal(log.entries.length, 1);
+    assert.equal(log.entries[0].replan, true);
+
+    // Failures on input: an isError answer with the command's line, or
+    // invalid params for a bad type; neither changes the stored page.
+    let failed = await client.callTool({ name: 'save_page', arguments: { page_id: 'module-nope', body: 'x' } });
+    assert.equal(failed.isError, true);
+    assert.equal(failed.content[0].text,
+                 'kodrune-wiki: error: page id "module-nope" is not in the current plan of branch main');
+    failed = await client.callTool({ name: 'save_page', arguments: { page_id: 'module-lib', body: 'broken \ud800 text' } });
+    assert.equal(failed.isError, true);
+    assert.match(failed.content[0].text,
+                 /^kodrune-wiki: error: body of page module-lib is not valid UTF-8: bad byte 0xed at offset 7$/);
+    await assert.rejects(client.callTool({ name: 'wiki', arguments: { action: 'generate', replan: 'yes' } }),
+                         (error) => error instanceof McpError && error.code === ErrorCode.InvalidParams &&
+                                    /arguments\.replan must be a boolean/.test(error.message));
+    assert.equal((await call('read_page', { page_id: 'module-lib' })).body, libBody);
+
+    // The saved pages as resources (the replan retired the catch-all page).
+    const { resources } = await client.listResources();
+    assert.deepEqual(resources.map((r) => r.uri).sort(), [
+      'wiki://main/pages/module-lib.md',
+      'wiki://main/pages/module-src.md',
+    ]);
+    const lib = resources.find((r) => r.name === 'module-lib');
+    assert.equal(lib.title, 'The library');
+    assert.equal(lib.mimeType, 'text/markdown');
+    const read = await client.readResource({ uri: 'wiki://main/pages/module-src.md' });
+    assert.deepEqual(read.contents, [{ uri: 'wiki://main/pages/module-src.md', mimeType: 'text/markdown', text: srcBody }]);
+    await assert.rejects(client.readResource({ uri: 'wiki://main/pages/overview.md' }),
+                         (error) => error instanceof McpError && error.code === -32002);
+    await client.ping();
+  } catch (error) {
+    if (stderr) console.error(`server stderr:\n${stderr}`);
+    throw error;
+  } finally {
+    await client.close();
+    repo.remove();
+  }
+});
