@@ -223,7 +223,13 @@ TEST(PlanPages, PartsHoldThreeToTwelveFiles) {
                              {"numbered", files_in("num", 17)},
                              {"many", files_in("many", 100)},
                              {"words", {}},
-                             {"one stem", {}}};
+                             {"one stem", {}},
+                             {"odd names", files_in("o", 14)}};
+  // Names without a letter or digit, hidden files, and a test of "test".
+  for (const char* name :
+       {"o/_.c", "o/__.h", "o/\xe6\x97\xa5.py", "o/.hidden.js", "o/test.c", "o/test_test.c"}) {
+    cases[5].files.push_back(name);
+  }
   // Names sharing long prefixes, as generated code has.
   for (int i = 0; i < 60; ++i) {
     cases[3].files.push_back("w/handler_" + std::to_string(i % 5) + "_" + std::to_string(i) +
