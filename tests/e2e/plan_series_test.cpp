@@ -110,19 +110,20 @@ TEST(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
   repo.write_unit("src", 14, 4);  // 17 files
   repo.commit("grow");
   const Json grown = repo.plan();
-  EXPECT_EQ(plan_ids(grown), (Strings{"overview", "module-src", "module-src-part-1",
-                                      "module-src-part-2", "module-lib"}));
+  EXPECT_EQ(plan_ids(grown), (Strings{"overview", "module-src", "module-src-part-start",
+                                      "module-src-part-f07", "module-lib"}));
   EXPECT_EQ(plan_of(grown, "module-src").at("children"),
-            Json::parse(R"(["module-src-part-1", "module-src-part-2"])"));
-  EXPECT_EQ(plan_of(grown, "module-src-part-2").at("source_files").size(), 5u);
-  EXPECT_EQ(amendment_lines(grown), (Strings{"add module-src-part-1", "add module-src-part-2"}));
+            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
+  EXPECT_EQ(plan_of(grown, "module-src-part-f07").at("source_files").size(), 11u);
+  EXPECT_EQ(amendment_lines(grown),
+            (Strings{"add module-src-part-start", "add module-src-part-f07"}));
   auto rows = repo.rows();
   EXPECT_EQ(rows.at("module-src").at("related_pages"),
-            Json::parse(R"(["module-src-part-1", "module-src-part-2"])"));
+            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
   EXPECT_TRUE(rows.at("module-src").at("source_files").empty());
   // The family is recorded once.
   EXPECT_TRUE(repo.plan().at("amendments").empty());
-  ASSERT_EQ(repo.save("module-src-part-1", "Part one.\n").code, 0);
+  ASSERT_EQ(repo.save("module-src-part-start", "Part one.\n").code, 0);
 
   for (int i = 4; i <= 17; ++i)
     repo.remove("src/f" + std::string(i < 10 ? "0" : "") + std::to_string(i) + ".cpp");
@@ -130,11 +131,11 @@ TEST(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
   const Json shrunk = repo.plan();
   EXPECT_EQ(plan_ids(shrunk), (Strings{"overview", "module-src", "module-lib"}));
   EXPECT_EQ(amendment_lines(shrunk),
-            (Strings{"retire module-src-part-1", "retire module-src-part-2"}));
+            (Strings{"retire module-src-part-start", "retire module-src-part-f07"}));
   EXPECT_EQ(shrunk.at("remap").at("merged"),
-            Json::parse(R"({"module-src": ["module-src-part-1", "module-src-part-2"]})"));
+            Json::parse(R"({"module-src": ["module-src-part-start", "module-src-part-f07"]})"));
   rows = repo.rows();
-  EXPECT_EQ(rows.count("module-src-part-1"), 0u);
+  EXPECT_EQ(rows.count("module-src-part-start"), 0u);
   EXPECT_TRUE(rows.at("module-src").at("related_pages").empty());
   EXPECT_EQ(rows.at("module-src").at("source_files").size(), 3u);
 
@@ -142,6 +143,57 @@ TEST(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
   EXPECT_EQ(plan_ids(after), (Strings{"overview", "module-src", "module-lib"}));
   EXPECT_TRUE(after.at("amendments").empty());
   EXPECT_TRUE(plan_of(after, "module-src").at("children").empty());
+}
+
+TEST(PlanSeries, StoreOfPositionalPartsReChunksOnceWithProseCarried) {
+  GitRepo repo;
+  repo.write_unit("src", 17);
+  repo.write_unit("lib", 2);
+  repo.commit("seed");
+  // The plan of record an earlier planner made: src cut by position into
+  // "module-src-part-1" (f01 to f12) and "module-src-part-2" (f13 to f17).
+  {
+    namespace wiki = zenthar_kodrune::workers::wiki;
+    wiki::SqliteWikiStore store(wiki::SqliteWikiStore::default_path(repo.root()));
+    const auto files = [](const std::string& folder, int from, int to) {
+      std::vector<std::string> out;
+      for (int i = from; i <= to; ++i) {
+        out.push_back(folder + "/f" + (i < 10 ? "0" : "") + std::to_string(i) + ".cpp");
+      }
+      return out;
+    };
+    const auto row = [&](const std::string& id, const std::string& level,
+                         std::vector<std::string> source_files, std::vector<std::string> related) {
+      wiki::WikiPageColumns columns;
+      columns.level = level;
+      columns.rel_path = "pages/" + id + ".md";
+      columns.source_files = std::move(source_files);
+      columns.related_pages = std::move(related);
+      columns.source_hashes = Json::parse(R"({"__stale__": "pending"})");
+      columns.status = "stale";
+      store.upsert_wiki_page("main", id, id, columns);
+    };
+    row("overview", "overview", {}, {});
+    row("module-lib", "module", files("lib", 1, 2), {});
+    row("module-src", "module", {}, {"module-src-part-1", "module-src-part-2"});
+    row("module-src-part-1", "part", files("src", 1, 12), {});
+    row("module-src-part-2", "part", files("src", 13, 17), {});
+  }
+
+  const Json upgraded = repo.plan();
+  EXPECT_EQ(plan_of(upgraded, "module-src").at("children"),
+            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
+  EXPECT_EQ(amendment_lines(upgraded),
+            (Strings{"retire module-src-part-1", "retire module-src-part-2",
+                     "add module-src-part-start", "add module-src-part-f07"}));
+  EXPECT_EQ(upgraded.at("remap").at("merged"), Json::parse(R"({
+    "module-src-part-start": ["module-src-part-1"], "module-src-part-f07": ["module-src-part-2"]})"));
+  const auto rows = repo.rows();
+  EXPECT_EQ(rows.count("module-src-part-1"), 0u);
+  EXPECT_EQ(rows.at("module-src").at("related_pages"),
+            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
+  // Once: the next build pins the new parts.
+  EXPECT_TRUE(repo.plan().at("amendments").empty());
 }
 
 TEST(PlanSeries, NewFolderOfOneFileGoesToCatchAllAndOfThreeGetsAPage) {

@@ -1,9 +1,12 @@
-// The planner: slugs, the page budget, family chunking and the index walk.
+// The planner: slugs, the page budget, family parts and the index walk.
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
+#include <map>
+#include <set>
 
 #include "support/temp_dir.hpp"
 
@@ -80,6 +83,8 @@ TEST(PlanPages, BudgetSendsSmallestUnitsToTheCatchAll) {
   EXPECT_EQ(other.importance, "low");
   EXPECT_TRUE(other.catch_all);
   EXPECT_EQ(other.type, "other-code");
+  // Worded as pinning words it, so the next build leaves the row alone.
+  EXPECT_EQ(other.description, "Remaining modules and files (2 files).");
   EXPECT_EQ(other.source_files, (std::vector<std::string>{"tie-a/x.cpp", "tie-b/y.cpp"}));
 }
 
@@ -91,22 +96,179 @@ TEST(PlanPages, BudgetTiesAreBrokenByPath) {
   EXPECT_EQ(find(plans, "module-additional").source_files, (std::vector<std::string>{"b/x.cpp"}));
 }
 
-TEST(PlanPages, OversizedUnitBecomesFamilyInChunksOfTwelve) {
-  const PlanList plans = plan_pages(files_in("core", 25));
+// A folder of a real compression library, 27 files.
+const std::vector<std::string> kCompress = {
+    "lib/compress/clevels.h",
+    "lib/compress/fse_compress.c",
+    "lib/compress/hist.c",
+    "lib/compress/hist.h",
+    "lib/compress/huf_compress.c",
+    "lib/compress/zstd_compress.c",
+    "lib/compress/zstd_compress_internal.h",
+    "lib/compress/zstd_compress_literals.c",
+    "lib/compress/zstd_compress_literals.h",
+    "lib/compress/zstd_compress_sequences.c",
+    "lib/compress/zstd_compress_sequences.h",
+    "lib/compress/zstd_compress_superblock.c",
+    "lib/compress/zstd_compress_superblock.h",
+    "lib/compress/zstd_cwksp.h",
+    "lib/compress/zstd_double_fast.c",
+    "lib/compress/zstd_double_fast.h",
+    "lib/compress/zstd_fast.c",
+    "lib/compress/zstd_fast.h",
+    "lib/compress/zstd_lazy.c",
+    "lib/compress/zstd_lazy.h",
+    "lib/compress/zstd_ldm.c",
+    "lib/compress/zstd_ldm.h",
+    "lib/compress/zstd_ldm_geartab.h",
+    "lib/compress/zstd_opt.c",
+    "lib/compress/zstd_opt.h",
+    "lib/compress/zstdmt_compress.c",
+    "lib/compress/zstdmt_compress.h",
+};
+
+// The parts of a plan: page id -> files.
+std::map<std::string, std::vector<std::string>> parts_of(const PlanList& plans) {
+  std::map<std::string, std::vector<std::string>> parts;
+  for (const auto& plan : plans) {
+    if (plan->level == "part") parts[plan->page_id] = plan->source_files;
+  }
+  return parts;
+}
+
+TEST(PlanPages, OversizedUnitBecomesFamilyOfPartsNamedByWhatTheyHold) {
+  const PlanList plans = plan_pages(kCompress);
   EXPECT_EQ(ids_of(plans),
-            (std::vector<std::string>{"overview", "module-core", "module-core-part-1",
-                                      "module-core-part-2", "module-core-part-3"}));
-  const PagePlan& parent = find(plans, "module-core");
+            (std::vector<std::string>{
+                "overview", "module-lib-compress", "module-lib-compress-part-start",
+                "module-lib-compress-part-huf", "module-lib-compress-part-zstd-cwksp",
+                "module-lib-compress-part-zstd-ldm"}));
+  const PagePlan& parent = find(plans, "module-lib-compress");
   EXPECT_TRUE(parent.source_files.empty());
-  EXPECT_EQ(parent.children, (std::vector<std::string>{"module-core-part-1", "module-core-part-2",
-                                                       "module-core-part-3"}));
-  const PagePlan& first = find(plans, "module-core-part-1");
-  EXPECT_EQ(first.level, "part");
-  EXPECT_EQ(first.source_files.size(), 12u);
-  EXPECT_EQ(first.source_files.front(), "core/f00.cpp");
-  EXPECT_EQ(find(plans, "module-core-part-2").source_files.front(), "core/f12.cpp");
-  EXPECT_EQ(find(plans, "module-core-part-3").source_files,
-            (std::vector<std::string>{"core/f24.cpp"}));
+  EXPECT_EQ(parent.children.size(), 4u);
+  const PagePlan& part = find(plans, "module-lib-compress-part-zstd-ldm");
+  EXPECT_EQ(part.level, "part");
+  EXPECT_EQ(part.title, "lib/compress: zstd_ldm to zstdmt_compress");
+  EXPECT_EQ(part.parent_section, "lib/compress");
+  EXPECT_EQ(part.source_files,
+            (std::vector<std::string>{"lib/compress/zstd_ldm.c", "lib/compress/zstd_ldm.h",
+                                      "lib/compress/zstd_ldm_geartab.h", "lib/compress/zstd_opt.c",
+                                      "lib/compress/zstd_opt.h", "lib/compress/zstdmt_compress.c",
+                                      "lib/compress/zstdmt_compress.h"}));
+  EXPECT_EQ(find(plans, "module-lib-compress-part-start").title, "lib/compress: clevels to hist");
+  // The same files in another order give the same plan.
+  std::vector<std::string> reversed(kCompress.rbegin(), kCompress.rend());
+  EXPECT_EQ(parts_of(plan_pages(reversed)), parts_of(plans));
+}
+
+TEST(PlanPages, AFileComingOrGoingChangesOnlyThePartItsNameFallsInto) {
+  const auto before = parts_of(plan_pages(kCompress));
+  struct Case {
+    std::string added;
+    std::string part;      // the part the name falls into
+    std::string new_part;  // set when that part splits: the zstdmt* names reach a part's size
+  };
+  const Case cases[] = {
+      {"lib/compress/bits.h", "module-lib-compress-part-start", ""},
+      {"lib/compress/zstd_double_fast_x.h", "module-lib-compress-part-zstd-cwksp", ""},
+      {"lib/compress/zstdmt_pool.c", "module-lib-compress-part-zstd-ldm",
+       "module-lib-compress-part-zstdmt"},
+  };
+  for (const auto& [added, part, new_part] : cases) {
+    std::vector<std::string> files = kCompress;
+    files.push_back(added);
+    auto after = parts_of(plan_pages(files));
+    // The part the name fell into, whole again.
+    std::vector<std::string>& own = after.at(part);
+    if (!new_part.empty()) {
+      own.insert(own.end(), after.at(new_part).begin(), after.at(new_part).end());
+      after.erase(new_part);
+    }
+    own.erase(std::find(own.begin(), own.end(), added));
+    std::sort(own.begin(), own.end());
+    EXPECT_EQ(after, before) << added;
+  }
+}
+
+TEST(PlanPages, FilesOfOneStemShareAPart) {
+  // Forty stems of three files each: x.c, x.h and its test, in a unit that
+  // needs ten parts or more.
+  std::vector<std::string> files;
+  for (int i = 0; i < 40; ++i) {
+    const std::string stem = "src/mod" + std::to_string(i * 7 % 40);
+    files.push_back(stem + ".c");
+    files.push_back(stem + ".h");
+    files.push_back(stem + "_test.c");
+  }
+  const auto parts = parts_of(plan_pages(files));
+  EXPECT_GE(parts.size(), 10u);
+  std::map<std::string, std::string> part_of_stem;
+  for (const auto& [id, part_files] : parts) {
+    for (const auto& file : part_files) {
+      std::string stem = file.substr(0, file.find('.'));
+      if (stem.size() > 5 && stem.substr(stem.size() - 5) == "_test") stem.resize(stem.size() - 5);
+      const auto [at, fresh] = part_of_stem.emplace(stem, id);
+      EXPECT_EQ(at->second, id) << file;
+    }
+  }
+  EXPECT_EQ(part_of_stem.size(), 40u);
+}
+
+TEST(PlanPages, PartsHoldThreeToTwelveFiles) {
+  struct Case {
+    std::string name;
+    std::vector<std::string> files;
+  };
+  std::vector<Case> cases = {{"compress", kCompress},
+                             {"numbered", files_in("num", 17)},
+                             {"many", files_in("many", 100)},
+                             {"words", {}},
+                             {"one stem", {}},
+                             {"odd names", files_in("o", 14)}};
+  // Names without a letter or digit, hidden files, and a test of "test".
+  for (const char* name :
+       {"o/_.c", "o/__.h", "o/\xe6\x97\xa5.py", "o/.hidden.js", "o/test.c", "o/test_test.c"}) {
+    cases[5].files.push_back(name);
+  }
+  // Names sharing long prefixes, as generated code has.
+  for (int i = 0; i < 60; ++i) {
+    cases[3].files.push_back("w/handler_" + std::to_string(i % 5) + "_" + std::to_string(i) +
+                             ".py");
+  }
+  // Fourteen files of one stem cannot stay together; they are the only cut
+  // made by position, and still no more than twelve a part.
+  for (const char* ext : {".c", ".h", ".cc", ".hh", ".py", ".js", ".ts", ".go", ".rs", ".rb",
+                          ".java", ".kt", ".cs", ".lua"}) {
+    cases[4].files.push_back(std::string("x/lib") + ext);
+  }
+  for (int i = 0; i < 4; ++i) cases[4].files.push_back("x/other" + std::to_string(i) + ".c");
+  for (const auto& [name, files] : cases) {
+    std::size_t total = 0;
+    for (const auto& [id, part_files] : parts_of(plan_pages(files))) {
+      EXPECT_LE(part_files.size(), 12u) << name << " " << id;
+      EXPECT_GE(part_files.size(), 3u) << name << " " << id;
+      total += part_files.size();
+    }
+    EXPECT_EQ(total, files.size()) << name;
+  }
+}
+
+TEST(PlanPages, PartIdsStayClearOfOtherPagesAndTheCatchAll) {
+  std::vector<std::string> files = kCompress;
+  // Sibling folders named like two of the parts, and a family in a folder
+  // named like the catch-all page.
+  files.push_back("lib/compress-part-huf/a.c");
+  files.push_back("lib/compress-part-start/b.c");
+  for (const auto& file : files_in("additional", 17)) files.push_back(file);
+  const PlanList plans = plan_pages(files);
+  const std::vector<std::string> ids = ids_of(plans);
+  EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size());
+  EXPECT_EQ(find(plans, "module-lib-compress-part-huf").source_files,
+            (std::vector<std::string>{"lib/compress-part-huf/a.c"}));
+  EXPECT_EQ(find(plans, "module-lib-compress-part-huf-2").level, "part");
+  EXPECT_EQ(find(plans, "module-lib-compress-part-start-2").level, "part");
+  EXPECT_EQ(find(plans, "module-additional-unit-part-start").level, "part");
+  for (const auto& plan : plans) EXPECT_FALSE(plan->catch_all) << plan->page_id;
 }
 
 TEST(PlanPages, SixteenFilesStayOnePage) {

@@ -11,11 +11,27 @@
 //    root), importance "high" for the top fifth of kept units by file count
 //    (rounded up, so one unit of any size is "high"), "medium" for the rest;
 //  - a unit of more than `family_threshold` files is a family: the parent keeps
-//    the unit's id and holds no files, its parts "<id>-part-1", ... (level
-//    "part") take its sorted files in consecutive chunks of `chunk_size`, and
-//    follow the parent in the plan;
+//    the unit's id and holds no files, and its parts (level "part") follow it
+//    in the plan, in name order. Parts are cut by name, never by position:
+//    files of one stem ("foo.c", "foo.h", "foo_test.c") always share a part,
+//    names with a common prefix ("zstd_compress*") stay together where the
+//    size allows, and each cut falls where the names themselves part, chosen
+//    by the shortest prefix that tells the names after it from those before
+//    (earlier parting first, then a hash of that prefix). No cut depends on
+//    how many files sort before it, so a file coming or going changes only
+//    the part its name falls into (and the cut inside it when that part
+//    crosses a size bound). A part holds at most `chunk_size` files and at
+//    least `min_part_size` wherever the stems allow. Its id is the unit's id,
+//    "-part-" and that prefix ("module-lib-part-zstd-ldm"), which stays while
+//    a file under the prefix starts the part; the first part, holding the
+//    names before the first cut, is "<id>-part-start"; its title is "<folder>: <label>", the label
+//    naming what it holds
+//    ("zstd_compress*", "fileio", "clevels to hist"). A part id that another
+//    page already has takes the first free "-2", "-3", ...;
 //  - "module-additional" (title "Other code", importance "low", catch-all),
-//    holding the files of the units past the page budget, when there are any.
+//    holding the files of the units past the page budget, when there are any,
+//    and described as pinning describes it ("Remaining modules and files (N
+//    files)."), so the second build leaves its row as the first wrote it.
 //
 // The budget keeps the `page_budget` largest units by file count, ties by
 // path. Two folders whose slugs meet get distinct ids: the later path (in
@@ -42,6 +58,8 @@ struct PlannerSettings {
   std::size_t family_threshold = 16;
   // The most files one part of a family holds.
   std::size_t chunk_size = 12;
+  // The fewest files a part holds, unless the unit's stems leave no such cut.
+  std::size_t min_part_size = 3;
   // Extensions (with the dot, lower case) that make a file a source file.
   std::vector<std::string> code_extensions = {
       ".c",   ".cc",   ".cpp",  ".cxx",   ".h",   ".hh",    ".hpp",   ".hxx", ".ipp",

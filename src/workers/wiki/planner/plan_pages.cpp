@@ -4,6 +4,7 @@
 #include <map>
 #include <unordered_set>
 
+#include "family_parts.hpp"
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
@@ -30,21 +31,29 @@ struct Unit {
 
 std::string unit_title(const std::string& folder) { return folder.empty() ? "." : folder; }
 
+// `base`, or when that is taken (or would read as the catch-all page) the
+// first of base-2, base-3, ... that is free; the id returned is marked used.
+std::string unique_id(const std::string& base, std::unordered_set<std::string>& used) {
+  std::string id = base;
+  for (int n = 2; used.count(id) != 0 || looks_like_catch_all(id); ++n) {
+    id = base + "-" + std::to_string(n);
+  }
+  used.insert(id);
+  return id;
+}
+
 // Ids for the kept units, in path order; a slug met before takes the first
 // free numeric suffix, and nothing the catch-all pattern matches is handed out.
-std::map<std::string, std::string> unit_ids(const std::vector<const Unit*>& by_path) {
+// `used` collects them, so that the parts named later stay clear of them.
+std::map<std::string, std::string> unit_ids(const std::vector<const Unit*>& by_path,
+                                            std::unordered_set<std::string>& used) {
   std::map<std::string, std::string> ids;
-  std::unordered_set<std::string> used{std::string(kCatchAllId)};
+  used.insert(std::string(kCatchAllId));
   for (const Unit* unit : by_path) {
     const std::string base_slug = unit->folder.empty() ? "root" : slug(unit->folder);
     std::string base = "module-" + (base_slug.empty() ? "root" : base_slug);
     if (looks_like_catch_all(base)) base += "-unit";
-    std::string id = base;
-    for (int n = 2; used.count(id) != 0 || looks_like_catch_all(id); ++n) {
-      id = base + "-" + std::to_string(n);
-    }
-    used.insert(id);
-    ids[unit->folder] = id;
+    ids[unit->folder] = unique_id(base, used);
   }
   return ids;
 }
@@ -117,7 +126,8 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
   std::vector<const Unit*> by_path = kept;
   std::sort(by_path.begin(), by_path.end(),
             [](const Unit* a, const Unit* b) { return a->folder < b->folder; });
-  const auto ids = unit_ids(by_path);
+  std::unordered_set<std::string> used_ids;
+  const auto ids = unit_ids(by_path, used_ids);
 
   PlanList plans;
   plans.push_back(make_plan({.page_id = "overview",
@@ -127,7 +137,6 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
                              .description = "What the repository is for and how its parts fit.",
                              .topic = unit_topic("Overview", {})}));
 
-  const std::size_t chunk = std::max<std::size_t>(settings.chunk_size, 1);
   for (const Unit* unit : by_path) {
     const std::string& id = ids.at(unit->folder);
     const std::string title = unit_title(unit->folder);
@@ -143,20 +152,20 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
     }
     PlanList parts;
     std::vector<std::string> children;
-    for (std::size_t start = 0, n = 1; start < unit->files.size(); start += chunk, ++n) {
-      const std::size_t end = std::min(unit->files.size(), start + chunk);
-      std::vector<std::string> files(unit->files.begin() + start, unit->files.begin() + end);
-      const std::string part_id = id + "-part-" + std::to_string(n);
-      const std::string part_title = title + " (part " + std::to_string(n) + ")";
+    for (auto& part : family_parts(unit->files, settings.chunk_size, settings.min_part_size)) {
+      // A part is named by what it holds; a sibling folder that happens to be
+      // named like it keeps its own id, and the part takes a suffix.
+      const std::string part_id = unique_id(id + "-part-" + part.slug, used_ids);
+      const std::string part_title = title + ": " + part.label;
       children.push_back(part_id);
       parts.push_back(
           make_plan({.page_id = part_id,
                      .title = part_title,
                      .level = "part",
                      .importance = importance,
-                     .description = "Part " + std::to_string(n) + " of the code in " + title + ".",
-                     .topic = unit_topic(part_title, files),
-                     .source_files = std::move(files),
+                     .description = "The code in " + title + " named " + part.label + ".",
+                     .topic = unit_topic(part_title, part.files),
+                     .source_files = std::move(part.files),
                      .parent_section = title}));
     }
     plans.push_back(make_plan(
@@ -170,14 +179,19 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
   }
 
   if (!leftover.empty()) {
-    plans.push_back(make_plan({.page_id = std::string(kCatchAllId),
-                               .title = "Other code",
-                               .importance = "low",
-                               .description = "Code in folders too small for a page of their own.",
-                               .topic = unit_topic("Other code", leftover),
-                               .source_files = std::move(leftover),
-                               .type = std::string(OTHER_CODE_TYPE),
-                               .catch_all = true}));
+    // Described as pinning describes the catch-all page, so the build after
+    // the first does not rewrite its row.
+    const std::string description =
+        "Remaining modules and files (" + std::to_string(leftover.size()) + " files).";
+    plans.push_back(
+        make_plan({.page_id = std::string(kCatchAllId),
+                   .title = "Other code",
+                   .importance = "low",
+                   .description = description,
+                   .topic = unit_topic("additional modules utilities helpers", leftover),
+                   .source_files = std::move(leftover),
+                   .type = std::string(OTHER_CODE_TYPE),
+                   .catch_all = true}));
   }
   return plans;
 }
