@@ -9,6 +9,7 @@
 
 #include "kodrune-wiki/cmd_common.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 
 #ifndef KODRUNE_WIKI_VERSION
 #define KODRUNE_WIKI_VERSION "0"
@@ -315,7 +316,7 @@ std::string page_uri(const std::string& branch, const std::string& page_id) {
 bool written(const Json& row) { return !wiki::row_text(row, "content_hash").empty(); }
 
 std::string rel_path_of(const Json* row, const std::string& page_id) {
-  const std::string fallback = "pages/" + page_id + ".md";
+  const std::string fallback = wiki::page_rel_path(page_id);
   return row == nullptr ? fallback : wiki::row_text(*row, "rel_path", fallback);
 }
 

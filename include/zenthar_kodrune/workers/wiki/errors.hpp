@@ -1,6 +1,9 @@
 // The wiki worker's exceptions. Every failure propagates as one of these (or a
 // std:: exception from below), each with a message naming the key, page id or
-// path that was wrong. `kind()` is the word the rpc protocol reports.
+// path that was wrong. `kind()` names the class; the rpc protocol reports it
+// for the four kinds it knows (key, type and value errors, and invalid
+// requests) and reports every other failure, a store error among them, as
+// "os_error".
 #pragma once
 
 #include <stdexcept>

@@ -134,7 +134,10 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
 inline constexpr std::string_view _STALE_SENTINEL = "__stale__";
 // {"__stale__": "pending"}: no real hash mapping holds its key.
 Json stale_marker();
-// The stale marker's JSON text as stored: {"__stale__": "pending"} (24 characters).
+// The stale marker's JSON text as `_mark_synthesis_stale` stores it:
+// {"__stale__": "pending"} (24 characters). Skeleton rows store the same
+// mapping through the store's own encoding, {"__stale__":"pending"} without
+// the space; both read back as the same mapping, which is all that is compared.
 inline constexpr std::string_view STALE_MARKER_TEXT = "{\"__stale__\": \"pending\"}";
 
 class PlanRecordMixin : public PageRetirementMixin, public SteeringMixin {

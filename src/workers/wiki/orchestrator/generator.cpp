@@ -12,6 +12,7 @@
 
 #include "mirrored_store.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/fault_point.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
@@ -50,8 +51,6 @@ std::optional<std::string> saving_target(const std::string& name) {
 // The wiki folder's path below the repository root.
 fs::path wiki_relative(const std::string& branch) { return fs::path("memory/orvane") / branch; }
 
-std::string rel_path_of(const std::string& page_id) { return "pages/" + page_id + ".md"; }
-
 const std::vector<std::string>& related_of(const PagePlan& plan) {
   return plan.children.empty() ? plan.related_pages : plan.children;
 }
@@ -64,7 +63,7 @@ WikiPageColumns structural_columns(const PagePlan& plan) {
   columns.importance = plan.importance.empty() ? "medium" : plan.importance;
   columns.level = plan.level;
   columns.parent_section = section_of(plan);
-  columns.rel_path = rel_path_of(plan.page_id);
+  columns.rel_path = page_rel_path(plan.page_id);
   columns.source_files = plan.stored_source_files();
   columns.related_pages = related_of(plan);
   columns.page_type = plan.type;
@@ -107,7 +106,7 @@ bool same_structure(const Json& row, const PagePlan& plan,
          row_text_is(row, "importance", plan.importance.empty() ? "medium" : plan.importance) &&
          row_text_is(row, "level", plan.level) &&
          row_text_is(row, "parent_section", section_of(plan)) &&
-         row_text_is(row, "rel_path", rel_path_of(plan.page_id)) &&
+         row_text_is(row, "rel_path", page_rel_path(plan.page_id)) &&
          row_list_is(row, "source_files", stored_files) &&
          row_list_is(row, "related_pages", related_of(plan)) &&
          row_text_is(row, "page_type", plan.type);
@@ -559,8 +558,8 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
     const Existing& existing = _existing();
     const auto row = existing.find(page_id);
     const std::string rel_path = row == existing.end()
-                                     ? rel_path_of(page_id)
-                                     : row_text(row->second, "rel_path", rel_path_of(page_id));
+                                     ? page_rel_path(page_id)
+                                     : row_text(row->second, "rel_path", page_rel_path(page_id));
     result.body_path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
 
     if (citations) {

@@ -15,6 +15,7 @@
 
 #include "row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -32,9 +33,7 @@ std::vector<const Json*> pinned_file_lists(const Existing& existing,
     const RowFacts& row_facts = facts[i++];
     row_level(row, row_facts);
     if (!row_facts.pinned_level) continue;
-    if (page_id.starts_with("custom-")) continue;
-    // The prefix test spares a regex match for nearly every id.
-    if (page_id.starts_with("module-additional") && _CATCH_ALL_RE.full_match(page_id)) continue;
+    if (is_custom_id(page_id) || is_catch_all_id(page_id)) continue;
     if (const Json* files = row_text_list_in_place(row, row_facts.source_files, "source_files")) {
       lists.push_back(files);
     }

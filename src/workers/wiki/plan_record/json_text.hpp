@@ -1,8 +1,9 @@
-// The JSON text form this module writes to files and stores: one line, ", "
-// after every comma and ": " after every colon, no other spaces outside
-// strings, members in insertion order, non-ASCII characters as UTF-8 rather
-// than escapes. Readers of the plan log and of stored mappings compare this
-// text byte for byte, so every writer of it goes through here.
+// The JSON text form of the plan log: one line, ", " after every comma and
+// ": " after every colon, no other spaces outside strings, members in
+// insertion order, non-ASCII characters as UTF-8 rather than escapes. Readers
+// of the log compare its lines byte for byte, so every log line is written
+// here. The store writes its JSON columns compactly instead (no spaces) and
+// reads them back as values, never as text.
 #pragma once
 
 #include <string>

@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "row_facts.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/page_title.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -36,12 +37,6 @@ namespace {
 // Ids as views of plans and rows that outlive the call.
 using IdSet = IdViews;
 using StoredFamilies = tsl::ordered_map<std::string, std::vector<std::string>>;
-
-constexpr std::string_view kCatchAllId = "module-additional";
-constexpr std::string_view kCatchAllTitle = "Other code";
-constexpr std::size_t kCatchAllSamples = 12;
-
-bool is_custom(std::string_view page_id) { return page_id.starts_with("custom-"); }
 
 std::string row_level(const Json& row) { return row_text(row, "level", "module"); }
 
@@ -82,7 +77,7 @@ StoredFamilies stored_families_of(const Existing& existing, const std::vector<Ro
   for (const auto& [page_id, row] : existing) {
     const RowFacts& row_facts = facts[i++];
     levels.push_back(row_level(row, row_facts));
-    if (!row_facts.pinned_level || is_custom(page_id)) continue;
+    if (!row_facts.pinned_level || is_custom_id(page_id)) continue;
     const Json* related = row_text_list_in_place(row, row_facts.related_pages, "related_pages");
     if (related == nullptr) continue;
     std::vector<std::string> kids;
@@ -105,11 +100,6 @@ std::vector<std::string> sorted_union(const std::vector<std::string>& a,
   std::sort(out.begin(), out.end());
   out.erase(std::unique(out.begin(), out.end()), out.end());
   return out;
-}
-
-std::string_view last_component(std::string_view path) {
-  const auto slash = path.rfind('/');
-  return slash == std::string_view::npos ? path : path.substr(slash + 1);
 }
 
 // A stored family parent the planner no longer proposes, rebuilt as a
@@ -135,29 +125,6 @@ PlanPtr rebuilt_family_parent(const std::string& parent_id, const Json& row,
   plan.children = surviving;
   plan.related_pages = surviving;
   plan.type = row_text(row, "page_type");
-  return make_plan(std::move(plan));
-}
-
-PlanPtr catch_all_page(const Json* catch_all_row, std::vector<std::string> sorted) {
-  // Mostly in order already (the stored list, then new files): checking costs
-  // one pass where sorting a large repository's catch-all files costs many.
-  if (!std::is_sorted(sorted.begin(), sorted.end())) std::sort(sorted.begin(), sorted.end());
-  std::string samples;
-  for (std::size_t i = 0; i < sorted.size() && i < kCatchAllSamples; ++i) {
-    if (i > 0) samples += ' ';
-    samples += last_component(sorted[i]);
-  }
-  PagePlan plan;
-  plan.page_id = catch_all_row != nullptr ? row_page_id(*catch_all_row) : std::string(kCatchAllId);
-  plan.title = catch_all_row != nullptr ? row_text(*catch_all_row, "title", kCatchAllTitle)
-                                        : std::string(kCatchAllTitle);
-  plan.level = "module";
-  plan.importance = "low";
-  plan.description = "Remaining modules and files (" + std::to_string(sorted.size()) + " files).";
-  plan.topic = "additional modules utilities helpers " + samples;
-  plan.source_files = std::move(sorted);
-  plan.catch_all = true;
-  plan.type = std::string(OTHER_CODE_TYPE);
   return make_plan(std::move(plan));
 }
 
@@ -208,11 +175,6 @@ using IdTable = tsl::ordered_map<std::string_view, IdState, std::hash<std::strin
                                  std::vector<std::pair<std::string_view, IdState>>>;
 
 constexpr std::size_t kNoRow = static_cast<std::size_t>(-1);
-
-bool is_catch_all_id(std::string_view page_id) {
-  // The prefix test spares a regex match for nearly every id.
-  return page_id.starts_with(kCatchAllId) && _CATCH_ALL_RE.full_match(page_id);
-}
 
 // The pinning mode: stored identities are kept, stored families rebuilt or
 // retired, new files given to fresh pages or the catch-all page, and the
@@ -389,7 +351,10 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
     if (state == PathState::kNew || state == PathState::kCatchAll) catch_all_files.emplace_back(path);
   }
   if (!catch_all_files.empty()) {
-    add_plan(catch_all_page(catch_all_row, std::move(catch_all_files)));
+    add_plan(catch_all_row == nullptr
+                 ? catch_all_page(std::move(catch_all_files))
+                 : catch_all_page(std::move(catch_all_files), row_page_id(*catch_all_row),
+                                  row_text(*catch_all_row, "title", CATCH_ALL_TITLE)));
   } else if (catch_all_row != nullptr) {
     amendments.push_back(
         amend("retire", row_page_id(*catch_all_row), "catch-all has no remaining files"));
@@ -492,7 +457,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
       return false;
     }
     if (c.family_ids.count(pid, hash) != 0) return false;
-    if (is_custom(pid)) return false;
+    if (is_custom_id(pid)) return false;
     // A collapsed family parent stays as an undivided page though its row,
     // a synthesis page's, has no files.
     if (c.collapsed.count(pid, hash) != 0) return true;
@@ -514,7 +479,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     const std::size_t i = row_index++;
     const std::string_view level = levels[i];
     if (_pinnable(pid, row, facts[i])) c.pinned_existing.push_back({&pid, &row, &facts[i], i});
-    if (is_custom(pid) && fresh_ids.count(pid) == 0) {
+    if (is_custom_id(pid) && fresh_ids.count(pid) == 0) {
       unsteered.push_back(amend("retire", pid, "removed from steering"));
     }
     if (!facts[i].pinned_level && level != NOTE_LEVEL && fresh_ids.count(pid) == 0) {
@@ -525,7 +490,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
 
   for (const auto& plan : fresh_plans) {
     if (is_pinned_level(plan->level) && c.family_ids.count(plan->page_id) == 0 &&
-        !is_custom(plan->page_id)) {
+        !is_custom_id(plan->page_id)) {
       c.fresh_modules.push_back(plan);
     } else {
       c.passthrough.push_back(plan);
@@ -550,7 +515,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     PlanList fresh_code_plans;
     for (const auto& plan : fresh_plans) {
       if (is_pinned_level(plan->level) && !plan->source_files.empty() &&
-          !is_custom(plan->page_id)) {
+          !is_custom_id(plan->page_id)) {
         fresh_code_plans.push_back(plan);
       }
     }

@@ -13,6 +13,7 @@
 
 #include "row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
@@ -123,7 +124,7 @@ PlanPtr plan_from_row(const Json& row, const RowFacts& facts, const PathSet& liv
   plan.title = std::move(title);
   plan.source_files = std::move(kept);
   // The prefix test spares a regex match for nearly every id.
-  plan.catch_all = page_id.starts_with("module-additional") && _CATCH_ALL_RE.full_match(page_id);
+  plan.catch_all = is_catch_all_id(page_id);
   plan.type = row_text_view(row, facts.page_type, "page_type");
   return make_plan(std::move(plan));
 }

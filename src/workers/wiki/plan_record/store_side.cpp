@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
@@ -94,7 +95,7 @@ int PlanRecordMixin::_persist_plan_skeleton(const PlanList& plans) {
     const PagePlan& plan = plan_at(plans, i);
     if (!is_pinned_level(plan.level)) continue;
     // Custom pages come from the steering, not the structure: never pinned.
-    if (plan.page_id.starts_with("custom-")) continue;
+    if (is_custom_id(plan.page_id)) continue;
     if (plan.source_files.empty() && plan.children.empty()) continue;
     // A stored page is never overwritten with a skeleton.
     if (existing.contains(plan.page_id)) continue;
@@ -104,7 +105,7 @@ int PlanRecordMixin::_persist_plan_skeleton(const PlanList& plans) {
     columns.importance = plan.importance.empty() ? "medium" : plan.importance;
     columns.level = plan.level;
     columns.parent_section = section_of(plan);
-    columns.rel_path = "pages/" + plan.page_id + ".md";
+    columns.rel_path = page_rel_path(plan.page_id);
     columns.source_files = plan.stored_source_files();
     columns.source_hashes = stale_marker();
     // A family parent records its children here; `pin_plan` rebuilds the

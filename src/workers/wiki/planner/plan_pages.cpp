@@ -5,6 +5,7 @@
 #include <unordered_set>
 
 #include "family_parts.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
@@ -12,17 +13,6 @@
 namespace zenthar_kodrune::workers::wiki {
 
 namespace {
-
-constexpr std::string_view kCatchAllId = "module-additional";
-
-// The catch-all id pattern: "module-additional", optionally "-" and digits.
-bool looks_like_catch_all(std::string_view id) {
-  if (id.substr(0, kCatchAllId.size()) != kCatchAllId) return false;
-  std::string_view rest = id.substr(kCatchAllId.size());
-  if (rest.empty()) return true;
-  if (rest.size() < 2 || rest.front() != '-') return false;
-  return std::all_of(rest.begin() + 1, rest.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
 
 struct Unit {
   std::string folder;
@@ -35,7 +25,7 @@ std::string unit_title(const std::string& folder) { return folder.empty() ? "." 
 // first of base-2, base-3, ... that is free; the id returned is marked used.
 std::string unique_id(const std::string& base, std::unordered_set<std::string>& used) {
   std::string id = base;
-  for (int n = 2; used.count(id) != 0 || looks_like_catch_all(id); ++n) {
+  for (int n = 2; used.count(id) != 0 || is_catch_all_id(id); ++n) {
     id = base + "-" + std::to_string(n);
   }
   used.insert(id);
@@ -48,11 +38,11 @@ std::string unique_id(const std::string& base, std::unordered_set<std::string>& 
 std::map<std::string, std::string> unit_ids(const std::vector<const Unit*>& by_path,
                                             std::unordered_set<std::string>& used) {
   std::map<std::string, std::string> ids;
-  used.insert(std::string(kCatchAllId));
+  used.insert(std::string(CATCH_ALL_ID));
   for (const Unit* unit : by_path) {
     const std::string base_slug = unit->folder.empty() ? "root" : slug(unit->folder);
     std::string base = "module-" + (base_slug.empty() ? "root" : base_slug);
-    if (looks_like_catch_all(base)) base += "-unit";
+    if (is_catch_all_id(base)) base += "-unit";
     ids[unit->folder] = unique_id(base, used);
   }
   return ids;
@@ -179,19 +169,7 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
   }
 
   if (!leftover.empty()) {
-    // Described as pinning describes the catch-all page, so the build after
-    // the first does not rewrite its row.
-    const std::string description =
-        "Remaining modules and files (" + std::to_string(leftover.size()) + " files).";
-    plans.push_back(
-        make_plan({.page_id = std::string(kCatchAllId),
-                   .title = "Other code",
-                   .importance = "low",
-                   .description = description,
-                   .topic = unit_topic("additional modules utilities helpers", leftover),
-                   .source_files = std::move(leftover),
-                   .type = std::string(OTHER_CODE_TYPE),
-                   .catch_all = true}));
+    plans.push_back(catch_all_page(std::move(leftover)));
   }
   return plans;
 }

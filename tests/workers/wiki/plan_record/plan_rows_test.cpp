@@ -1,5 +1,4 @@
-// Plan records: the catch-all id pattern, stored rows back as plans, and the
-// build order.
+// Plan records: stored rows back as plans, and the build order.
 #include <gtest/gtest.h>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -7,17 +6,6 @@
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
-
-TEST(CatchAllRe, MatchesTheWholeIdOnly) {
-  for (const char* id : {"module-additional", "module-additional-2", "module-additional-10"}) {
-    EXPECT_TRUE(_CATCH_ALL_RE.full_match(id)) << id;
-  }
-  for (const char* id : {"module-additional-", "module-additional-x", "module-additional-2-b",
-                         "xmodule-additional", "module-additional2", "module-additional\n",
-                         "module-additional-2\n", "module-additional-\xd9\xa3"}) {
-    EXPECT_FALSE(_CATCH_ALL_RE.full_match(id)) << id;
-  }
-}
 
 TEST(PlanFromRow, EmptyValuesTakeTheirDefaults) {
   const PlanPtr plan = _plan_from_row(
