@@ -16,7 +16,7 @@ execute_process(COMMAND ${CMAKE_COMMAND} --build ${WORK}/build RESULT_VARIABLE r
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "the consumer does not build against the installed package")
 endif()
-execute_process(COMMAND ${WORK}/build/consumer RESULT_VARIABLE rc)
+execute_process(COMMAND ${WORK}/build/consumer ${WORK}/wiki.db RESULT_VARIABLE rc)
 if(NOT rc EQUAL 0)
   message(FATAL_ERROR "the consumer's call failed")
 endif()
