@@ -1,9 +1,11 @@
 #!/usr/bin/env bash
-# Builds and runs every test twice: a normal build, then an AddressSanitizer +
-# UndefinedBehaviorSanitizer build. Both builds are warning-free (-Werror).
-# The sanitizer build is unoptimised: it compiles in a fraction of the time,
-# and the optimised build already checks that -O2's warnings stay quiet.
-# The normal build also compiles the benchmarks (run by scripts/bench.sh).
+# Builds and runs every test twice: a normal build (g++, -O2, benchmarks
+# compiled too), then an AddressSanitizer + UndefinedBehaviorSanitizer build
+# made with clang and instrumented for libFuzzer, whose section fuzzer then
+# runs for 60 seconds. Both builds are warning-free (-Werror) under their own
+# compiler. The sanitizer build is unoptimised: it compiles in a fraction of
+# the time, and the optimised build already checks that -O2's warnings stay
+# quiet.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -13,13 +15,25 @@ jobs=$(nproc 2>/dev/null || echo 2)
 
 run_suite() {
   local dir=$1; shift
-  cmake -S . -B "$dir" -DKODRUNE_BUILD_BENCH=OFF "$@" >/dev/null
+  cmake -S . -B "$dir" "$@" >/dev/null
   cmake --build "$dir" -j "$jobs"
   ctest --test-dir "$dir" --output-on-failure -j "$jobs"
 }
 
 echo "== normal build =="
-run_suite build/release -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" -DKODRUNE_BUILD_BENCH=ON
-echo "== AddressSanitizer + UndefinedBehaviorSanitizer build =="
-ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-  run_suite build/asan -DCMAKE_BUILD_TYPE=Debug -DKODRUNE_SANITIZE=ON
+run_suite build/release -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" \
+  -DKODRUNE_BUILD_BENCH=ON
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build (clang, fuzz targets) =="
+export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+CC=clang CXX=clang++ run_suite build/asan -DCMAKE_BUILD_TYPE=Debug -DKODRUNE_BUILD_BENCH=OFF \
+  -DKODRUNE_SANITIZE=ON -DKODRUNE_FUZZ=ON
+echo "== section fuzzer, 60 s =="
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+mkdir "$work/found"
+if ! build/asan/fuzz/section_fuzz -max_total_time=60 -print_final_stats=1 \
+    "$work/found" fuzz/corpus >"$work/fuzz.log" 2>&1; then
+  tail -n 60 "$work/fuzz.log"
+  exit 1
+fi
+grep -E '^(Done|stat::number_of_executed_units|stat::new_units_added)' "$work/fuzz.log"

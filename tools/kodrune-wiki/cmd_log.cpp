@@ -15,6 +15,17 @@ struct LogOptions {
   std::size_t limit = 0;
 };
 
+// A field of a log entry as text. The log is read back as it stands, and a
+// line that is JSON but not of our making may hold any type anywhere: what is
+// not text is shown as its JSON rather than stopping the listing.
+std::string field_text(const Json& object, const char* key, const char* missing) {
+  if (!object.is_object()) return missing;
+  const Json* value = wiki::find_value(object, key);
+  if (value == nullptr) return missing;
+  if (value->is_string()) return value->get<std::string>();
+  return value->dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 }  // namespace
 
 Command add_log_command(CLI::App& app) {
@@ -48,14 +59,19 @@ Command add_log_command(CLI::App& app) {
               }
               if (entries.empty()) std::cout << "no amendments logged for " << branch << "\n";
               for (const auto& entry : entries) {
-                const Json amendments = entry.value("amendments", Json::array());
-                std::cout << entry.value("at", "?")
-                          << (entry.value("replan", false) ? " replan" : "") << ": "
-                          << amendments.size() << " amendments\n";
-                for (const auto& amendment : amendments) {
-                  std::cout << "  " << amendment.value("action", "?") << " "
-                            << amendment.value("page_id", "?") << ": "
-                            << amendment.value("reason", "") << "\n";
+                const Json* amendments = wiki::find_value(entry, "amendments");
+                const Json* replan = wiki::find_value(entry, "replan");
+                const bool listed = amendments != nullptr && amendments->is_array();
+                std::cout << field_text(entry, "at", "?")
+                          << (replan != nullptr && replan->is_boolean() && replan->get<bool>()
+                                  ? " replan"
+                                  : "")
+                          << ": " << (listed ? amendments->size() : 0) << " amendments\n";
+                if (!listed) continue;
+                for (const auto& amendment : *amendments) {
+                  std::cout << "  " << field_text(amendment, "action", "?") << " "
+                            << field_text(amendment, "page_id", "?") << ": "
+                            << field_text(amendment, "reason", "") << "\n";
                 }
               }
               return 0;
