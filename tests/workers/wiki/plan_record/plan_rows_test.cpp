@@ -21,7 +21,11 @@ TEST(CatchAllRe, MatchesTheWholeIdOnly) {
 
 TEST(PlanFromRow, EmptyValuesTakeTheirDefaults) {
   const PlanPtr plan = _plan_from_row(
-      Json{{"page_id", "module-p"}, {"title", ""}, {"level", nullptr}, {"source_files", nullptr}},
+      Json{{"page_id", "module-p"},
+           {"title", ""},
+           {"level", nullptr},
+           {"importance", 0},
+           {"source_files", nullptr}},
       {"a.py"});
   EXPECT_EQ(plan_to_json(*plan).dump(),
             R"({"page_id":"module-p","title":"module-p","level":"module","importance":"medium",)"
