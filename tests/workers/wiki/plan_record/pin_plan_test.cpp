@@ -33,10 +33,7 @@ TEST(PinPlan, AdmittedAndExtendedPlansChangeWhereTheCallerHoldsThem) {
   EXPECT_EQ(late->source_files, (Files{"src/a.py", "src/b.py", "src/c.py"}));
   EXPECT_EQ(result.plans[1].get(), net.get());
   EXPECT_EQ(net->source_files, (Files{"net/x.py", "net/y.py"}));
-  EXPECT_EQ(
-      records(result.amendments),
-      R"j([{"action":"extend","page_id":"module-src","reason":"2 new source file(s) absorbed"},)j"
-      R"j({"action":"add","page_id":"module-net","reason":"new subsystem (2 files)"}])j");
+  // The amendments of this case are golden (reconcile_order 3).
 }
 
 TEST(PinPlan, APageWithoutLiveFilesRetiresUnlessThePlannerStillHasIt) {
