@@ -3,19 +3,18 @@
 #include <gtest/gtest.h>
 
 #include "e2e/repo_fixture.hpp"
+#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 
 namespace kodrune_e2e {
 namespace {
 
-void seed(GitRepo& repo) {
-  repo.write_unit("src", 3);
-  repo.commit("seed");
-}
+using zenthar_kodrune::workers::wiki::_text_hash;
 
-TEST(BadInput, BranchNamesGitRefusesAreUsageErrors) {
+TEST(BadInput, RefusedBranchNamesAreUsageErrorsNamingTheRule) {
   GitRepo repo;
-  seed(repo);
+  repo.seed_src();
   const std::pair<std::string, std::string> cases[] = {
+      // What git refuses.
       {"../escape", "\"..\""},
       {"/abs", "begins with \"/\""},
       {"-x", "begins with \"-\""},
@@ -26,38 +25,64 @@ TEST(BadInput, BranchNamesGitRefusesAreUsageErrors) {
       {"a:b", "\":\""},
       {"a~1", "\"~\""},
       {"tab\tname", "control character"},
+      // Wiki folders that would overlap the store's or another branch's files.
+      {"wiki.db-journal", "overlap memory/orvane/wiki.db-journal"},
+      {"wiki.db", "overlap memory/orvane/wiki.db"},
+      {"steering.md", "overlap memory/orvane/steering.md"},
+      {"main/pages", "overlap another branch's pages"},
+      {"main/plan-log.jsonl", "overlap another branch's plan-log.jsonl"},
+      {std::string(5000, 'a'), "5000 bytes"},
+      {"a/" + std::string(300, 'b'), "longer than 255 bytes"},
   };
   for (const auto& [branch, rule] : cases) {
     const RunResult result = repo.run("plan --branch " + quoted(branch));
-    EXPECT_EQ(result.code, 2) << branch;
+    EXPECT_EQ(result.code, 2) << branch.substr(0, 40);
     EXPECT_EQ(result.err.rfind("kodrune-wiki: error: invalid branch name", 0), 0u) << result.err;
-    EXPECT_NE(result.err.find(rule), std::string::npos) << branch << ": " << result.err;
+    EXPECT_NE(result.err.find(rule), std::string::npos) << result.err.substr(0, 200);
   }
   EXPECT_FALSE(fs::exists(repo.root() / "escape"));
   EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/.store/wiki.db"));
+  EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/wiki.db-journal"));
+  // Slashes name nested wiki folders, beside a branch's own files.
+  EXPECT_EQ(repo.run("plan").code, 0);
+  EXPECT_EQ(repo.plan("--branch main/x").at("branch"), "main/x");
+  EXPECT_TRUE(fs::exists(repo.root() / "memory/orvane/main/x/plan-log.jsonl"));
+  EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/main/pages/x"));
 }
 
-TEST(BadInput, BranchWithSlashesNamesNestedWikiFolder) {
+TEST(BadInput, SaveRefusesBadFilesAndChangesNothing) {
   GitRepo repo;
-  seed(repo);
-  EXPECT_EQ(repo.plan("--branch feature/x").at("branch"), "feature/x");
-  EXPECT_TRUE(fs::exists(repo.root() / "memory/orvane/feature/x/plan-log.jsonl"));
-}
-
-TEST(BadInput, MissingBodyFileFailsBeforeAnythingIsWritten) {
-  GitRepo repo;
-  seed(repo);
-  const RunResult result = repo.run("save module-src /nonexistent/body.md");
-  EXPECT_EQ(result.code, 1);
-  EXPECT_EQ(result.err.rfind("kodrune-wiki: error: cannot read body file /nonexistent/body.md", 0),
-            0u)
-      << result.err;
+  repo.seed_src();
+  // Refused before anything is written: a first save records no plan.
+  EXPECT_EQ(repo.run("save module-src /nonexistent/body.md").code, 1);
   EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/.store/wiki.db"));
+
+  ASSERT_EQ(repo.save("module-src", "Kept.\n").code, 0);
+  const std::string body = repo.scratch_file("New.\n");
+  const std::string citations = repo.scratch_file("[{\"path\": ", "citations.json");
+  const std::string deep =
+      repo.scratch_file(std::string(100000, '[') + std::string(100000, ']'), "deep.json");
+  const std::pair<std::string, std::string> cases[] = {
+      {"save module-src /nonexistent/body.md", "cannot read body file /nonexistent/body.md"},
+      {"save module-src " + quoted(repo.scratch().string()), "not a regular file"},
+      {"save module-src /dev/null", "not a regular file"},
+      {"save module-src " + body + " --citations " + citations,
+       "citations file " + citations.substr(1, citations.size() - 2) + " is not JSON"},
+      {"save module-src " + body + " --citations " + deep, "deeper than 512"},
+  };
+  for (const auto& [command, reason] : cases) {
+    const RunResult result = repo.run(command);
+    EXPECT_EQ(result.code, 1) << command;
+    EXPECT_EQ(result.err.rfind("kodrune-wiki: error: ", 0), 0u) << result.err;
+    EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+  }
+  EXPECT_EQ(slurp(repo.root() / "memory/orvane/main/pages/module-src.md"), "Kept.\n");
+  EXPECT_EQ(repo.rows().at("module-src")["content_hash"], _text_hash("Kept.\n"));
 }
 
 TEST(BadInput, SavingAPageOutsideThePlanIsAnErrorNamingIt) {
   GitRepo repo;
-  seed(repo);
+  repo.seed_src();
   repo.plan();
   const RunResult result = repo.save("module-nope", "Body.\n");
   EXPECT_EQ(result.code, 1);
@@ -70,33 +95,13 @@ TEST(BadInput, SavingAPageOutsideThePlanIsAnErrorNamingIt) {
   EXPECT_NE(changes.err.find("\"../../etc\""), std::string::npos) << changes.err;
 }
 
-TEST(BadInput, CitationsFileThatIsNotJsonIsRefused) {
-  GitRepo repo;
-  seed(repo);
-  repo.plan();
-  const fs::path body = repo.scratch() / "body.md";
-  const fs::path citations = repo.scratch() / "citations.json";
-  std::ofstream(body) << "Body.\n";
-  std::ofstream(citations) << "[{\"path\": ";
-  const RunResult result = repo.run("save module-src " + quoted(body.string()) + " --citations " +
-                                    quoted(citations.string()));
-  EXPECT_EQ(result.code, 1);
-  EXPECT_NE(result.err.find("citations file " + citations.string() + " is not JSON"),
-            std::string::npos)
-      << result.err;
-  EXPECT_TRUE(zenthar_kodrune::workers::wiki::is_empty(
-      repo.rows().at("module-src").value("content_hash", Json())));
-}
-
 TEST(BadInput, CorruptDatabaseIsReportedAndLeftAsItWas) {
   GitRepo repo;
-  seed(repo);
+  repo.seed_src();
   const std::string garbage = "this is not an SQLite database\n" + std::string(5000, 'x');
   repo.write("memory/orvane/.store/wiki.db", garbage);
-  const fs::path body = repo.scratch() / "body.md";
-  std::ofstream(body) << "Body.\n";
   for (const std::string& command :
-       std::vector<std::string>{"plan", "changes", "save module-src " + body.string()}) {
+       std::vector<std::string>{"plan", "changes", "save module-src " + repo.scratch_file("B")}) {
     const RunResult result = repo.run(command);
     EXPECT_EQ(result.code, 1) << command;
     EXPECT_EQ(result.err.rfind("kodrune-wiki: error: ", 0), 0u) << result.err;
@@ -137,7 +142,7 @@ TEST(BadInput, RpcAnswersHostileLinesAndServesTheNext) {
 
 TEST(BadInput, UnknownOptionsAndMissingArgumentsAreUsageErrors) {
   GitRepo repo;
-  seed(repo);
+  repo.seed_src();
   for (const std::string command :
        {"plan --bogus", "save", "save module-src", "log --limit x", "frobnicate"}) {
     const RunResult result = repo.run(command);

@@ -45,12 +45,10 @@ TEST(Crash, KilledSaveLeavesRowAndBodyOfOneSave) {
                                                 {"save:committed", true}};
   for (const auto& [point, lands] : cases) {
     GitRepo repo;
-    repo.write_unit("src", 3);
-    repo.commit("seed");
+    repo.seed_src();
     ASSERT_EQ(repo.save("module-src", "Old.\n").code, 0);
-    const fs::path body = repo.scratch() / "new.md";
-    std::ofstream(body) << "New.\n";
-    EXPECT_EQ(killed_at(repo, point, "save module-src " + quoted(body.string())).code, -1) << point;
+    EXPECT_EQ(killed_at(repo, point, "save module-src " + repo.scratch_file("New.\n")).code, -1)
+        << point;
 
     const Json plan = repo.plan();
     const std::string expected = lands ? "New.\n" : "Old.\n";
@@ -64,8 +62,7 @@ TEST(Crash, KilledSaveLeavesRowAndBodyOfOneSave) {
 TEST(Crash, KilledBuildsLogTheirAmendmentsExactlyOnce) {
   for (const std::string point : {"plan:committed", "plan:log-appended"}) {
     GitRepo repo;
-    repo.write_unit("src", 3);
-    repo.commit("seed");
+    repo.seed_src();
     repo.plan();
     repo.write_unit("lib", 3);
     repo.commit("lib");
@@ -77,8 +74,7 @@ TEST(Crash, KilledBuildsLogTheirAmendmentsExactlyOnce) {
 
 TEST(Crash, KilledRotationLeavesTheLogWholeAndItsTemporaryIsRemoved) {
   GitRepo repo;
-  repo.write_unit("src", 3);
-  repo.commit("seed");
+  repo.seed_src();
   repo.plan();
   const fs::path log = repo.root() / "memory/orvane/main/plan-log.jsonl";
   const std::string first = slurp(log);

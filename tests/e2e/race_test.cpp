@@ -31,8 +31,7 @@ std::string body_on_disk(const GitRepo& repo, const std::string& page_id) {
 
 TEST(Race, PlansThatRewriteAPageDoNotUndoItsSave) {
   GitRepo repo;
-  repo.write_unit("src", 3);
-  repo.commit("seed");
+  repo.seed_src();
   repo.plan();
   for (int round = 0; round < 12; ++round) {
     // Each round gives the page a file, so every plan rewrites its row.
@@ -50,8 +49,7 @@ TEST(Race, PlansThatRewriteAPageDoNotUndoItsSave) {
 
 TEST(Race, ConcurrentSavesOfOnePageEachLandWhole) {
   GitRepo repo;
-  repo.write_unit("src", 3);
-  repo.commit("seed");
+  repo.seed_src();
   repo.plan();
   for (int round = 0; round < 3; ++round) {
     std::vector<std::string> bodies;

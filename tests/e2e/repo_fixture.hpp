@@ -70,6 +70,11 @@ class GitRepo {
     }
   }
   void remove(const std::string& path) { fs::remove_all(root_ / path); }
+  // The usual start: one unit of three files, committed.
+  void seed_src() {
+    write_unit("src", 3);
+    commit("seed");
+  }
 
   void commit(const std::string& message) {
     git("add -A .");
@@ -102,11 +107,16 @@ class GitRepo {
     return result.json();
   }
 
+  // A file outside the repository holding `text`, named for the command line.
+  std::string scratch_file(const std::string& text, const std::string& name = "body.md") const {
+    const fs::path path = scratch_ / (std::to_string(runs_++) + "-" + name);
+    std::ofstream(path, std::ios::binary) << text;
+    return quoted(path.string());
+  }
+
   // Saves a body for the page.
   RunResult save(const std::string& page_id, const std::string& body) const {
-    const fs::path path = scratch_ / ("body-" + page_id + "-" + std::to_string(runs_++) + ".md");
-    std::ofstream(path, std::ios::binary) << body;
-    return run("save " + quoted(page_id) + " " + quoted(path.string()));
+    return run("save " + quoted(page_id) + " " + scratch_file(body));
   }
 
   // The branch's rows as stored.

@@ -93,6 +93,17 @@ std::string _norm(std::string_view path) {
   return normal;
 }
 
+std::string _repo_path(std::string_view path) {
+  const bool absolute = !path.empty() && (path.front() == '/' || path.front() == '\\');
+  std::string normal = _norm(path);
+  const auto parts = segments(normal);
+  if (absolute || std::find(parts.begin(), parts.end(), "..") != parts.end()) {
+    throw ValueError("path \"" + std::string(path) + "\" is not a path inside the repository: " +
+                     (absolute ? "it is absolute" : "it holds a \"..\" component"));
+  }
+  return normal;
+}
+
 std::string _text_hash(std::string_view text) {
   // One context per thread, started afresh for each text: section maps hash
   // many short texts, and a new context per text was a visible share of it.
@@ -109,22 +120,7 @@ std::string _text_hash(std::string_view text) {
 std::optional<std::string> file_content_hash(const std::filesystem::path& root,
                                              std::string_view relative) {
   namespace fs = std::filesystem;
-  std::string slashed(relative);
-  for (char& c : slashed) {
-    if (c == '\\') c = '/';
-  }
-  if (!slashed.empty() && slashed.front() == '/') {
-    throw ValueError("path leaves the repository root: \"" + std::string(relative) + "\"");
-  }
-  // Lexical check first: ".." may climb inside the path but never above it.
-  int depth = 0;
-  for (std::string_view part : segments(slashed)) {
-    depth += part == ".." ? -1 : 1;
-    if (depth < 0) {
-      throw ValueError("path leaves the repository root: \"" + std::string(relative) + "\"");
-    }
-  }
-  const fs::path target = root / fs::path(_norm(slashed));
+  const fs::path target = root / fs::path(_repo_path(relative));
   std::error_code error;
   if (!fs::is_regular_file(target, error)) return std::nullopt;
   // A symbolic link inside the tree may still point out of it: such a file is

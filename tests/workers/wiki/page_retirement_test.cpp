@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/plans.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
@@ -10,11 +11,7 @@
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
-std::vector<std::string> ids_of(const Existing& pages) {
-  std::vector<std::string> ids;
-  for (const auto& [id, row] : pages) ids.push_back(id);
-  return ids;
-}
+using kodrune_test::ids_of;
 
 void add_row(SqliteWikiStore& store, const std::string& branch, const std::string& id,
              const std::string& level) {

@@ -6,12 +6,9 @@
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
-TEST(UnitTopic, NamesTheLastComponentOfEachFileInTheGivenOrder) {
+TEST(UnitTopic, NamesTheLastComponentOfTheFirstTwelveFilesInTheGivenOrder) {
   EXPECT_EQ(unit_topic("Parser", {}), "Parser");
   EXPECT_EQ(unit_topic("Parser", {"src/z.py", "top.py", "a/b/"}), "Parser z.py top.py ");
-}
-
-TEST(UnitTopic, NamesOnlyTheFirstTwelveFiles) {
   std::vector<std::string> files;
   for (char c = 'a'; c <= 'm'; ++c) files.push_back(std::string("d/") + c + ".py");
   EXPECT_EQ(unit_topic("T", files),

@@ -8,22 +8,16 @@
 #include <map>
 #include <set>
 
+#include "support/plans.hpp"
 #include "support/temp_dir.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
-std::vector<std::string> ids_of(const PlanList& plans) {
-  std::vector<std::string> ids;
-  for (const auto& plan : plans) ids.push_back(plan->page_id);
-  return ids;
-}
+using kodrune_test::ids_of;
 
 const PagePlan& find(const PlanList& plans, const std::string& id) {
-  for (const auto& plan : plans) {
-    if (plan->page_id == id) return *plan;
-  }
-  throw std::runtime_error("no plan " + id);
+  return kodrune_test::find_plan(plans, id);
 }
 
 // n files named f00.cpp, f01.cpp, ... in `folder`.
@@ -68,7 +62,7 @@ TEST(PlanPages, PlansOverviewUnitsAndRootInPathOrder) {
   EXPECT_EQ(find(plans, "module-root").title, ".");
 }
 
-TEST(PlanPages, BudgetSendsSmallestUnitsToTheCatchAll) {
+TEST(PlanPages, BudgetSendsSmallestUnitsToTheCatchAllTiesByPath) {
   PlannerSettings settings;
   settings.page_budget = 2;
   std::vector<std::string> files = files_in("big", 3);
@@ -86,46 +80,25 @@ TEST(PlanPages, BudgetSendsSmallestUnitsToTheCatchAll) {
   // Worded as pinning words it, so the next build leaves the row alone.
   EXPECT_EQ(other.description, "Remaining modules and files (2 files).");
   EXPECT_EQ(other.source_files, (std::vector<std::string>{"tie-a/x.cpp", "tie-b/y.cpp"}));
-}
-
-TEST(PlanPages, BudgetTiesAreBrokenByPath) {
-  PlannerSettings settings;
+  // Ties are broken by path.
   settings.page_budget = 1;
-  const PlanList plans = plan_pages({"b/x.cpp", "a/y.cpp"}, settings);
-  EXPECT_EQ(ids_of(plans), (std::vector<std::string>{"overview", "module-a", "module-additional"}));
-  EXPECT_EQ(find(plans, "module-additional").source_files, (std::vector<std::string>{"b/x.cpp"}));
+  EXPECT_EQ(find(plan_pages({"b/x.cpp", "a/y.cpp"}, settings), "module-additional").source_files,
+            (std::vector<std::string>{"b/x.cpp"}));
 }
 
 // A folder of a real compression library, 27 files.
-const std::vector<std::string> kCompress = {
-    "lib/compress/clevels.h",
-    "lib/compress/fse_compress.c",
-    "lib/compress/hist.c",
-    "lib/compress/hist.h",
-    "lib/compress/huf_compress.c",
-    "lib/compress/zstd_compress.c",
-    "lib/compress/zstd_compress_internal.h",
-    "lib/compress/zstd_compress_literals.c",
-    "lib/compress/zstd_compress_literals.h",
-    "lib/compress/zstd_compress_sequences.c",
-    "lib/compress/zstd_compress_sequences.h",
-    "lib/compress/zstd_compress_superblock.c",
-    "lib/compress/zstd_compress_superblock.h",
-    "lib/compress/zstd_cwksp.h",
-    "lib/compress/zstd_double_fast.c",
-    "lib/compress/zstd_double_fast.h",
-    "lib/compress/zstd_fast.c",
-    "lib/compress/zstd_fast.h",
-    "lib/compress/zstd_lazy.c",
-    "lib/compress/zstd_lazy.h",
-    "lib/compress/zstd_ldm.c",
-    "lib/compress/zstd_ldm.h",
-    "lib/compress/zstd_ldm_geartab.h",
-    "lib/compress/zstd_opt.c",
-    "lib/compress/zstd_opt.h",
-    "lib/compress/zstdmt_compress.c",
-    "lib/compress/zstdmt_compress.h",
-};
+const std::vector<std::string> kCompress = [] {
+  const char* names[] = {
+      "clevels.h", "fse_compress.c", "hist.c", "hist.h", "huf_compress.c", "zstd_compress.c",
+      "zstd_compress_internal.h", "zstd_compress_literals.c", "zstd_compress_literals.h",
+      "zstd_compress_sequences.c", "zstd_compress_sequences.h", "zstd_compress_superblock.c",
+      "zstd_compress_superblock.h", "zstd_cwksp.h", "zstd_double_fast.c", "zstd_double_fast.h",
+      "zstd_fast.c", "zstd_fast.h", "zstd_lazy.c", "zstd_lazy.h", "zstd_ldm.c", "zstd_ldm.h",
+      "zstd_ldm_geartab.h", "zstd_opt.c", "zstd_opt.h", "zstdmt_compress.c", "zstdmt_compress.h"};
+  std::vector<std::string> files;
+  for (const char* name : names) files.push_back(std::string("lib/compress/") + name);
+  return files;
+}();
 
 // The parts of a plan: page id -> files.
 std::map<std::string, std::vector<std::string>> parts_of(const PlanList& plans) {
@@ -251,9 +224,15 @@ TEST(PlanPages, PartsHoldThreeToTwelveFiles) {
     }
     EXPECT_EQ(total, files.size()) << name;
   }
+  // Sixteen files stay one page.
+  EXPECT_EQ(ids_of(plan_pages(files_in("core", 16))),
+            (std::vector<std::string>{"overview", "module-core"}));
 }
 
-TEST(PlanPages, PartIdsStayClearOfOtherPagesAndTheCatchAll) {
+TEST(PlanPages, IdsStayDistinctAndClearOfTheCatchAll) {
+  EXPECT_EQ(ids_of(plan_pages({"a_b/x.cpp", "a-b/y.cpp", "additional/z.cpp"})),
+            (std::vector<std::string>{"overview", "module-a-b", "module-a-b-2",
+                                      "module-additional-unit"}));
   std::vector<std::string> files = kCompress;
   // Sibling folders named like two of the parts, and a family in a folder
   // named like the catch-all page.
@@ -269,19 +248,7 @@ TEST(PlanPages, PartIdsStayClearOfOtherPagesAndTheCatchAll) {
   EXPECT_EQ(find(plans, "module-lib-compress-part-start-2").level, "part");
   EXPECT_EQ(find(plans, "module-additional-unit-part-start").level, "part");
   for (const auto& plan : plans) EXPECT_FALSE(plan->catch_all) << plan->page_id;
-}
-
-TEST(PlanPages, SixteenFilesStayOnePage) {
-  const PlanList plans = plan_pages(files_in("core", 16));
-  EXPECT_EQ(ids_of(plans), (std::vector<std::string>{"overview", "module-core"}));
-  EXPECT_EQ(find(plans, "module-core").source_files.size(), 16u);
-}
-
-TEST(PlanPages, FoldersWhoseSlugsMeetGetDistinctIdsAndNoneLooksLikeTheCatchAll) {
-  const PlanList plans = plan_pages({"a_b/x.cpp", "a-b/y.cpp", "additional/z.cpp"});
-  EXPECT_EQ(ids_of(plans), (std::vector<std::string>{"overview", "module-a-b", "module-a-b-2",
-                                                     "module-additional-unit"}));
-  EXPECT_FALSE(find(plans, "module-additional-unit").catch_all);
+  EXPECT_FALSE(find(plan_pages({"additional/z.cpp"}), "module-additional-unit").catch_all);
 }
 
 TEST(IndexRepository, WalkSkipsHiddenFoldersAndPicksSourceFiles) {

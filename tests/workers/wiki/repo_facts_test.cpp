@@ -1,4 +1,4 @@
-// Path normal form and content hashes.
+// Path normal form, the one rule for repository paths, and content hashes.
 #include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 
 #include <gtest/gtest.h>
@@ -7,9 +7,13 @@
 
 #include "support/temp_dir.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
+
+constexpr const char* kHashOfAbc =
+    "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
 
 TEST(Norm, DropsEmptyAndDotSegmentsAndKeepsDotDot) {
   const std::pair<const char*, const char*> cases[] = {
@@ -26,36 +30,40 @@ TEST(Norm, DropsEmptyAndDotSegmentsAndKeepsDotDot) {
 
 TEST(TextHash, IsLowercaseHexSha256OfTheBytes) {
   EXPECT_EQ(_text_hash(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-  EXPECT_EQ(_text_hash("abc"), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+  EXPECT_EQ(_text_hash("abc"), kHashOfAbc);
 }
 
 TEST(FileContentHash, HashesRegularFilesUnderTheRootOnly) {
   kodrune_test::TempDir tmp;
+  const auto repo = tmp.path() / "repo";
+  std::filesystem::create_directories(repo / "src");
+  std::ofstream(repo / "src/a.txt", std::ios::binary) << "abc";
+  std::ofstream(tmp.path() / "secret.txt") << "secret";
+  std::filesystem::create_symlink(tmp.path() / "secret.txt", repo / "link.txt");
+  EXPECT_EQ(file_content_hash(repo, "./src//a.txt"), kHashOfAbc);
+  EXPECT_EQ(file_content_hash(repo, "src/missing.txt"), std::nullopt);
+  EXPECT_EQ(file_content_hash(repo, "src"), std::nullopt);
+  // A link inside the tree that points out of it is no repository file.
+  EXPECT_EQ(file_content_hash(repo, "link.txt"), std::nullopt);
+}
+
+// One rule for every reader of a repository path: no absolute path and no
+// ".." component, even one that climbs back inside.
+TEST(RepoPath, AbsoluteAndDotDotPathsAreRefusedByEveryReader) {
+  kodrune_test::TempDir tmp;
   std::filesystem::create_directories(tmp.path() / "src");
   std::ofstream(tmp.path() / "src/a.txt", std::ios::binary) << "abc";
-  EXPECT_EQ(file_content_hash(tmp.path(), "src/a.txt"),
-            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  EXPECT_EQ(file_content_hash(tmp.path(), "./src//a.txt"),
-            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  EXPECT_EQ(file_content_hash(tmp.path(), "src/../src/a.txt"),
-            "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
-  EXPECT_EQ(file_content_hash(tmp.path(), "src/missing.txt"), std::nullopt);
-  EXPECT_EQ(file_content_hash(tmp.path(), "src"), std::nullopt);
-}
-
-TEST(FileContentHash, PathLeavingTheRootIsAnError) {
-  kodrune_test::TempDir tmp;
-  for (const char* path : {"../outside.txt", "src/../../outside.txt", "/etc/hostname"}) {
-    EXPECT_THROW(file_content_hash(tmp.path() / "repo", path), ValueError) << path;
+  FileHasher hasher(tmp.path(), read_whole_file, false);
+  for (const char* path : {"../outside.txt", "src/../../outside.txt", "src/../src/a.txt",
+                           "a/../b.cpp", "/etc/hostname"}) {
+    EXPECT_THROW(_repo_path(path), ValueError) << path;
+    EXPECT_THROW(file_content_hash(tmp.path(), path), ValueError) << path;
+    EXPECT_THROW(hasher.hashes({path}), ValueError) << path;
+    EXPECT_THROW(path_inside(tmp.path(), path, "page"), ValueError) << path;
   }
-}
-
-TEST(FileContentHash, LinkPointingOutOfTheTreeIsNotARepositoryFile) {
-  kodrune_test::TempDir tmp;
-  std::filesystem::create_directories(tmp.path() / "repo");
-  std::ofstream(tmp.path() / "secret.txt") << "secret";
-  std::filesystem::create_symlink(tmp.path() / "secret.txt", tmp.path() / "repo/link.txt");
-  EXPECT_EQ(file_content_hash(tmp.path() / "repo", "link.txt"), std::nullopt);
+  EXPECT_THROW(_repo_path("\\server\\x"), ValueError);
+  EXPECT_EQ(_repo_path(".\\src//a.txt"), "src/a.txt");
+  EXPECT_EQ(hasher.hashes({"./src//a.txt", "src/none.txt"}), (Json{{"src/a.txt", kHashOfAbc}}));
 }
 
 }  // namespace

@@ -56,22 +56,9 @@ bool is_plain_relative(std::string_view path) {
   }
 }
 
-// The repository-relative path in normal form; never one that leaves the root.
+// The repository-relative path in normal form, by the one rule of `_repo_path`.
 std::string checked_relative(const std::string& path) {
-  if (is_plain_relative(path)) return path;
-  if (!path.empty() && (path.front() == '/' || path.front() == '\\')) {
-    throw ValueError("path " + path + " leaves the repository root");
-  }
-  std::string normal = _norm(path);
-  std::string_view rest = normal;
-  while (!rest.empty()) {
-    const auto slash = rest.find('/');
-    if (rest.substr(0, slash) == "..")
-      throw ValueError("path " + path + " leaves the repository root");
-    if (slash == std::string_view::npos) break;
-    rest.remove_prefix(slash + 1);
-  }
-  return normal;
+  return is_plain_relative(path) ? path : _repo_path(path);
 }
 
 }  // namespace

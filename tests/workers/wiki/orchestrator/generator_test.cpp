@@ -1,6 +1,8 @@
-// The orchestrator's file hashing: the stamp-keyed cache in the store means a
-// build over an unchanged repository reads no file, and each file is read at
-// most once per build.
+// The orchestrator. Its file hashing: the stamp-keyed cache in the store means
+// a build over an unchanged repository reads no file, and each file is read
+// at most once per build. Its builds: one load of the rows whatever they
+// write, why a written page is to be written again, and a stored body path
+// that would leave the wiki.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -39,7 +41,7 @@ struct CountingReader {
   }
 };
 
-class FileHashes : public ::testing::Test {
+class Generator : public ::testing::Test {
  protected:
   // A file written an hour ago, so its stamp is old enough to cache.
   void write_old(const std::string& path, const std::string& text) {
@@ -48,7 +50,20 @@ class FileHashes : public ::testing::Test {
     fs::last_write_time(dir_.path() / path,
                         fs::file_time_type::clock::now() - std::chrono::hours(1));
   }
-  std::unique_ptr<WikiGenerator> generator(const CountingReader& counter) {
+  void write_three() {
+    write_old("src/a.cpp", "a\n");
+    write_old("src/b.cpp", "b\n");
+    write_old("lib/c.py", "c\n");
+  }
+  // The first build, and every page it plans saved.
+  void build_and_save_all() {
+    auto host = generator();
+    for (const auto& plan : host->build(false, false).plans) {
+      host->save_page(plan->page_id, "# " + plan->page_id + "\n", std::nullopt, std::nullopt);
+    }
+  }
+  // A generator as a new process would make it.
+  std::unique_ptr<WikiGenerator> generator(const CountingReader& counter = {}) {
     WikiGeneratorOptions options;
     options.reader = counter.reader();
     options.progress = false;
@@ -57,10 +72,8 @@ class FileHashes : public ::testing::Test {
   kodrune_test::TempDir dir_;
 };
 
-TEST_F(FileHashes, RebuildOverUnchangedRepositoryReadsNoFile) {
-  write_old("src/a.cpp", "a\n");
-  write_old("src/b.cpp", "b\n");
-  write_old("lib/c.py", "c\n");
+TEST_F(Generator, RebuildOverUnchangedRepositoryReadsNoFile) {
+  write_three();
   CountingReader first;
   generator(first)->build(false, false);
   EXPECT_EQ(first.reads->load(), 3);
@@ -80,7 +93,7 @@ TEST_F(FileHashes, RebuildOverUnchangedRepositoryReadsNoFile) {
   EXPECT_EQ(third.paths->count("b.cpp"), 1u);
 }
 
-TEST_F(FileHashes, EachFileIsReadOnceInABuildWhateverAsksForIt) {
+TEST_F(Generator, EachFileIsReadOnceInABuildWhateverAsksForIt) {
   write_old("src/a.cpp", "a\n");
   write_old("memory/orvane/steering.md", "Be brief.\n");
   CountingReader counter;
@@ -93,7 +106,7 @@ TEST_F(FileHashes, EachFileIsReadOnceInABuildWhateverAsksForIt) {
   EXPECT_EQ(counter.paths->count("steering.md"), 1u);
 }
 
-TEST_F(FileHashes, RecentlyModifiedFilesAreHashedButNotCached) {
+TEST_F(Generator, RecentlyModifiedFilesAreHashedButNotCached) {
   std::ofstream(dir_.path() / "fresh.cpp") << "a\n";
   CountingReader first;
   generator(first)->build(false, false);
@@ -103,7 +116,7 @@ TEST_F(FileHashes, RecentlyModifiedFilesAreHashedButNotCached) {
   EXPECT_EQ(second.reads->load(), 1);
 }
 
-TEST_F(FileHashes, ManyFilesAreHashedOnAllCoresWithTheSameResult) {
+TEST_F(Generator, ManyFilesAreHashedOnAllCoresWithTheSameResult) {
   std::vector<std::string> paths;
   for (int i = 0; i < 300; ++i) {
     paths.push_back("many/f" + std::to_string(i) + ".txt");
@@ -119,7 +132,7 @@ TEST_F(FileHashes, ManyFilesAreHashedOnAllCoresWithTheSameResult) {
   EXPECT_EQ(hasher.take_new_entries().size(), 300u);
 }
 
-TEST_F(FileHashes, StampsTakenByTheIndexStandInForAskingTheFileSystem) {
+TEST_F(Generator, StampsTakenByTheIndexStandInForAskingTheFileSystem) {
   write_old("src/a.cpp", "a\n");
   CountingReader counter;
   FileHasher hasher(dir_.path(), counter.reader(), false);
@@ -133,12 +146,13 @@ TEST_F(FileHashes, StampsTakenByTheIndexStandInForAskingTheFileSystem) {
   EXPECT_THROW(hasher.prefetch({"src/a.cpp", "src/b.cpp"}, {FileStamp{}}), ValueError);
 }
 
-TEST_F(FileHashes, EveryBuildAndSaveReadsTheRowsOnceWhateverItWrites) {
-  write_old("src/a.cpp", "a\n");
-  write_old("src/b.cpp", "b\n");
-  write_old("lib/c.py", "c\n");
+TEST_F(Generator, EveryBuildAndSaveReadsTheRowsOnceWhateverItWrites) {
+  write_three();
   WikiGeneratorOptions options;
   options.progress = false;
+  // One unit's page: lib/ goes to the catch-all page, whose row a second
+  // build must leave alone.
+  options.planner.page_budget = 1;
   SqliteWikiStore sqlite(SqliteWikiStore::default_path(dir_.path()));
   auto owned = std::make_unique<kodrune_test::CountingStore>(sqlite);
   kodrune_test::CountingStore& store = *owned;
@@ -149,7 +163,8 @@ TEST_F(FileHashes, EveryBuildAndSaveReadsTheRowsOnceWhateverItWrites) {
     int writes;  // -1: any number
   };
   const std::vector<Step> steps = {
-      {"first build", [&] { host.build(false, false); }, 3},  // overview, module-lib, module-src
+      // overview, module-src and the catch-all page
+      {"first build", [&] { EXPECT_TRUE(host.build(false, false).plans.back()->catch_all); }, 3},
       {"unchanged rebuild", [&] { host.build(false, false); }, 0},
       {"save", [&] { host.save_page("module-src", "# src\n", std::nullopt, std::nullopt); }, 1},
       {"build that retires a page",
@@ -170,18 +185,10 @@ TEST_F(FileHashes, EveryBuildAndSaveReadsTheRowsOnceWhateverItWrites) {
   }
   // What the builds kept in step is what the store holds.
   EXPECT_EQ(host._existing(), host.repository().load_pages("main"));
-  EXPECT_FALSE(host._existing().contains("module-lib"));
+  EXPECT_FALSE(host._existing().contains("module-additional"));
 }
 
-TEST_F(FileHashes, PathsLeavingTheRootAreRefused) {
-  FileHasher hasher(dir_.path(), read_whole_file, false);
-  for (const std::string path : {"../outside.cpp", "/etc/passwd", "a/../b.cpp"}) {
-    EXPECT_THROW(hasher.hashes({path}), ValueError) << path;
-  }
-  EXPECT_EQ(hasher.hashes({"./a//b.cpp"}), Json::object()) << "inside the root, and no file";
-}
-
-TEST_F(FileHashes, ReadFailureNamesTheFile) {
+TEST_F(Generator, ReadFailureNamesTheFile) {
   write_old("src/a.cpp", "a\n");
   WikiGeneratorOptions options;
   options.reader = [](const fs::path& path) -> std::string {
@@ -195,6 +202,68 @@ TEST_F(FileHashes, ReadFailureNamesTheFile) {
   } catch (const OsError& e) {
     EXPECT_NE(std::string(e.what()).find("src/a.cpp: Permission denied"), std::string::npos);
   }
+}
+
+TEST_F(Generator, WrittenPageIsStaleForTheReasonThatMadeIt) {
+  write_three();
+  struct Case {
+    std::string name;
+    std::function<void(WikiGenerator&)> change;
+    bool force;
+    std::string why;
+  };
+  const Case cases[] = {
+      {"steering",
+       [&](WikiGenerator&) { write_old("memory/orvane/steering.md", "Write for operators.\n"); },
+       false, "the steering changed"},
+      {"forced", [](WikiGenerator&) {}, true, "forced"},
+      {"marked", [](WikiGenerator& host) { host._mark_synthesis_stale({"module-src"}); }, false,
+       "marked stale"},
+      {"file and steering",
+       [&](WikiGenerator&) {
+         write_old("src/a.cpp", "a changed\n");
+         write_old("memory/orvane/steering.md", "Write for newcomers.\n");
+       },
+       false, "files changed: src/a.cpp; the steering changed"},
+  };
+  build_and_save_all();
+  for (const auto& c : cases) {
+    auto host = generator();
+    c.change(*host);
+    const BuildResult result = host->build(false, c.force);
+    const auto why = result.why.find("module-src");
+    ASSERT_NE(why, result.why.end()) << c.name;
+    EXPECT_EQ(why->second, c.why) << c.name;
+    // Saved again, the page is fresh until the next change.
+    host->save_page("module-src", "# again\n", std::nullopt, std::nullopt);
+    EXPECT_EQ(generator()->build(false, false).stale.count("module-src"), 0u) << c.name;
+  }
+}
+
+TEST_F(Generator, StoredBodyPathLeavingTheWikiIsRefusedAndABuildRepairsIt) {
+  write_three();
+  build_and_save_all();
+  const fs::path outside = dir_.path() / "memory/outside.md";
+  {
+    SqliteWikiStore store(SqliteWikiStore::default_path(dir_.path()));
+    store.db().execute("UPDATE wiki_pages SET rel_path = ? WHERE page_id = ?",
+                       {std::string("../../outside.md"), std::string("module-src")});
+  }
+  try {
+    generator()->save_page("module-src", "# src\n", std::nullopt, std::nullopt);
+    FAIL() << "the stored rel_path was followed";
+  } catch (const ValueError& e) {
+    EXPECT_NE(std::string(e.what()).find("\"../../outside.md\" would leave"), std::string::npos)
+        << e.what();
+  }
+  EXPECT_FALSE(fs::exists(outside));
+  // A build brings the row's structure back to the plan.
+  const BuildResult rebuilt = generator()->build(false, false);
+  EXPECT_EQ(rebuilt.stale.count("module-src"), 0u);
+  EXPECT_EQ(generator()->repository().load_pages("main").at("module-src")["rel_path"],
+            "pages/module-src.md");
+  generator()->save_page("module-src", "# src\n", std::nullopt, std::nullopt);
+  EXPECT_FALSE(fs::exists(outside));
 }
 
 }  // namespace
