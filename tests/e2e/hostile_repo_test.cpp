@@ -94,10 +94,11 @@ TEST(HostileRepository, DamagedLogIsReadAroundAndExtended) {
   repo.plan();
   const fs::path log = repo.root() / "memory/orvane/main/plan-log.jsonl";
   const std::string entry = slurp(log);
-  // A line that is not UTF-8, one that is JSON but no entry, then one cut
-  // off by a writer that died.
+  // A line that is not UTF-8, an entry whose fields hold other types, one
+  // that is JSON but no entry, then one cut off by a writer that died.
   std::ofstream(log, std::ios::binary | std::ios::trunc)
       << entry << "{\"at\": \"\xff\xfe\"}\n"
+      << "{\"at\": 7, \"replan\": \"yes\", \"amendments\": {\"action\": 1}}\n"
       << "[1, 2]\n"
       << "{\"at\": \"2026-01-01T00:00:00\", \"rep";
   repo.write_unit("lib", 3);
@@ -108,13 +109,14 @@ TEST(HostileRepository, DamagedLogIsReadAroundAndExtended) {
   const RunResult shown = repo.run("log --json");
   EXPECT_EQ(shown.code, 0) << shown.err;
   const Json entries = Json::parse(shown.out);
-  ASSERT_EQ(entries.size(), 2u) << shown.out;
-  EXPECT_EQ(entries[1]["amendments"][0]["page_id"], "module-lib");
+  ASSERT_EQ(entries.size(), 3u) << shown.out;
+  EXPECT_EQ(entries[2]["amendments"][0]["page_id"], "module-lib");
   // Both forms show every readable entry and name each line they skip.
   const RunResult text = repo.run("log");
   EXPECT_EQ(text.code, 0) << text.err;
   EXPECT_NE(text.out.find("\n  add module-lib: "), std::string::npos) << text.out;
-  for (const char* line : {"line 2:", "line 3:", "line 4:"}) {
+  EXPECT_NE(text.out.find("7: 0 amendments\n"), std::string::npos) << text.out;
+  for (const char* line : {"line 2:", "line 4:", "line 5:"}) {
     EXPECT_NE(shown.err.find(line), std::string::npos) << shown.err;
     EXPECT_NE(text.err.find(line), std::string::npos) << text.err;
   }
