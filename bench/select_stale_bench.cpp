@@ -23,14 +23,12 @@ class MapHost final : public wiki::PlanRecordMixin {
     throw std::logic_error("the stale-selection benchmark has no store");
   }
   wiki::Json _source_hashes(const std::vector<std::string>& paths) override {
-    // The paths asked are distinct, so entries are appended without the
-    // linear key search of an ordered object's operator[].
     wiki::Json out = wiki::Json::object();
     auto& entries = out.get_ref<wiki::Json::object_t&>();
     entries.reserve(paths.size() + 1);
     for (const auto& path : paths) {
       auto found = work_.file_hashes.find(path);
-      if (found != work_.file_hashes.end()) entries.emplace_back(path, found->second);
+      if (found != work_.file_hashes.end()) entries.emplace(path, found->second);
     }
     return out;
   }

@@ -25,8 +25,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (rpc->parsed()) {
-    std::ios::sync_with_stdio(false);
-    return kodrune_cli::serve_rpc(std::cin, std::cout);
+    return kodrune_cli::serve_rpc_fd(0, 1);
   }
   for (const auto& command : commands) {
     if (command.app->parsed()) return command.run();

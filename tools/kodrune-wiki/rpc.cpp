@@ -2,6 +2,11 @@
 // and the loop goes on.
 #include "kodrune-wiki/rpc.hpp"
 
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <iostream>
 #include <string>
 
@@ -55,7 +60,8 @@ std::string rpc_respond(std::string_view line) {
   try {
     request = wiki::parse_json(line);
   } catch (const wiki::ValueError& e) {
-    return dump(error_response(nullptr, "invalid_request", std::string("malformed JSON: ") + e.what()));
+    return dump(
+        error_response(nullptr, "invalid_request", std::string("malformed JSON: ") + e.what()));
   }
   if (!request.is_object()) {
     return dump(error_response(nullptr, "invalid_request", "a request must be a JSON object"));
@@ -92,13 +98,88 @@ std::string rpc_respond(std::string_view line) {
   }
 }
 
+namespace {
+
+// One line's answer to the output, taking what the line held.
+bool serve_line(std::string_view line, std::string& pending) {
+  if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+  if (line.find_first_not_of(" \t") == std::string_view::npos) return false;
+  pending += rpc_respond(line);
+  pending += '\n';
+  return true;
+}
+
+bool write_all(int fd, std::string_view bytes) {
+  while (!bytes.empty()) {
+    const ssize_t wrote = ::write(fd, bytes.data(), bytes.size());
+    if (wrote < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    bytes.remove_prefix(static_cast<std::size_t>(wrote));
+  }
+  return true;
+}
+
+}  // namespace
+
 int serve_rpc(std::istream& in, std::ostream& out) {
   std::string line;
+  std::string answer;
   while (std::getline(in, line)) {
-    if (!line.empty() && line.back() == '\r') line.pop_back();
-    if (line.find_first_not_of(" \t") == std::string::npos) continue;
-    out << rpc_respond(line) << '\n';
+    answer.clear();
+    if (!serve_line(line, answer)) continue;
+    out << answer;
     out.flush();
+  }
+  return 0;
+}
+
+int serve_rpc_fd(int in, int out) {
+  // Input comes in large blocks and is cut into lines here; a line longer
+  // than a block grows the buffer. The answers to the lines of a block are
+  // written together before the next read, so a client that sends a request
+  // and waits gets its answer at once, and a piped batch takes few writes.
+  constexpr std::size_t kBlock = std::size_t{1} << 20;
+  std::string buffer;
+  std::string pending;
+  std::size_t start = 0;  // first byte of the unserved part of `buffer`
+  bool at_end = false;
+  while (!at_end) {
+    if (start > 0 && start * 2 >= buffer.size()) {
+      buffer.erase(0, start);
+      start = 0;
+    }
+    const std::size_t filled = buffer.size();
+    buffer.resize(filled + std::max(kBlock, filled / 2));
+    ssize_t got;
+    do {
+      got = ::read(in, buffer.data() + filled, buffer.size() - filled);
+    } while (got < 0 && errno == EINTR);
+    if (got < 0) {
+      std::perror("kodrune-wiki rpc: cannot read the input");
+      return 1;
+    }
+    buffer.resize(filled + static_cast<std::size_t>(got));
+    at_end = got == 0;
+    // Lines completed by this read.
+    std::size_t search = std::max(start, filled);
+    for (std::size_t newline; (newline = buffer.find('\n', search)) != std::string::npos;) {
+      serve_line(std::string_view(buffer).substr(start, newline - start), pending);
+      start = newline + 1;
+      search = start;
+    }
+    if (at_end && start < buffer.size()) {
+      serve_line(std::string_view(buffer).substr(start), pending);
+      start = buffer.size();
+    }
+    if (!pending.empty()) {
+      if (!write_all(out, pending)) {
+        std::perror("kodrune-wiki rpc: cannot write the answers");
+        return 1;
+      }
+      pending.clear();
+    }
   }
   return 0;
 }
@@ -128,22 +209,29 @@ wiki::Existing existing_from_json(const Json& value) {
 }
 
 wiki::PathSet paths_from_json(const Json& value, std::string_view what) {
-  if (!value.is_array()) throw InvalidRequest("\"" + std::string(what) + "\" must be a list of paths");
+  if (!value.is_array())
+    throw InvalidRequest("\"" + std::string(what) + "\" must be a list of paths");
   wiki::PathSet paths;
   paths.reserve(value.size());
   for (const auto& item : value) {
-    if (!item.is_string()) throw InvalidRequest("\"" + std::string(what) + "\" must hold text only");
+    if (!item.is_string())
+      throw InvalidRequest("\"" + std::string(what) + "\" must hold text only");
     paths.insert(item.get<std::string>());
   }
   return paths;
 }
 
 wiki::Amendments records_from_json(const Json& value, std::string_view what) {
-  if (!value.is_array()) throw InvalidRequest("\"" + std::string(what) + "\" must be a list of records");
+  if (!value.is_array())
+    throw InvalidRequest("\"" + std::string(what) + "\" must be a list of records");
   wiki::Amendments records;
   records.reserve(value.size());
   for (const auto& item : value) records.push_back(item);
   return records;
+}
+
+bool bool_arg(const Json& args, std::string_view key) {
+  return !wiki::is_empty(require_arg(args, key));
 }
 
 bool bool_arg(const Json& args, std::string_view key, bool fallback) {

@@ -38,6 +38,9 @@ std::string rpc_respond(std::string_view line);
 
 // Serves lines from `in` until end of input. Returns 0.
 int serve_rpc(std::istream& in, std::ostream& out);
+// The same over file descriptors, with reads and writes in large blocks.
+// Returns 0, or 1 when reading or writing failed (said on stderr).
+int serve_rpc_fd(int in, int out);
 
 // ---- argument readers shared by the ops ----
 
@@ -50,8 +53,11 @@ zenthar_kodrune::workers::wiki::Existing existing_from_json(const Json& value);
 // A "live_paths" list -> PathSet.
 zenthar_kodrune::workers::wiki::PathSet paths_from_json(const Json& value, std::string_view what);
 // A list of amendment records.
-zenthar_kodrune::workers::wiki::Amendments records_from_json(const Json& value, std::string_view what);
-// A boolean argument with a default; "empty" values read as false.
+zenthar_kodrune::workers::wiki::Amendments records_from_json(const Json& value,
+                                                             std::string_view what);
+// A required boolean argument; "empty" values read as false.
+bool bool_arg(const Json& args, std::string_view key);
+// A boolean argument the protocol gives a default.
 bool bool_arg(const Json& args, std::string_view key, bool fallback);
 
 }  // namespace kodrune_cli

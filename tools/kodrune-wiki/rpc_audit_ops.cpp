@@ -73,7 +73,7 @@ Json append_plan_log_op(const Json& args) {
   const fs::path dir = wiki_dir.get<std::string>();
   const wiki::Amendments amendments =
       records_from_json(require_arg(args, "amendments"), "amendments");
-  const bool replan = bool_arg(args, "replan", false);
+  const bool replan = bool_arg(args, "replan");
 
   CapturedWarnings captured;
   wiki::append_plan_log(dir, amendments, replan);

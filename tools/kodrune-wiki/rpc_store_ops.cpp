@@ -10,10 +10,7 @@ namespace wiki = zenthar_kodrune::workers::wiki;
 
 namespace {
 
-RecordingHost host_arg(const Json& args) {
-  const Json* host = optional_arg(args, "host");
-  return RecordingHost(host != nullptr ? *host : Json::object());
-}
+RecordingHost host_arg(const Json& args) { return RecordingHost(require_arg(args, "host")); }
 
 wiki::PlanList plans_arg(const Json& args) {
   const Json& value = require_arg(args, "plans");
@@ -35,7 +32,7 @@ Json select_stale_op(const Json& args) {
   RecordingHost host = host_arg(args);
   const wiki::PlanList plans = plans_arg(args);
   const wiki::Existing existing = existing_from_json(require_arg(args, "existing"));
-  const bool force = bool_arg(args, "force", false);
+  const bool force = bool_arg(args, "force");
   const std::set<std::string> stale = host._select_stale(plans, existing, force);
   Json result = Json::object();
   // The set has no order of its own; sorted makes the response comparable.

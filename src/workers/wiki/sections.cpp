@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <string_view>
-#include <unordered_map>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
@@ -21,24 +20,6 @@ void require_mapping(const Json& value, const char* what) {
   if (!is_empty(value) && !value.is_object()) {
     throw TypeError(std::string(what) + " hashes must be a mapping, not " + value.type_name());
   }
-}
-
-// The members of a mapping by key. A Json object finds a key by a linear
-// search; indexing once keeps a lookup per compared path constant.
-std::unordered_map<std::string_view, const Json*> index_of(const Json& mapping) {
-  std::unordered_map<std::string_view, const Json*> index;
-  if (!mapping.is_object()) return index;
-  index.reserve(mapping.size());
-  for (auto it = mapping.begin(); it != mapping.end(); ++it) {
-    index.emplace(std::string_view(it.key()), &it.value());
-  }
-  return index;
-}
-
-const Json* lookup(const std::unordered_map<std::string_view, const Json*>& index,
-                   std::string_view key) {
-  auto found = index.find(key);
-  return found == index.end() ? nullptr : found->second;
 }
 
 Json sorted(std::vector<std::string> paths) {
@@ -55,11 +36,9 @@ Json changed_files(const Json& stored, const Json& current,
   std::vector<std::string> added;
   std::vector<std::string> removed;
   std::vector<std::string> modified;
-  const auto stored_index = index_of(stored);
-  const auto current_index = index_of(current);
   for (const auto& path : compared) {
-    const Json* before = lookup(stored_index, path);
-    const Json* now = lookup(current_index, path);
+    const Json* before = find_value(stored, path);
+    const Json* now = find_value(current, path);
     if (before == nullptr && now != nullptr) {
       added.push_back(path);
     } else if (before != nullptr && now == nullptr) {

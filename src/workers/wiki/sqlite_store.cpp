@@ -457,171 +457,20 @@ SqlValue encode_mapping(const Json& value, const std::string& branch, const std:
   return encode(value, branch, page_id, column);
 }
 
-// Builds a Json from parser events in time linear in the input. Json::parse
-// inserts each key of an object by searching the keys read before it, which
-// is quadratic in the object's size. Here an open container gathers its
-// values in scratch storage of its nesting level, and they are moved into the
-// container, sized exactly, when it closes. An object's keys are searched
-// while few and indexed by a hash once many; its own pairs have a const key,
-// so growing it in place would deep-copy every value read so far. A repeated
-// key keeps its first place and takes the last value, as with Json::parse.
-// One builder serves many texts: the scratch storage keeps its capacity.
-class LinearJsonBuilder {
- public:
-  using number_integer_t = Json::number_integer_t;
-  using number_unsigned_t = Json::number_unsigned_t;
-  using number_float_t = Json::number_float_t;
-  using string_t = Json::string_t;
-  using binary_t = Json::binary_t;
-
-  // The value of one text; a text that is not JSON is a Json::exception.
-  Json parse(std::string_view text) {
-    root_ = Json();
-    depth_ = 0;
-    Json::sax_parse(text.begin(), text.end(), this);
-    return std::move(root_);
-  }
-
-  bool null() { return put(Json(nullptr)); }
-  bool boolean(bool value) { return put(Json(value)); }
-  bool number_integer(number_integer_t value) { return put(Json(value)); }
-  bool number_unsigned(number_unsigned_t value) { return put(Json(value)); }
-  bool number_float(number_float_t value, const string_t& /*raw*/) { return put(Json(value)); }
-  // Texts and keys are copied, not moved: they are the lexer's own buffer,
-  // which keeps its capacity only if it is left in place. One allocation of
-  // the exact size per text beats regrowing the buffer from empty each time.
-  bool string(string_t& value) { return put(Json(value)); }
-  bool binary(binary_t& value) { return put(Json::binary(std::move(value))); }
-
-  bool start_object(std::size_t /*elements*/) {
-    open(true);
-    return true;
-  }
-  bool key(string_t& name) {
-    Level& top = levels_[depth_ - 1];
-    const std::size_t at = position_of(top, name);
-    if (at == kAbsent) {
-      if (!top.keys.empty()) top.keys.emplace(name, top.pairs.size());
-      top.pairs.emplace_back(name, nullptr);
-      next_ = &top.pairs.back().second;
-    } else {
-      next_ = &top.pairs[at].second;
-    }
-    return true;
-  }
-  bool end_object() {
-    Level& top = levels_[depth_ - 1];
-    auto& object = top.container->get_ref<Json::object_t&>();
-    object.reserve(top.pairs.size());
-    for (auto& [name, value] : top.pairs) object.emplace_back(std::move(name), std::move(value));
-    close(top);
-    return true;
-  }
-  bool start_array(std::size_t /*elements*/) {
-    open(false);
-    return true;
-  }
-  bool end_array() {
-    Level& top = levels_[depth_ - 1];
-    auto& array = top.container->get_ref<Json::array_t&>();
-    array.reserve(top.items.size());
-    std::move(top.items.begin(), top.items.end(), std::back_inserter(array));
-    close(top);
-    return true;
-  }
-
-  template <class Exception>
-  bool parse_error(std::size_t /*position*/, const std::string& /*token*/, const Exception& error) {
-    throw error;
-  }
-
- private:
-  // Below this many keys a search of the keys costs less than hashing them.
-  static constexpr std::size_t kIndexFrom = 16;
-  static constexpr std::size_t kAbsent = static_cast<std::size_t>(-1);
-
-  // The container open at one nesting level and what it has read so far.
-  struct Level {
-    Json* container = nullptr;
-    bool object = false;
-    std::vector<std::pair<std::string, Json>> pairs;
-    std::vector<Json> items;
-    // Built once the object reaches kIndexFrom keys.
-    std::unordered_map<std::string, std::size_t> keys;
-  };
-  // Moving a Level when `levels_` grows must keep its scratch storage in
-  // place: values still being read point into it.
-  static_assert(std::is_nothrow_move_constructible_v<Level>);
-
-  static std::size_t position_of(Level& top, const std::string& name) {
-    if (top.pairs.size() < kIndexFrom) {
-      for (std::size_t i = 0; i < top.pairs.size(); ++i) {
-        if (top.pairs[i].first == name) return i;
-      }
-      return kAbsent;
-    }
-    if (top.keys.empty()) {
-      top.keys.reserve(top.pairs.size() * 2);
-      for (std::size_t i = 0; i < top.pairs.size(); ++i) top.keys.emplace(top.pairs[i].first, i);
-    }
-    const auto found = top.keys.find(name);
-    return found == top.keys.end() ? kAbsent : found->second;
-  }
-
-  void open(bool object) {
-    // A stored value is never this deep; a hostile file must not make the
-    // values that follow (copies, dumps) recurse past the stack.
-    if (depth_ >= MAX_JSON_DEPTH) {
-      throw ValueError("nesting deeper than " + std::to_string(MAX_JSON_DEPTH) + " levels");
-    }
-    Json* container = slot();
-    *container = object ? Json::object() : Json::array();
-    if (depth_ == levels_.size()) levels_.emplace_back();
-    Level& level = levels_[depth_++];
-    level.container = container;
-    level.object = object;
-    // A text that failed part-way may have left values behind.
-    level.pairs.clear();
-    level.items.clear();
-    if (!level.keys.empty()) level.keys.clear();
-  }
-  void close(Level& level) {
-    level.pairs.clear();
-    level.items.clear();
-    if (!level.keys.empty()) level.keys.clear();
-    --depth_;
-  }
-
-  // Where the value just read goes: the root, the end of the open array, or
-  // the place the last key named in the open object. While a value is open
-  // the scratch storage that holds it does not grow, so pointers stay valid.
-  Json* slot() {
-    if (depth_ == 0) return &root_;
-    Level& top = levels_[depth_ - 1];
-    if (!top.object) return &top.items.emplace_back();
-    return next_;
-  }
-  bool put(Json value) {
-    *slot() = std::move(value);
-    return true;
-  }
-
-  Json root_;
-  std::vector<Level> levels_;
-  std::size_t depth_ = 0;
-  Json* next_ = nullptr;
-};
-
-Json decode(LinearJsonBuilder& builder, std::string_view text, Shape shape,
-            const std::string& branch, const std::string& page_id, std::string_view column) {
+Json decode(std::string_view text, Shape shape, const std::string& branch,
+            const std::string& page_id, std::string_view column) {
   Json value;
   try {
-    value = builder.parse(text);
-  } catch (const Json::exception& e) {
-    throw StoreError("wiki store: " + where(branch, page_id, column) +
-                     " holds text that is not JSON: " + e.what());
+    value = parse_json(text);
   } catch (const ValueError& e) {
-    throw StoreError("wiki store: " + where(branch, page_id, column) + " holds JSON " + e.what());
+    // A hostile file's nesting is JSON all the same; anything else is not.
+    const std::string_view what = e.what();
+    if (what.starts_with("JSON ")) {
+      throw StoreError("wiki store: " + where(branch, page_id, column) + " holds JSON that " +
+                       std::string(what.substr(5)));
+    }
+    throw StoreError("wiki store: " + where(branch, page_id, column) +
+                     " holds text that is not JSON: " + std::string(what));
   }
   if (shape == Shape::TextList) {
     bool ok = value.is_array();
@@ -757,10 +606,9 @@ Existing SqliteWikiStore::load_pages(const std::string& branch) {
   static const std::string kSelect = select_pages_sql();
   Existing pages;
   std::string number;
-  LinearJsonBuilder builder;
   db_.for_each_row(kSelect, {branch}, [&](sqlite3_stmt* step) {
     std::string page_id(column_text(step, 1));
-    // Appended in column order: the object's own insertion searches its keys.
+    // Built in column order, the order a row shows its columns.
     Json row(Json::value_t::object);
     auto& fields = row.get_ref<Json::object_t&>();
     fields.reserve(std::size(kColumns));
@@ -769,7 +617,7 @@ Existing SqliteWikiStore::load_pages(const std::string& branch) {
       const int index = static_cast<int>(i);
       const int type = sqlite3_column_type(step, index);
       if (type == SQLITE_NULL) {
-        fields.emplace_back(std::string(column.name), nullptr);
+        fields.emplace(std::string(column.name), nullptr);
         continue;
       }
       std::string_view text;
@@ -780,10 +628,10 @@ Existing SqliteWikiStore::load_pages(const std::string& branch) {
         text = column_text(step, index);
       }
       if (column.shape == Shape::Text) {
-        fields.emplace_back(std::string(column.name), Json(Json::string_t(text)));
+        fields.emplace(std::string(column.name), Json(Json::string_t(text)));
       } else {
-        fields.emplace_back(std::string(column.name),
-                            decode(builder, text, column.shape, branch, page_id, column.name));
+        fields.emplace(std::string(column.name),
+                       decode(text, column.shape, branch, page_id, column.name));
       }
     }
     pages.insert_or_assign(std::move(page_id), std::move(row));

@@ -2,9 +2,13 @@
 // JSON form of plans, and the readers of optional row values.
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
+#include <simdjson.h>
+
 #include <algorithm>
 #include <charconv>
 #include <functional>
+#include <new>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 
@@ -65,9 +69,129 @@ class DepthLimitedBuilder {
   std::size_t depth_ = 0;
 };
 
-}  // namespace
+// A text simdjson cannot read as this program reads JSON.
+struct NotForSimdjson {};
 
-Json parse_json(std::string_view text) {
+template <class Result, class T>
+void take(Result&& result, T& out) {
+  if constexpr (std::is_same_v<std::decay_t<Result>, T>) {
+    out = std::forward<Result>(result);
+  } else if (std::forward<Result>(result).get(out) != simdjson::SUCCESS) {
+    throw NotForSimdjson{};
+  }
+}
+
+// Builds Json straight from simdjson's on-demand walk, with no document tree
+// in between: a request of 24 MB made a tree of several times its size.
+// Integers keep nlohmann's split (non-negative ones unsigned, "-0" an
+// integer), so a value reads and compares the same whichever parser made it.
+class OnDemandConverter {
+ public:
+  void convert(simdjson::ondemand::value value, Json& out, std::size_t depth) {
+    using simdjson::ondemand::json_type;
+    json_type type;
+    take(value.type(), type);
+    switch (type) {
+      case json_type::array: {
+        if (depth >= MAX_JSON_DEPTH) too_deep();
+        simdjson::ondemand::array items;
+        take(value.get_array(), items);
+        out = Json(Json::value_t::array);
+        auto& array = out.get_ref<Json::array_t&>();
+        for (auto item : items) {
+          simdjson::ondemand::value element;
+          take(std::move(item), element);
+          convert(element, array.emplace_back(), depth + 1);
+        }
+        return;
+      }
+      case json_type::object: {
+        if (depth >= MAX_JSON_DEPTH) too_deep();
+        simdjson::ondemand::object fields;
+        take(value.get_object(), fields);
+        out = Json(Json::value_t::object);
+        auto& object = out.get_ref<Json::object_t&>();
+        // A repeated key keeps its first place and takes the last value.
+        for (auto result : fields) {
+          simdjson::ondemand::field field;
+          take(std::move(result), field);
+          std::string_view key;
+          take(field.unescaped_key(), key);
+          convert(field.value(), object.emplace(key).first->second, depth + 1);
+        }
+        return;
+      }
+      case json_type::number:
+        number(value, out);
+        return;
+      case json_type::string: {
+        std::string_view text;
+        take(value.get_string(), text);
+        out = Json::string_t(text);
+        return;
+      }
+      case json_type::boolean: {
+        bool flag;
+        take(value.get_bool(), flag);
+        out = flag;
+        return;
+      }
+      case json_type::null: {
+        bool null;
+        take(value.is_null(), null);
+        if (!null) throw NotForSimdjson{};
+        out = nullptr;
+        return;
+      }
+    }
+    throw NotForSimdjson{};
+  }
+
+ private:
+  static void number(simdjson::ondemand::value value, Json& out) {
+    using simdjson::ondemand::number_type;
+    number_type type;
+    take(value.get_number_type(), type);
+    switch (type) {
+      case number_type::signed_integer: {
+        std::int64_t number;
+        take(value.get_int64(), number);
+        if (number >= 0) {
+          out = static_cast<Json::number_unsigned_t>(number);
+        } else {
+          out = static_cast<Json::number_integer_t>(number);
+        }
+        return;
+      }
+      case number_type::unsigned_integer: {
+        std::uint64_t number;
+        take(value.get_uint64(), number);
+        out = static_cast<Json::number_unsigned_t>(number);
+        return;
+      }
+      case number_type::floating_point_number: {
+        std::string_view token;
+        take(value.raw_json_token(), token);
+        // simdjson reads "-0" as a float; nlohmann reads it as an integer.
+        if (token.find_first_of(".eE") == std::string_view::npos) throw NotForSimdjson{};
+        double number;
+        take(value.get_double(), number);
+        out = number;
+        return;
+      }
+    }
+    throw NotForSimdjson{};
+  }
+
+  [[noreturn]] static void too_deep() {
+    throw ValueError("JSON nests deeper than " + std::to_string(MAX_JSON_DEPTH) + " levels");
+  }
+};
+
+// nlohmann's reading of a text: what it says about a text simdjson refuses
+// is the error the caller sees, and the few texts only it accepts (integers
+// beyond 64 bits, read as floating point) keep their old value.
+Json parse_json_slowly(std::string_view text) {
   Json result;
   DepthLimitedBuilder builder(result);
   try {
@@ -77,6 +201,39 @@ Json parse_json(std::string_view text) {
     throw ValueError(e.what());
   }
   return result;
+}
+
+}  // namespace
+
+Json parse_json(std::string_view text) {
+  // One parser and one padded copy of the text per thread: both keep the
+  // room of the largest text read, so a series of requests allocates once.
+  thread_local simdjson::ondemand::parser parser(simdjson::SIMDJSON_MAXSIZE_BYTES);
+  thread_local std::string padded;
+  padded.reserve(text.size() + simdjson::SIMDJSON_PADDING);
+  padded.assign(text);
+  try {
+    // Room for the nesting the converter refuses, so that the converter's
+    // message, not simdjson's, is what a too-deep text gets.
+    if (parser.max_depth() != MAX_JSON_DEPTH + 2 &&
+        parser.allocate(std::max<std::size_t>(parser.capacity(), 4096), MAX_JSON_DEPTH + 2) !=
+            simdjson::SUCCESS) {
+      throw NotForSimdjson{};
+    }
+    simdjson::ondemand::document document;
+    take(parser.iterate(padded.data(), padded.size(), padded.capacity()), document);
+    // A root that is not an array or an object (rare: no request or stored
+    // column is one) is left to nlohmann.
+    simdjson::ondemand::value root;
+    take(document.get_value(), root);
+    Json result;
+    OnDemandConverter().convert(root, result, 0);
+    const char* rest = nullptr;
+    if (document.current_location().get(rest) != simdjson::OUT_OF_BOUNDS) throw NotForSimdjson{};
+    return result;
+  } catch (const NotForSimdjson&) {
+    return parse_json_slowly(text);
+  }
 }
 
 int PagePlan::importance_score() const {

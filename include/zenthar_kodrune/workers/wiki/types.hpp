@@ -12,18 +12,18 @@
 // wrong JSON type is a TypeError naming the key and the page id.
 #pragma once
 
+#include <tsl/ordered_map.h>
+
 #include <cstdint>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
-#include <tsl/ordered_map.h>
 #include <unordered_set>
 #include <vector>
 
-namespace zenthar_kodrune::workers::wiki {
+#include "zenthar_kodrune/workers/wiki/json.hpp"
 
-using Json = nlohmann::ordered_json;
+namespace zenthar_kodrune::workers::wiki {
 
 // The branch's stored rows by page id, in first-insertion order (O(1) lookup).
 using Existing = tsl::ordered_map<std::string, Json>;

@@ -15,7 +15,6 @@
 #include <mutex>
 #include <string_view>
 #include <thread>
-#include <unordered_set>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -260,23 +259,13 @@ Json FileHasher::hashes(const std::vector<std::string>& paths) {
       if (found[i] == nullptr) found[i] = &known_.at(normal[i]);
     }
   }
-  // Entries are appended, not assigned through operator[]: an ordered object
-  // finds a key by a linear search, so a page of n files cost n * n string
-  // compares (the catch-all page of a large repository holds most of its
-  // files). Two paths can share a normal form; the first keeps its place.
+  // Two paths can share a normal form; the first keeps its place and hash.
   Json result = Json::object();
   auto& entries = result.get_ref<Json::object_t&>();
   entries.reserve(normal.size());
-  // Paths asked in strictly increasing order (as a page's sorted files are)
-  // cannot repeat, and need no set to find repeats.
-  const bool distinct = sorted_and_distinct(normal);
-  std::unordered_set<std::string_view> seen;
-  if (!distinct) seen.reserve(normal.size());
   for (std::size_t i = 0; i < normal.size(); ++i) {
     const Known& known = *found[i];
-    if (known.is_file && (distinct || seen.insert(normal[i]).second)) {
-      entries.emplace_back(normal[i], known.hash);
-    }
+    if (known.is_file) entries.emplace(normal[i], known.hash);
   }
   return result;
 }

@@ -6,10 +6,8 @@
 // batch. The stale marker and the steering entry share the hash mappings but
 // name no file, so they are never compared.
 #include <algorithm>
-#include <iterator>
 #include <set>
 #include <string>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -104,22 +102,13 @@ Json PlanRecordMixin::_page_changes(const PagePlan& plan, const Json* row) {
 
   // The build cache holds the hashes its sections were mapped against, so its
   // hash wins for a path both hold.
-  // A path keeps the place it was first seen in. A Json object finds a key by
-  // a linear search, so the pairs are appended to the object's vector with a
-  // hash index of their positions instead.
+  // A path keeps the place it was first seen in.
   Json stored = Json::object();
-  auto& pairs = stored.get_ref<Json::object_t&>();
-  std::unordered_map<std::string, std::size_t> position;
   const auto record = [&](const Json& hashes) {
     for (auto it = hashes.begin(); it != hashes.end(); ++it) {
       const std::string& key = it.key();
       if (key == STEERING_SENTINEL || key == _STALE_SENTINEL) continue;
-      const auto [at, fresh] = position.try_emplace(key, pairs.size());
-      if (fresh) {
-        pairs.emplace_back(key, *it);
-      } else {
-        std::next(pairs.begin(), static_cast<std::ptrdiff_t>(at->second))->second = *it;
-      }
+      stored[key] = *it;
     }
   };
   if (const Json* row_hashes = row_mapping(*row, "source_hashes")) record(*row_hashes);

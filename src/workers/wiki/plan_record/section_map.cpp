@@ -220,16 +220,6 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
     }
   }
 
-  // A Json object finds a key by a linear search: the hashes are indexed once
-  // so that each cited file is looked up in constant time.
-  IndexOf<std::string_view, const Json*> hash_of;
-  if (file_hashes.is_object()) {
-    hash_of.reserve(file_hashes.size());
-    for (auto it = file_hashes.begin(); it != file_hashes.end(); ++it) {
-      hash_of.emplace(std::string_view(it.key()), &it.value());
-    }
-  }
-
   Json out = Json::array();
   std::vector<SectionSpan> sections = section_spans(body);
   out.get_ref<Json::array_t&>().reserve(sections.size());
@@ -276,8 +266,7 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
       if (i > 0) hash_input.push_back('\n');
       hash_input.append(files[i]);
       hash_input.push_back('\0');
-      const auto indexed = hash_of.find(files[i]);
-      const Json* hash = indexed == hash_of.end() ? nullptr : indexed->second;
+      const Json* hash = find_value(file_hashes, files[i]);
       if (hash == nullptr || hash->is_null()) continue;
       if (hash->is_string()) {
         hash_input.append(hash->get_ref<const std::string&>());

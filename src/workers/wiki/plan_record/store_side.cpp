@@ -28,16 +28,10 @@ const PagePlan& plan_at(const PlanList& plans, std::size_t index) {
   return *plans[index];
 }
 
-// Beyond this many keys out of step, the stored side is indexed rather than
-// scanned: a page's mapping holds a few dozen keys, a catch-all page's many.
-constexpr std::size_t kScanLimit = 32;
-
 // Mapping equality: the same keys with equal values, whatever their order.
 // Stored hashes were recorded by the same code that makes the current ones,
 // so their keys mostly stand in the same order: they are compared in step
-// while they do, with no index at all. Keys are unique within a mapping, so a
-// key met in step with another value settles it, and the keys left once the
-// orders part are the same on both sides or the mappings differ.
+// while they do, and each key after the orders part is looked up.
 bool same_mapping(const Json& current, const Json& stored) {
   if (!stored.is_object() || current.size() != stored.size()) return false;
   std::size_t first_apart = 0;
@@ -51,27 +45,11 @@ bool same_mapping(const Json& current, const Json& stored) {
       ++first_apart;
     }
     if (first_apart == size) return true;
-    if (size - first_apart <= kScanLimit) {
-      for (std::size_t i = first_apart; i < size; ++i) {
-        std::size_t j = first_apart;
-        while (j < size && then[j].first != now[i].first) ++j;
-        if (j == size || then[j].second != now[i].second) return false;
-      }
-      return true;
-    }
-  }
-  // A Json object finds a key by a linear search, so the stored side is
-  // indexed once to keep the comparison linear in the mapping's size.
-  std::unordered_map<std::string_view, const Json*> index;
-  index.reserve(stored.size() - first_apart);
-  for (auto it = std::next(stored.begin(), static_cast<std::ptrdiff_t>(first_apart));
-       it != stored.end(); ++it) {
-    index.emplace(std::string_view(it.key()), &it.value());
   }
   for (auto it = std::next(current.begin(), static_cast<std::ptrdiff_t>(first_apart));
        it != current.end(); ++it) {
-    auto found = index.find(std::string_view(it.key()));
-    if (found == index.end() || *found->second != it.value()) return false;
+    const Json* found = find_value(stored, it.key());
+    if (found == nullptr || *found != it.value()) return false;
   }
   return true;
 }

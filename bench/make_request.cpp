@@ -1,0 +1,186 @@
+// Writes one rpc request line, of the kind and size asked, to standard output:
+// the inputs scripts/bench.sh pipes through `kodrune-wiki rpc`.
+//
+//   kodrune_bench_make_request pin_plan ROWS        the columns reconciliation reads
+//   kodrune_bench_make_request pin_plan_full ROWS   every column of a stored row
+//   kodrune_bench_make_request select_stale PLANS
+//   kodrune_bench_make_request section_map BODY_BYTES
+//   kodrune_bench_make_request section_map_hashes FILES
+//
+// Plans and rows are regular (ten files a page) so a request's size follows
+// its row count; the section workloads are the suite's (generator.hpp). The
+// same arguments give the same bytes on every machine.
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <iostream>
+#include <string>
+#include <string_view>
+
+#include "generator.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+
+namespace {
+
+using namespace kodrune_bench;
+using wiki::Json;
+
+Json request(std::string_view op, Json args) {
+  Json out = Json::object();
+  out["id"] = 1;
+  out["op"] = op;
+  out["args"] = std::move(args);
+  return out;
+}
+
+// The folder and the files of unit `unit`, `files` of them.
+std::string folder_of(std::size_t unit) { return "src/m" + std::to_string(unit); }
+std::vector<std::string> files_of(std::size_t unit, std::size_t files) {
+  std::vector<std::string> out;
+  for (std::size_t k = 0; k < files; ++k)
+    out.push_back(folder_of(unit) + "/f" + std::to_string(k) + ".py");
+  return out;
+}
+std::string page_of(std::size_t unit) { return "module-src-m" + std::to_string(unit); }
+
+// `rows` stored module pages of ten files each, and the planner's plan one
+// cycle later: one folder in a hundred deleted, one in fifty grown by a file,
+// one new folder per hundred. Rows hold the columns reconciliation reads;
+// `whole` adds every other column a store row carries.
+Json pin_plan(std::size_t rows, bool whole) {
+  Json existing = Json::object();
+  for (std::size_t unit = 0; unit < rows; ++unit) {
+    Json row = Json::object();
+    if (whole) row["branch"] = "main";
+    row["page_id"] = page_of(unit);
+    row["title"] = folder_of(unit);
+    if (whole) {
+      row["description"] = "What " + folder_of(unit) + " does.";
+      row["importance"] = "medium";
+    }
+    row["level"] = "module";
+    if (whole) {
+      row["parent_section"] = "Modules";
+      row["rel_path"] = "pages/" + page_of(unit) + ".md";
+    }
+    row["source_files"] = files_of(unit, 10);
+    if (whole) {
+      row["related_pages"] = Json::array();
+      row["status"] = "current";
+      row["page_type"] = "";
+      row["content_hash"] = "c" + std::to_string(unit);
+    }
+    existing[page_of(unit)] = std::move(row);
+  }
+  Json fresh = Json::array();
+  std::vector<std::string> live;
+  const auto plan = [&](std::size_t unit, std::size_t files) {
+    Json out = Json::object();
+    out["page_id"] = page_of(unit);
+    out["title"] = folder_of(unit);
+    out["level"] = "module";
+    out["source_files"] = files_of(unit, files);
+    for (const auto& path : out["source_files"]) live.push_back(path.get<std::string>());
+    fresh.push_back(std::move(out));
+  };
+  for (std::size_t unit = 0; unit < rows; ++unit) {
+    if (unit % 100 == 99) continue;
+    plan(unit, unit % 50 == 7 ? 11 : 10);
+  }
+  for (std::size_t unit = rows; unit < rows + rows / 100; ++unit) plan(unit, 10);
+  Json args = Json::object();
+  args["fresh_plans"] = std::move(fresh);
+  args["existing"] = std::move(existing);
+  args["live_paths"] = live;
+  args["replan"] = false;
+  return request("pin_plan", std::move(args));
+}
+
+// `plans` module pages of two files each, all stored: one in ten holds the
+// stale marker, one in twenty an older hash of a file, one in fifty no row.
+Json select_stale(std::size_t plans) {
+  Json files = Json::object();
+  Json plan_list = Json::array();
+  Json existing = Json::object();
+  const auto hash = [](const std::string& path, int version) {
+    return wiki::_text_hash(path + std::to_string(version)).substr(0, 16);
+  };
+  for (std::size_t unit = 0; unit < plans; ++unit) {
+    const std::vector<std::string> paths = files_of(unit, 2);
+    for (const auto& path : paths) files[path] = hash(path, 1);
+    Json out = Json::object();
+    out["page_id"] = page_of(unit);
+    out["level"] = "module";
+    out["source_files"] = paths;
+    plan_list.push_back(std::move(out));
+    if (unit % 50 == 3) continue;
+    Json hashes = Json::object();
+    if (unit % 10 == 1) {
+      hashes = wiki::stale_marker();
+    } else {
+      for (const auto& path : paths) hashes[path] = hash(path, unit % 20 == 5 ? 0 : 1);
+    }
+    Json row = Json::object();
+    row["page_id"] = page_of(unit);
+    row["source_files"] = paths;
+    row["source_hashes"] = std::move(hashes);
+    existing[page_of(unit)] = std::move(row);
+  }
+  Json host = Json::object();
+  host["branch"] = "main";
+  host["files"] = std::move(files);
+  Json args = Json::object();
+  args["host"] = std::move(host);
+  args["plans"] = std::move(plan_list);
+  args["existing"] = std::move(existing);
+  args["force"] = false;
+  return request("_select_stale", std::move(args));
+}
+
+Json section_map(const SectionWorkload& work) {
+  Json args = Json::object();
+  args["body"] = work.body;
+  args["citations"] = work.citations;
+  args["file_hashes"] = work.file_hashes;
+  return request("section_map", std::move(args));
+}
+
+int usage() {
+  std::cerr << "usage: kodrune_bench_make_request pin_plan|pin_plan_full|select_stale|"
+               "section_map|section_map_hashes SIZE\n";
+  return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3) return usage();
+  const std::string_view kind = argv[1];
+  const std::string_view size_text = argv[2];
+  std::size_t size = 0;
+  const auto [end, error] =
+      std::from_chars(size_text.data(), size_text.data() + size_text.size(), size);
+  if (error != std::errc() || end != size_text.data() + size_text.size() || size == 0)
+    return usage();
+
+  Json line;
+  if (kind == "pin_plan") {
+    line = pin_plan(size, false);
+  } else if (kind == "pin_plan_full") {
+    line = pin_plan(size, true);
+  } else if (kind == "select_stale") {
+    line = select_stale(size);
+  } else if (kind == "section_map") {
+    line = section_map(make_section_workload(size, 10000, 7));
+  } else if (kind == "section_map_hashes") {
+    // A page citing `size` files: the body grows with them, about a
+    // hundred bytes of prose per citation.
+    line = section_map(make_section_workload(size * 100, size, 7));
+  } else {
+    return usage();
+  }
+  const std::string text = line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
+  std::fwrite(text.data(), 1, text.size(), stdout);
+  return std::fflush(stdout) == 0 ? 0 : 1;
+}

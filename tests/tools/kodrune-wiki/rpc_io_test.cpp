@@ -1,0 +1,68 @@
+// The rpc loop over file descriptors: lines cut from large blocks, whatever
+// their length and however the input ends, answered in order.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "kodrune-wiki/rpc.hpp"
+#include "support/temp_dir.hpp"
+
+namespace kodrune_cli {
+namespace {
+
+std::vector<std::string> serve(const std::string& input) {
+  kodrune_test::TempDir dir;
+  const auto in_path = dir.path() / "in";
+  const auto out_path = dir.path() / "out";
+  std::ofstream(in_path, std::ios::binary) << input;
+  const int in = ::open(in_path.c_str(), O_RDONLY);
+  const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  EXPECT_EQ(serve_rpc_fd(in, out), 0);
+  ::close(in);
+  ::close(out);
+  std::ifstream answers(out_path, std::ios::binary);
+  std::vector<std::string> lines;
+  for (std::string line; std::getline(answers, line);) lines.push_back(line);
+  return lines;
+}
+
+std::string drift(int id, std::size_t padding = 0) {
+  return "{\"id\": " + std::to_string(id) + ", \"pad\": \"" + std::string(padding, 'x') +
+         "\", \"op\": \"drift_signal\", \"args\": {\"amendments\": [], \"plan_size\": 1}}";
+}
+
+std::string answer(int id) { return "{\"id\":" + std::to_string(id) + ",\"result\":null}"; }
+
+TEST(RpcIo, AnswersEveryLineInOrderWhateverItsLengthAndEnding) {
+  // Lines longer than a read block, lines across block boundaries, CRLF,
+  // blank lines, and a last line with no newline.
+  const std::string input = drift(1) + "\n\n  \t\n" + drift(2, 3u << 20) + "\r\n" + drift(3) +
+                            "\n" + drift(4, (1u << 20) - 40) + "\n" + drift(5, 1u << 19) + "\n" +
+                            drift(6);
+  EXPECT_EQ(serve(input), (std::vector<std::string>{answer(1), answer(2), answer(3), answer(4),
+                                                    answer(5), answer(6)}));
+  EXPECT_TRUE(serve("").empty());
+  // Many short lines in one block, one of them not JSON.
+  std::string many;
+  std::vector<std::string> expected;
+  for (int id = 0; id < 20000; ++id) {
+    many += id == 777 ? "{not json\n" : drift(id) + "\n";
+    expected.push_back(answer(id));
+  }
+  const auto answers = serve(many);
+  ASSERT_EQ(answers.size(), expected.size());
+  EXPECT_NE(answers[777].find(
+                "\"id\":null,\"error\":{\"kind\":\"invalid_request\",\"message\":\"malformed JSON"),
+            std::string::npos)
+      << answers[777];
+  expected[777] = answers[777];
+  EXPECT_EQ(answers, expected);
+}
+
+}  // namespace
+}  // namespace kodrune_cli
