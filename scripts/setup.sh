@@ -10,6 +10,7 @@ packages=(
   nlohmann-json3-dev libtsl-ordered-map-dev libpcre2-dev libspdlog-dev
   libsqlite3-dev libssl-dev libcli11-dev libmimalloc-dev libutfcpp-dev
   libgtest-dev libgmock-dev libbenchmark-dev
+  postgresql libpq-dev
 )
 
 missing=()
