@@ -73,10 +73,6 @@ Command add_save_command(CLI::App& app) {
                 }
               }
               auto generator = open_generator(options->common);
-              // One hold across the build and the save: no build of the
-              // branch runs between them.
-              const auto hold = generator->hold_branch();
-              generator->build(false, false, false);
               const auto saved = generator->save_page(
                   options->page_id, body, citations,
                   options->title.empty() ? std::nullopt

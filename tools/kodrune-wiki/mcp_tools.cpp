@@ -582,9 +582,8 @@ Json WikiService::save_page_tool(const Json& arguments) {
   const std::string page_id = arguments.at("page_id").get<std::string>();
   const Json* citations = wiki::find_value(arguments, "citations");
   const Json* title = wiki::find_value(arguments, "title");
-  // As `save` does: a build first, so the page is checked against the
-  // current plan and hashed as its files are now.
-  add_carries(carried_, g.build(false, false, false).remap);
+  // The save derives the current plan itself: the page is checked against
+  // it and hashed as its files are now.
   const wiki::SaveResult saved = g.save_page(
       page_id, arguments.at("body").get<std::string>(),
       citations == nullptr ? std::nullopt : std::optional<Json>(*citations),

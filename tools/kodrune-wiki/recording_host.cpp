@@ -53,6 +53,20 @@ class RecordingHost::Store final : public wiki::WikiStore, public wiki::Database
     host_.calls_.push_back(std::move(entry));
   }
 
+  void update_structure(const std::string& branch, const std::string& page_id,
+                        const std::string& title, const wiki::WikiPageColumns& columns) override {
+    Json entry = record("update_structure");
+    entry["args"] = Json::array({branch, page_id, title});
+    entry["source_files"] = columns.source_files;
+    host_.calls_.push_back(std::move(entry));
+  }
+
+  void delete_pages(const std::string& branch, const std::vector<std::string>& page_ids) override {
+    Json entry = record("delete_pages");
+    entry["args"] = Json::array({branch, page_ids});
+    host_.calls_.push_back(std::move(entry));
+  }
+
   // The host's rows when asked for its branch; nothing for another.
   wiki::Existing load_pages(const std::string& branch) override {
     return branch == host_.branch_ ? host_.existing_ : wiki::Existing{};

@@ -2,7 +2,6 @@
 // branch's code-unit rows by the skeleton of the new plan.
 #include "zenthar_kodrune/workers/wiki/page_retirement.hpp"
 
-#include <set>
 #include <unordered_set>
 
 #include "zenthar_kodrune/workers/wiki/store.hpp"
@@ -11,17 +10,8 @@
 namespace zenthar_kodrune::workers::wiki {
 
 void PageRetirementMixin::_retire_pages(const std::vector<std::string>& page_ids) {
-  // Distinct and sorted: the same ids give the same statement.
-  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
-  if (ids.empty()) return;
-  std::string sql = "DELETE FROM wiki_pages WHERE branch = ? AND page_id IN (";
-  std::vector<SqlValue> params{branch()};
-  for (const auto& id : ids) {
-    sql += params.size() == 1 ? "?" : ",?";
-    params.emplace_back(id);
-  }
-  sql += ")";
-  repository().db().execute(sql, params);
+  if (page_ids.empty()) return;
+  repository().delete_pages(branch(), page_ids);
 }
 
 void PageRetirementMixin::_apply_replan(const PlanList& plans) {

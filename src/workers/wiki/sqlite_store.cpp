@@ -10,6 +10,7 @@
 #include <functional>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -790,27 +791,54 @@ Existing SqliteWikiStore::load_pages(const std::string& branch) {
   return pages;
 }
 
+void SqliteWikiStore::update_structure(const std::string& branch, const std::string& page_id,
+                                       const std::string& title, const WikiPageColumns& columns) {
+  static constexpr std::string_view kUpdate =
+      "UPDATE wiki_pages SET title = ?, description = ?, importance = ?, level = ?, "
+      "parent_section = ?, rel_path = ?, source_files = ?, related_pages = ?, page_type = ? "
+      "WHERE branch = ? AND page_id = ?";
+  std::vector<SqlValue> params;
+  params.reserve(11);
+  params.emplace_back(title);
+  params.emplace_back(columns.description);
+  params.emplace_back(columns.importance);
+  params.emplace_back(columns.level);
+  params.emplace_back(columns.parent_section);
+  params.emplace_back(columns.rel_path);
+  params.emplace_back(encode(Json(columns.source_files), branch, page_id, "source_files"));
+  params.emplace_back(encode(Json(columns.related_pages), branch, page_id, "related_pages"));
+  params.emplace_back(columns.page_type);
+  params.emplace_back(branch);
+  params.emplace_back(page_id);
+  db_.execute(kUpdate, params);
+}
+
 void SqliteWikiStore::delete_pages(const std::string& branch,
                                    const std::vector<std::string>& page_ids) {
-  if (page_ids.empty()) return;
+  // Distinct and sorted: the same ids give the same statement.
+  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
+  if (ids.empty()) return;
   std::string sql = "DELETE FROM wiki_pages WHERE branch = ? AND page_id IN (";
   std::vector<SqlValue> params{branch};
-  for (std::size_t i = 0; i < page_ids.size(); ++i) {
-    sql += i == 0 ? "?" : ",?";
-    params.emplace_back(page_ids[i]);
+  for (const auto& id : ids) {
+    sql += params.size() == 1 ? "?" : ",?";
+    params.emplace_back(id);
   }
   sql += ")";
   db_.execute(sql, params);
 }
 
-std::unordered_map<std::string, CachedFileHash> SqliteWikiStore::load_file_hash_cache() {
-  std::unordered_map<std::string, CachedFileHash> cache;
+FileHashCache SqliteWikiStore::load_file_hash_cache() {
+  // A connection serves one thread at a time, and this read runs beside the
+  // build that holds the store's own.
+  SqliteDatabase reader(db_.path());
+  FileHashCache cache;
   // Sized first: growing a map of 100k entries rehashes it many times over,
   // and each rehash walks every node, which costs more than counting rows.
-  db_.for_each_row("SELECT count(*) FROM file_hashes", {}, [&cache](sqlite3_stmt* step) {
+  reader.for_each_row("SELECT count(*) FROM file_hashes", {}, [&cache](sqlite3_stmt* step) {
     cache.reserve(static_cast<std::size_t>(sqlite3_column_int64(step, 0)));
   });
-  db_.for_each_row(
+  reader.for_each_row(
       "SELECT path, size, mtime_ns, inode, hash FROM file_hashes", {}, [&](sqlite3_stmt* step) {
         const auto holds_text = [step](int column) {
           const int type = sqlite3_column_type(step, column);

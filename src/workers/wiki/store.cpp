@@ -1,4 +1,5 @@
-// The transaction scope shared by every store.
+// What every store shares: the transaction scope, and the row a load gives
+// back for what was written.
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
 #include <exception>
@@ -22,6 +23,46 @@ Transaction::~Transaction() noexcept(false) {
     return;
   }
   db_.end_transaction(false);
+}
+
+}  // namespace zenthar_kodrune::workers::wiki
+
+namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+// The structural columns, in the order a loaded row shows them.
+void set_structure(Json& row, const std::string& title, const WikiPageColumns& columns) {
+  row["title"] = title;
+  row["description"] = columns.description;
+  row["importance"] = columns.importance;
+  row["level"] = columns.level;
+  row["parent_section"] = columns.parent_section;
+  row["rel_path"] = columns.rel_path;
+  row["source_files"] = columns.source_files;
+  if (!row.contains("source_hashes")) row["source_hashes"] = nullptr;
+  row["related_pages"] = columns.related_pages;
+  if (!row.contains("status")) row["status"] = "";
+  row["page_type"] = columns.page_type;
+}
+
+}  // namespace
+
+Json stored_row(const std::string& branch, const std::string& page_id, const std::string& title,
+                const WikiPageColumns& columns) {
+  Json row = Json::object();
+  row["branch"] = branch;
+  row["page_id"] = page_id;
+  set_structure(row, title, columns);
+  row["source_hashes"] = columns.source_hashes;
+  row["status"] = columns.status;
+  row["content_hash"] = columns.content_hash ? Json(*columns.content_hash) : Json(nullptr);
+  row["build_cache"] = columns.build_cache;
+  return row;
+}
+
+void restructure_row(Json& row, const std::string& title, const WikiPageColumns& columns) {
+  set_structure(row, title, columns);
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include "kodrune-wiki/recording_host.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
@@ -26,15 +25,6 @@ void add_row(SqliteWikiStore& store, const std::string& branch, const std::strin
   store.upsert_wiki_page(branch, id, id, columns);
 }
 
-TEST(RetirePages, OneDeleteOverTheDistinctIdsAndNoneForNoIds) {
-  kodrune_cli::RecordingHost host(Json::parse(R"({"branch": "main"})"));
-  host._retire_pages({});
-  host._retire_pages({"b", "a", "b"});
-  EXPECT_EQ(
-      host.calls().dump(),
-      R"j([{"call":"execute","sql":"DELETE FROM wiki_pages WHERE branch = ? AND page_id IN (?,?)","params":["main","a","b"]}])j");
-}
-
 TEST(RetirePages, DeletesOnlyTheHostBranchRows) {
   kodrune_test::TempDir tmp;
   SqliteWikiStore store(tmp.path() / "wiki.db");
@@ -43,7 +33,7 @@ TEST(RetirePages, DeletesOnlyTheHostBranchRows) {
     add_row(store, branch, "module-b", "module");
   }
   kodrune_test::StoreHost host(store, "main");
-  host._retire_pages({"module-a", "module-unknown"});
+  host._retire_pages({"module-a", "module-unknown", "module-a"});
   EXPECT_EQ(ids_of(store.load_pages("main")), (std::vector<std::string>{"module-b"}));
   EXPECT_EQ(ids_of(store.load_pages("dev")), (std::vector<std::string>{"module-a", "module-b"}));
 }

@@ -71,6 +71,42 @@ TEST(SqliteWikiStore, RoundTripsEveryColumn) {
   EXPECT_EQ(std::get<std::string>(raw.at(0).at(1)),
             R"({"src/b.cpp":"h2","src/a.cpp":"h1","__steering__":"s"})");
   EXPECT_TRUE(store.load_pages("other").empty());
+  // A host that keeps its loaded rows in step with its writes holds what a
+  // load would give.
+  EXPECT_EQ(stored_row("main", "module-core-part-1", "Core, part 1", columns),
+            pages.at("module-core-part-1"));
+  EXPECT_EQ(stored_row("main", "module-bare", "Bare", with_title_only()), pages.at("module-bare"));
+}
+
+TEST(SqliteWikiStore, StructureUpdateLeavesWhatTheSaveWroteAndThePlace) {
+  kodrune_test::TempDir tmp;
+  SqliteWikiStore store(tmp.path() / "wiki.db");
+  WikiPageColumns saved;
+  saved.source_files = {"a.py"};
+  saved.source_hashes = Json::parse(R"({"a.py": "h"})");
+  saved.status = "fresh";
+  saved.content_hash = "c0ffee";
+  saved.build_cache = Json::parse(R"({"citations": []})");
+  store.upsert_wiki_page("main", "module-a", "A", saved);
+  store.upsert_wiki_page("main", "module-b", "B", with_title_only());
+
+  WikiPageColumns planned;
+  planned.description = "Now two files";
+  planned.source_files = {"a.py", "b.py"};
+  planned.related_pages = {"module-b"};
+  planned.status = "ignored";
+  store.update_structure("main", "module-a", "A, bigger", planned);
+  store.update_structure("main", "module-missing", "no row", planned);
+  store.update_structure("dev", "module-a", "other branch", planned);
+
+  const Existing pages = store.load_pages("main");
+  EXPECT_EQ(ids_of(pages), (std::vector<std::string>{"module-a", "module-b"}));
+  Json expected = stored_row("main", "module-a", "A", saved);
+  restructure_row(expected, "A, bigger", planned);
+  EXPECT_EQ(pages.at("module-a"), expected);
+  EXPECT_EQ(pages.at("module-a")["content_hash"], "c0ffee");
+  EXPECT_EQ(pages.at("module-a")["source_files"], Json::parse(R"(["a.py", "b.py"])"));
+  EXPECT_TRUE(store.load_pages("dev").empty());
 }
 
 TEST(SqliteWikiStore, ReplacedRowKeepsItsFirstInsertionPlace) {

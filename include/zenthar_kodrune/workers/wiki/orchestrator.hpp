@@ -55,7 +55,7 @@
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
-#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+#include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
@@ -107,8 +107,6 @@ PlanLogRead read_plan_log(const std::filesystem::path& repo_root, const std::str
 
 // ---- file hashing ----
 
-// Path -> what the store's hash cache remembers of it (sqlite_store.hpp).
-using FileHashCache = std::unordered_map<std::string, CachedFileHash>;
 
 // Told how far hashing has got: files hashed so far and files to hash.
 using HashProgress = std::function<void(std::size_t done, std::size_t total)>;
@@ -219,12 +217,17 @@ struct SaveResult {
   std::filesystem::path body_path;
 };
 
+class MirroredStore;
+
 class WikiGenerator : public PlanRecordMixin {
  public:
   // Opens the default store (SQLite in R/memory/orvane/.store/wiki.db) when
   // `repository` is null. The branch is checked first (check_branch_name).
   WikiGenerator(std::filesystem::path repo_root, std::string branch,
                 std::unique_ptr<WikiStore> repository = nullptr, WikiGeneratorOptions options = {});
+  ~WikiGenerator() override;
+  WikiGenerator(const WikiGenerator&) = delete;
+  WikiGenerator& operator=(const WikiGenerator&) = delete;
 
   // Holds the branch's lock while alive; a generator already holding it
   // takes it again at no cost. The first hold finishes what a killed process
@@ -243,8 +246,12 @@ class WikiGenerator : public PlanRecordMixin {
 
   const std::string& branch() const override { return branch_; }
   const std::filesystem::path& pages_dir() const override { return pages_dir_; }
-  const Existing& _existing() const override { return existing_; }
-  WikiStore& repository() override { return *repository_; }
+  // The branch's rows as a load gives them: loaded once per derivation and
+  // kept in step with the generator's own writes.
+  const Existing& _existing() const override;
+  // The store, seen through that mirror: writes go to the store and to the
+  // rows `_existing` shows.
+  WikiStore& repository() override;
   Json _source_hashes(const std::vector<std::string>& paths) override;
   std::string _steering_text() override;
   void _reload_existing() override;
@@ -255,12 +262,12 @@ class WikiGenerator : public PlanRecordMixin {
   const RepositoryIndex& index() const { return index_; }
   FileHasher& hasher() { return hasher_; }
 
-  // Indexes, plans and pins; writes nothing. With `prefetch`, the source
-  // files are hashed on a thread of their own meanwhile (the store's hash
-  // cache read through a second connection), ready for the stale selection.
-  // That connection only reads: under WAL it does not wait on the write
-  // transaction a build runs derive in, where a second writer would wait on
-  // its own process until the busy timeout.
+  // Indexes, plans and pins; writes nothing. Loads the branch's rows afresh:
+  // the one load of a build. With `prefetch`, the source files are hashed on
+  // a thread of their own meanwhile, ready for the stale selection; the
+  // store reads its hash cache for it over a connection of its own, which
+  // only reads and so never waits on the write transaction a build runs
+  // derive in.
   Derivation derive(bool replan, bool prefetch = false);
 
   // One build: derive; record the plan in the store in one transaction
@@ -278,8 +285,10 @@ class WikiGenerator : public PlanRecordMixin {
   // Why a planned page is to be written, or nullopt when it is fresh.
   std::optional<std::string> stale_reason(const PagePlan& plan, bool force);
 
-  // Records a written page (after a build, so the plan is current). Without
-  // `citations`, the body's prose citations that verify are stored. An id
+  // Records a written page against the plan derived now, in one transaction
+  // under the branch's lock: the branch's rows are read once, and nothing
+  // but the page's row is written (a branch without rows gets its first plan
+  // recorded first, as a build would). Without `citations`, the body's prose citations that verify are stored. An id
   // outside the current plan is a KeyError; a body or title that is not
   // UTF-8 text is a ValueError naming the page and the offending byte. The
   // row and the body agree after a crash at any point, or the next command
@@ -312,11 +321,10 @@ class WikiGenerator : public PlanRecordMixin {
   std::optional<std::string> body_mismatch(const Json& row);
 
   // Retires, persists and updates rows so the store holds the pinned plan.
-  // Returns whether it wrote anything (else `existing_` still holds the rows).
-  bool record_plan(const PinResult& pinned, bool replan);
-  // Hashes every source file once, from the cache where it can; `cache`
-  // is the store the cache is read from when it has not been yet.
-  void prefetch_hashes(SqliteWikiStore* cache);
+  void record_plan(const PinResult& pinned, bool replan);
+  // Hashes every source file once, from the store's cache where it can (read
+  // on the first build only).
+  void prefetch_hashes();
   // The hashes a derivation started gathering, waited for (its failure
   // thrown here); gathered now when none was started.
   void collect_prefetch();
@@ -329,8 +337,8 @@ class WikiGenerator : public PlanRecordMixin {
   std::filesystem::path wiki_dir_;
   std::filesystem::path pages_dir_;
   std::unique_ptr<WikiStore> repository_;
+  std::unique_ptr<MirroredStore> mirror_;
   WikiGeneratorOptions options_;
-  Existing existing_;
   RepositoryIndex index_;
   FileHasher hasher_;
   bool cache_loaded_ = false;

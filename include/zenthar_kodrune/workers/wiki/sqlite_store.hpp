@@ -89,16 +89,6 @@ class SqliteDatabase final : public Database {
   std::unique_ptr<StatementCache> statements_;
 };
 
-// What the content-hash cache remembers of one file: the hash is reused while
-// size, modification time and inode are unchanged.
-struct CachedFileHash {
-  std::uint64_t size = 0;
-  std::int64_t mtime_ns = 0;
-  std::uint64_t inode = 0;
-  std::string hash;
-  bool operator==(const CachedFileHash&) const = default;
-};
-
 class SqliteWikiStore final : public WikiStore {
  public:
   // The schema version this program writes and reads. Version 2 added the
@@ -128,15 +118,15 @@ class SqliteWikiStore final : public WikiStore {
   // encoded (invalid UTF-8) is a StoreError naming the page and the column.
   void upsert_wiki_page(const std::string& branch, const std::string& page_id,
                         const std::string& title, const WikiPageColumns& columns) override;
+  void update_structure(const std::string& branch, const std::string& page_id,
+                        const std::string& title, const WikiPageColumns& columns) override;
   Existing load_pages(const std::string& branch) override;
+  // One statement over the distinct ids.
+  void delete_pages(const std::string& branch, const std::vector<std::string>& page_ids) override;
 
-  // Deletes the branch's rows of those ids in one statement; nothing for none.
-  void delete_pages(const std::string& branch, const std::vector<std::string>& page_ids);
-
-  // The content-hash cache, keyed by repository-relative path.
-  std::unordered_map<std::string, CachedFileHash> load_file_hash_cache();
-  // Inserts or replaces the entries, all in one transaction.
-  void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries);
+  // Read over a connection of its own, so it may run beside a build.
+  FileHashCache load_file_hash_cache() override;
+  void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) override;
 
   void add_pending_log_line(const std::string& branch, const std::string& line) override;
   std::vector<PendingLogLine> pending_log_lines(const std::string& branch) override;

@@ -1,12 +1,17 @@
 // The wiki store's interface: the table `wiki_pages`, one row per
-// (branch, page_id), and the database handle it runs on. SQLite serves it by
-// default (sqlite_store.hpp); anything that can keep these promises can serve.
+// (branch, page_id), the pending plan log lines, the file hash cache, and the
+// database handle they run on. Every statement a build or a save needs is a
+// method here, so a backend is free to speak its own dialect; the one
+// exception is the component's `_mark_synthesis_stale`, whose statement goes
+// through `db().execute` with "?" placeholders as it is defined. SQLite serves
+// it by default (sqlite_store.hpp); anything that keeps these promises can.
 #pragma once
 
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -68,21 +73,70 @@ struct WikiPageColumns {
   Json build_cache = Json::object();
 };
 
+// The row `load_pages` gives for a row written by `upsert_wiki_page` with
+// these arguments: a host that keeps the rows it loaded up to date after its
+// own writes, instead of loading them again, holds exactly what a load would.
+Json stored_row(const std::string& branch, const std::string& page_id, const std::string& title,
+                const WikiPageColumns& columns);
+
+// The same after `update_structure` replaced the structural columns of `row`.
+void restructure_row(Json& row, const std::string& title, const WikiPageColumns& columns);
+
+// What the content-hash cache remembers of one file: the hash is reused while
+// size, modification time and inode are unchanged.
+struct CachedFileHash {
+  std::uint64_t size = 0;
+  std::int64_t mtime_ns = 0;
+  std::uint64_t inode = 0;
+  std::string hash;
+  bool operator==(const CachedFileHash&) const = default;
+};
+
+// Keyed by repository-relative path.
+using FileHashCache = std::unordered_map<std::string, CachedFileHash>;
+
 class WikiStore {
  public:
   virtual ~WikiStore() = default;
 
   virtual Database& db() = 0;
 
+  // Serialises the open transaction against every other build and save of
+  // the branch, in this process or another, until the transaction ends. The
+  // default does nothing: it is for stores whose write transactions already
+  // exclude each other (SQLite's BEGIN IMMEDIATE takes the write lock).
+  virtual void lock_branch(const std::string& branch) { (void)branch; }
+
   // Inserts the row or replaces every column of the existing one; a replaced
   // row keeps its place in first-insertion order.
   virtual void upsert_wiki_page(const std::string& branch, const std::string& page_id,
                                 const std::string& title, const WikiPageColumns& columns) = 0;
 
+  // Replaces the structural columns of an existing row (title, description,
+  // importance, level, parent_section, rel_path, source_files, related_pages,
+  // page_type) and leaves what a save wrote (hashes, status, content hash,
+  // build cache) and the row's place as they are. No row, no change.
+  virtual void update_structure(const std::string& branch, const std::string& page_id,
+                                const std::string& title, const WikiPageColumns& columns) = 0;
+
+  // Deletes the branch's rows of those ids; nothing for none. Ids without a
+  // row are passed over.
+  virtual void delete_pages(const std::string& branch, const std::vector<std::string>& page_ids) = 0;
+
   // The branch's rows decoded (lists as lists, mappings as mappings), in
   // first-insertion order. Undecodable stored JSON is a StoreError naming the
   // branch, page id and column.
   virtual Existing load_pages(const std::string& branch) = 0;
+
+  // The file content-hash cache. A store without one answers empty and keeps
+  // nothing: every build then hashes every file. `load_file_hash_cache` may
+  // run on another thread while the store serves a build, so a store that
+  // keeps a cache reads it over a connection of its own.
+  virtual FileHashCache load_file_hash_cache() { return {}; }
+  // Inserts or replaces the entries, all in one transaction.
+  virtual void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) {
+    (void)entries;
+  }
 
   // Plan log lines a build recorded in its own transaction and that are not
   // yet known to be in the log, oldest first, each with its sequence number.

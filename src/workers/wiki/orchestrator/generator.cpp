@@ -10,10 +10,12 @@
 #include <map>
 #include <unordered_set>
 
+#include "mirrored_store.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/fault_point.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 #include "zenthar_kodrune/workers/wiki/verify.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
@@ -67,17 +69,6 @@ WikiPageColumns structural_columns(const PagePlan& plan) {
   columns.related_pages = related_of(plan);
   columns.page_type = plan.type;
   return columns;
-}
-
-// A stored row's own columns kept as they are.
-void keep_row_state(const Json& row, WikiPageColumns& columns) {
-  const Json* hashes = find_value(row, "source_hashes");
-  columns.source_hashes = hashes == nullptr ? Json::object() : *hashes;
-  columns.status = row_text(row, "status");
-  const std::string content_hash = row_text(row, "content_hash");
-  if (!content_hash.empty()) columns.content_hash = content_hash;
-  const Json* cache = row_mapping(row, "build_cache");
-  columns.build_cache = cache == nullptr ? Json::object() : *cache;
 }
 
 // Whether the row's text under `key` reads as `text`, with row_text's rules
@@ -165,7 +156,14 @@ WikiGenerator::WikiGenerator(fs::path repo_root, std::string branch,
   }
   if (!options_.reader) options_.reader = read_whole_file;
   if (!repository_) repository_ = open_default_store(repo_root_);
+  mirror_ = std::make_unique<MirroredStore>(*repository_, branch_);
 }
+
+WikiGenerator::~WikiGenerator() { abandon_prefetch(); }
+
+const Existing& WikiGenerator::_existing() const { return mirror_->rows(); }
+
+WikiStore& WikiGenerator::repository() { return *mirror_; }
 
 Json WikiGenerator::_source_hashes(const std::vector<std::string>& paths) {
   return hasher_.hashes(paths);
@@ -188,11 +186,15 @@ std::string WikiGenerator::_steering_text() {
   return *steering_memo_;
 }
 
-void WikiGenerator::_reload_existing() { existing_ = repository_->load_pages(branch_); }
+// The mirror holds every write made through it; it loads again only after a
+// change it could not follow.
+void WikiGenerator::_reload_existing() { mirror_->rows(); }
 
 WikiGenerator::BranchHold::BranchHold(WikiGenerator& owner) : owner_(owner) {
   if (owner_.hold_depth_++ > 0) return;
   try {
+    // Beside the default store, whichever store serves: the lock also covers
+    // the wiki folder's files, which are local whatever the store.
     const SafeDir store =
         owner_.open_below_root(SqliteWikiStore::default_path({}).parent_path(), true);
     // Named by a hash: a branch name may hold "/" and be long.
@@ -247,15 +249,13 @@ void WikiGenerator::finish_interrupted_saves() {
   const fs::path pages_relative = wiki_relative(branch_) / "pages";
   const std::optional<SafeDir> pages = SafeDir::open_if_exists(repo_root_, pages_relative);
   if (!pages) return;  // nothing saved yet
-  std::optional<Existing> rows;
   bool changed = false;
   for (const auto& name : pages->names()) {
     const auto saving = saving_target(name);
     if (!saving) continue;
     const std::string& target = *saving;
-    if (!rows) rows = repository_->load_pages(branch_);
     std::string content_hash;
-    for (const auto& [id, row] : *rows) {
+    for (const auto& [id, row] : _existing()) {
       if (row_text(row, "rel_path") == "pages/" + target)
         content_hash = row_text(row, "content_hash");
     }
@@ -309,80 +309,76 @@ Derivation WikiGenerator::derive(bool replan, bool prefetch) {
   index_ = index_repository(repo_root_, options_.planner);
   if (prefetch) {
     // The hasher, the index and the cache are left to the prefetch thread
-    // until collect_prefetch: nothing below touches them. Its own connection
-    // reads the cache, as one connection serves one thread.
-    auto* sqlite = dynamic_cast<SqliteWikiStore*>(repository_.get());
-    std::filesystem::path cache_path;
-    if (!cache_loaded_ && sqlite != nullptr) cache_path = sqlite->sqlite().path();
-    prefetch_ = std::async(std::launch::async, [this, cache_path] {
-      if (cache_path.empty()) {
-        prefetch_hashes(nullptr);
-      } else {
-        SqliteWikiStore cache(cache_path);
-        prefetch_hashes(&cache);
-      }
-    });
+    // until collect_prefetch: nothing below touches them. The store reads
+    // the cache over a connection of its own.
+    prefetch_ = std::async(std::launch::async, [this] { prefetch_hashes(); });
   }
-  _reload_existing();
+  // What another process wrote since the last derivation is seen.
+  mirror_->forget();
+  const Existing& existing = _existing();
   Derivation derivation;
-  derivation.first_plan = existing_.empty();
+  derivation.first_plan = existing.empty();
   const PlanList fresh = plan_pages(index_.source_files, options_.planner);
   const PathSet live(index_.source_files.begin(), index_.source_files.end());
-  derivation.pinned = pin_plan(fresh, existing_, live, replan);
+  derivation.pinned = pin_plan(fresh, existing, live, replan);
   return derivation;
 }
 
-bool WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
+void WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
+  const Existing& existing = _existing();
   std::unordered_set<std::string> planned;
   for (const auto& plan : pinned.plans) planned.insert(plan->page_id);
   std::vector<std::string> retired;
   for (const auto& amendment : pinned.amendments) {
     if (amendment.at("action") != "retire") continue;
     const std::string id = amendment.value("page_id", "");
-    if (existing_.count(id) != 0 && planned.count(id) == 0 &&
+    if (existing.count(id) != 0 && planned.count(id) == 0 &&
         std::find(retired.begin(), retired.end(), id) == retired.end()) {
       retired.push_back(id);
     }
   }
 
-  // The stored rows are read again only after a write: a build over an
-  // unchanged repository writes nothing and reads the branch's rows once.
-  bool wrote = !retired.empty() || replan;
-  auto transaction = repository_->db().transaction();
+  // Every write goes through the mirror, which keeps `_existing` in step:
+  // the rows are not read again, whatever is written.
+  auto transaction = repository().db().transaction();
   _retire_pages(retired);
   if (replan) {
     _apply_replan(pinned.plans);
   } else {
-    if (wrote) _reload_existing();
-    if (_persist_plan_skeleton(pinned.plans) > 0) wrote = true;
+    _persist_plan_skeleton(pinned.plans);
   }
-  if (wrote) _reload_existing();
   std::unordered_set<std::string> seen;
   std::vector<std::string> scratch;
   for (const auto& plan : pinned.plans) {
     if (!seen.insert(plan->page_id).second) continue;
-    const auto row = existing_.find(plan->page_id);
-    if (row != existing_.end() &&
+    const Existing& rows = _existing();
+    const auto row = rows.find(plan->page_id);
+    if (row != rows.end() &&
         same_structure(row->second, *plan, sorted_distinct(plan->source_files, scratch))) {
       continue;
     }
-    WikiPageColumns columns = structural_columns(*plan);
-    if (row == existing_.end()) {
-      // Recorded once, so a planned page of another level is not "added" again
-      // in every build.
-      columns.source_hashes = stale_marker();
-      columns.status = "stale";
+    const WikiPageColumns columns = [&] {
+      WikiPageColumns planned_columns = structural_columns(*plan);
+      if (row == rows.end()) {
+        // Recorded once, so a planned page of another level is not "added"
+        // again in every build.
+        planned_columns.source_hashes = stale_marker();
+        planned_columns.status = "stale";
+      }
+      return planned_columns;
+    }();
+    // A stored row keeps what its save wrote: only its structure follows
+    // the plan.
+    if (row == rows.end()) {
+      repository().upsert_wiki_page(branch_, plan->page_id, plan->title, columns);
     } else {
-      keep_row_state(row->second, columns);
+      repository().update_structure(branch_, plan->page_id, plan->title, columns);
     }
-    repository_->upsert_wiki_page(branch_, plan->page_id, plan->title, columns);
-    wrote = true;
   }
-  return wrote;
 }
 
-void WikiGenerator::prefetch_hashes(SqliteWikiStore* cache) {
-  if (!cache_loaded_ && cache != nullptr) hasher_.load_cache(cache->load_file_hash_cache());
+void WikiGenerator::prefetch_hashes() {
+  if (!cache_loaded_) hasher_.load_cache(repository_->load_file_hash_cache());
   cache_loaded_ = true;
   if (index_.source_stamps.size() == index_.source_files.size()) {
     hasher_.prefetch(index_.source_files, index_.source_stamps);
@@ -396,7 +392,7 @@ void WikiGenerator::collect_prefetch() {
     prefetch_.get();
     return;
   }
-  prefetch_hashes(dynamic_cast<SqliteWikiStore*>(repository_.get()));
+  prefetch_hashes();
 }
 
 void WikiGenerator::abandon_prefetch() noexcept {
@@ -410,12 +406,11 @@ void WikiGenerator::abandon_prefetch() noexcept {
 
 void WikiGenerator::save_hash_cache() {
   FileHashCache entries = hasher_.take_new_entries();
-  auto* sqlite = dynamic_cast<SqliteWikiStore*>(repository_.get());
-  if (sqlite == nullptr || entries.empty()) return;
+  if (entries.empty()) return;
   std::vector<std::pair<std::string, CachedFileHash>> list(entries.begin(), entries.end());
   std::sort(list.begin(), list.end(),
             [](const auto& a, const auto& b) { return a.first < b.first; });
-  sqlite->save_file_hashes(list);
+  repository_->save_file_hashes(list);
 }
 
 BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
@@ -428,15 +423,16 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
     // meanwhile is either read here or waits, never overwritten with what
     // was read before it. The log line commits with the plan and is
     // appended after; a process killed in between leaves it pending.
-    auto transaction = repository_->db().transaction();
+    auto transaction = repository().db().transaction();
+    repository().lock_branch(branch_);
     derivation = derive(replan, select);
     result.first_plan = derivation.first_plan;
     for (const auto& plan : derivation.pinned.plans) {
-      if (existing_.count(plan->page_id) == 0) result.new_pages.insert(plan->page_id);
+      if (_existing().count(plan->page_id) == 0) result.new_pages.insert(plan->page_id);
     }
-    if (record_plan(derivation.pinned, replan)) _reload_existing();
+    record_plan(derivation.pinned, replan);
     if (!derivation.pinned.amendments.empty()) {
-      repository_->add_pending_log_line(branch_,
+      repository().add_pending_log_line(branch_,
                                         plan_log_line(derivation.pinned.amendments, replan));
     }
   }
@@ -446,9 +442,10 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
     result.drift = drift_signal(derivation.pinned.amendments,
                                 static_cast<std::int64_t>(derivation.pinned.plans.size()));
   }
+  const Existing& existing = _existing();
   if (select) {
     collect_prefetch();
-    result.stale = _select_stale(derivation.pinned.plans, existing_, force);
+    result.stale = _select_stale(derivation.pinned.plans, existing, force);
     for (const auto& plan : derivation.pinned.plans) {
       if (result.stale.count(plan->page_id) == 0 || result.why.count(plan->page_id) != 0) continue;
       result.why[plan->page_id] = stale_reason(*plan, force).value_or("forced");
@@ -456,8 +453,8 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
     // A body changed or lost behind the store's back is named, and the page
     // written again, rather than called fresh.
     for (const auto& plan : derivation.pinned.plans) {
-      const auto row = existing_.find(plan->page_id);
-      if (row == existing_.end() || result.stale.count(plan->page_id) != 0) continue;
+      const auto row = existing.find(plan->page_id);
+      if (row == existing.end() || result.stale.count(plan->page_id) != 0) continue;
       if (auto why = body_mismatch(row->second)) {
         result.stale.insert(plan->page_id);
         result.why[plan->page_id] = std::move(*why);
@@ -473,8 +470,9 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
 }
 
 std::optional<std::string> WikiGenerator::stale_reason(const PagePlan& plan, bool force) {
-  const auto found = existing_.find(plan.page_id);
-  if (found == existing_.end()) return "never written";
+  const Existing& existing = _existing();
+  const auto found = existing.find(plan.page_id);
+  if (found == existing.end()) return "never written";
   const Json& row = found->second;
   if (row_text(row, "content_hash").empty()) return "never written";
   const Json* stored = find_value(row, "source_hashes");
@@ -529,109 +527,131 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
   check_utf8(body, "body of page " + page_id);
   if (title) check_utf8(*title, "title of page " + page_id);
   const BranchHold hold = hold_branch();
-  if (last_plans_.empty()) build(false, false, false);
-  const auto plan_it = std::find_if(last_plans_.begin(), last_plans_.end(),
-                                    [&](const PlanPtr& plan) { return plan->page_id == page_id; });
-  if (plan_it == last_plans_.end()) {
-    throw KeyError("page id \"" + page_id + "\" is not in the current plan of branch " + branch_);
-  }
-  const PagePlan& plan = **plan_it;
-  const auto row = existing_.find(page_id);
-  const std::string rel_path = row == existing_.end()
-                                   ? rel_path_of(page_id)
-                                   : row_text(row->second, "rel_path", rel_path_of(page_id));
   SaveResult result;
-  result.body_path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
-
-  if (citations) {
-    if (!citations->is_array()) throw TypeError("citations must be a list of citation records");
-    for (const auto& citation : *citations) {
-      if (!citation.is_object())
-        throw TypeError("citation " + citation.dump() + " is not a mapping");
-      citation_key(citation);
+  std::optional<SafeDir> folder;
+  std::string name;
+  std::string temporary_name;
+  bool logged = false;
+  try {
+    // Derivation and row in one write transaction: a build that commits
+    // meanwhile either lands first, and the page is checked against its
+    // plan, or waits for this save.
+    auto transaction = repository().db().transaction();
+    repository().lock_branch(branch_);
+    Derivation derivation = derive(false);
+    if (derivation.first_plan) {
+      // A branch's first plan is recorded as a build records it, so the page
+      // saved is not the only row the next build pins against.
+      record_plan(derivation.pinned, false);
+      if (!derivation.pinned.amendments.empty()) {
+        repository().add_pending_log_line(branch_,
+                                          plan_log_line(derivation.pinned.amendments, false));
+        logged = true;
+      }
     }
-    result.citations = *citations;
-  } else {
-    const std::unordered_set<std::string> indexed(index_.files.begin(), index_.files.end());
-    std::map<std::string, std::size_t> lines;
-    for (const auto& citation : prose_citations(body)) {
-      const std::string path = citation.at("path").get<std::string>();
-      const auto start = citation.at("line_start").get<std::int64_t>();
-      const auto end = citation.at("line_end").get<std::int64_t>();
-      std::string reason;
-      if (indexed.count(path) == 0) {
-        reason = "not a file of the repository";
-      } else {
-        if (lines.count(path) == 0) lines[path] = line_count(read_whole_file(repo_root_ / path));
-        if (start < 1 || end < start || static_cast<std::size_t>(end) > lines[path]) {
-          reason = "lines " + std::to_string(start) + "-" + std::to_string(end) +
-                   " are not inside " + path + " (" + std::to_string(lines[path]) + " lines)";
+    last_plans_ = std::move(derivation.pinned.plans);
+    const auto plan_it = std::find_if(last_plans_.begin(), last_plans_.end(),
+                                      [&](const PlanPtr& plan) { return plan->page_id == page_id; });
+    if (plan_it == last_plans_.end()) {
+      throw KeyError("page id \"" + page_id + "\" is not in the current plan of branch " + branch_);
+    }
+    const PagePlan& plan = **plan_it;
+    const Existing& existing = _existing();
+    const auto row = existing.find(page_id);
+    const std::string rel_path = row == existing.end()
+                                     ? rel_path_of(page_id)
+                                     : row_text(row->second, "rel_path", rel_path_of(page_id));
+    result.body_path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
+
+    if (citations) {
+      if (!citations->is_array()) throw TypeError("citations must be a list of citation records");
+      for (const auto& citation : *citations) {
+        if (!citation.is_object())
+          throw TypeError("citation " + citation.dump() + " is not a mapping");
+        citation_key(citation);
+      }
+      result.citations = *citations;
+    } else {
+      const std::unordered_set<std::string> indexed(index_.files.begin(), index_.files.end());
+      std::map<std::string, std::size_t> lines;
+      for (const auto& citation : prose_citations(body)) {
+        const std::string path = citation.at("path").get<std::string>();
+        const auto start = citation.at("line_start").get<std::int64_t>();
+        const auto end = citation.at("line_end").get<std::int64_t>();
+        std::string reason;
+        if (indexed.count(path) == 0) {
+          reason = "not a file of the repository";
+        } else {
+          if (lines.count(path) == 0) lines[path] = line_count(read_whole_file(repo_root_ / path));
+          if (start < 1 || end < start || static_cast<std::size_t>(end) > lines[path]) {
+            reason = "lines " + std::to_string(start) + "-" + std::to_string(end) +
+                     " are not inside " + path + " (" + std::to_string(lines[path]) + " lines)";
+          }
+        }
+        if (reason.empty()) {
+          result.citations.push_back(citation);
+        } else {
+          Json invalid = citation;
+          invalid["reason"] = reason;
+          result.invalid_citations.push_back(std::move(invalid));
         }
       }
-      if (reason.empty()) {
-        result.citations.push_back(citation);
-      } else {
-        Json invalid = citation;
-        invalid["reason"] = reason;
-        result.invalid_citations.push_back(std::move(invalid));
-      }
     }
-  }
 
-  WikiPageColumns columns = structural_columns(plan);
-  columns.rel_path = rel_path;
-  const std::vector<std::string> files = plan.source_files.empty() && row != existing_.end()
-                                             ? row_text_list(row->second, "source_files")
-                                             : plan.source_files;
-  columns.source_hashes = _hashes_with_steering(files);
-  columns.content_hash = _text_hash(body);
-  columns.build_cache = _section_cache(body, result.citations);
-  columns.build_cache["citations"] = result.citations;
-  columns.status = "fresh";
-  const std::string page_title = title && !title->empty() ? *title : plan.title;
+    WikiPageColumns columns = structural_columns(plan);
+    columns.rel_path = rel_path;
+    const std::vector<std::string> files = plan.source_files.empty() && row != existing.end()
+                                               ? row_text_list(row->second, "source_files")
+                                               : plan.source_files;
+    columns.source_hashes = _hashes_with_steering(files);
+    columns.content_hash = _text_hash(body);
+    columns.build_cache = _section_cache(body, result.citations);
+    columns.build_cache["citations"] = result.citations;
+    columns.status = "fresh";
+    const std::string page_title = title && !title->empty() ? *title : plan.title;
 
-  // The body goes to a synced file of its own beside its final name, and is
-  // renamed only once the row is committed: a failed save leaves neither
-  // half behind, and a killed one leaves a file whose hash tells whether its
-  // row committed (finish_interrupted_saves).
-  const fs::path relative = result.body_path.lexically_relative(repo_root_);
-  const SafeDir folder = open_below_root(relative.parent_path(), true);
-  const std::string name = relative.filename().string();
-  FileDescriptor temporary = folder.create_unique(name + std::string(kSavingInfix) + "-");
-  const std::string temporary_name = temporary.path().filename().string();
-  try {
+    // The body goes to a synced file of its own beside its final name, and is
+    // renamed only once the row is committed: a killed save leaves a file
+    // whose hash tells whether its row committed (finish_interrupted_saves).
+    const fs::path relative = result.body_path.lexically_relative(repo_root_);
+    folder = open_below_root(relative.parent_path(), true);
+    name = relative.filename().string();
+    FileDescriptor temporary = folder->create_unique(name + std::string(kSavingInfix) + "-");
+    temporary_name = temporary.path().filename().string();
     temporary.write_all(body);
     temporary.sync();
     temporary.close();
     fault_point("save:body-written");
-    auto transaction = repository_->db().transaction();
-    repository_->upsert_wiki_page(branch_, page_id, page_title, columns);
+    repository().upsert_wiki_page(branch_, page_id, page_title, columns);
   } catch (...) {
-    try {
-      folder.remove(temporary_name);
-    } catch (const OsError&) {
-      // The next command under the branch's lock removes it.
+    if (!temporary_name.empty()) {
+      try {
+        folder->remove(temporary_name);
+      } catch (const OsError&) {
+        // The next command under the branch's lock removes it.
+      }
     }
     throw;
   }
   fault_point("save:committed");
-  folder.rename(temporary_name, name);
-  folder.sync();
-  _reload_existing();
-  result.row = existing_.at(page_id);
+  folder->rename(temporary_name, name);
+  folder->sync();
+  if (logged) flush_pending_log(open_wiki_dir());
+  result.row = _existing().at(page_id);
   return result;
 }
 
 Json WikiGenerator::page_changes(const std::vector<std::string>& page_ids) {
   const Derivation derivation = derive(false);
   const PlanList& plans = derivation.pinned.plans;
+  const Existing& existing = _existing();
   std::map<std::string, PlanPtr> by_id;
   for (const auto& plan : plans) by_id.emplace(plan->page_id, plan);
   Json out = Json::object();
   if (page_ids.empty()) {
     for (const auto& plan : plans) {
-      const auto row = existing_.find(plan->page_id);
-      if (row == existing_.end() || row_text(row->second, "content_hash").empty()) continue;
+      const auto row = existing.find(plan->page_id);
+      if (row == existing.end() || row_text(row->second, "content_hash").empty()) continue;
       if (out.contains(plan->page_id)) continue;
       out[plan->page_id] = _page_changes(*plan, &row->second);
     }
@@ -642,8 +662,8 @@ Json WikiGenerator::page_changes(const std::vector<std::string>& page_ids) {
     if (plan == by_id.end()) {
       throw KeyError("page id \"" + id + "\" is not in the current plan of branch " + branch_);
     }
-    const auto row = existing_.find(id);
-    out[id] = _page_changes(*plan->second, row == existing_.end() ? nullptr : &row->second);
+    const auto row = existing.find(id);
+    out[id] = _page_changes(*plan->second, row == existing.end() ? nullptr : &row->second);
   }
   return out;
 }

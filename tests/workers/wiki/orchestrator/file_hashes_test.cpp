@@ -5,13 +5,16 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <fstream>
 #include <mutex>
 #include <set>
 
+#include "support/forwarding_store.hpp"
 #include "support/temp_dir.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
@@ -130,46 +133,44 @@ TEST_F(FileHashes, StampsTakenByTheIndexStandInForAskingTheFileSystem) {
   EXPECT_THROW(hasher.prefetch({"src/a.cpp", "src/b.cpp"}, {FileStamp{}}), ValueError);
 }
 
-TEST_F(FileHashes, RebuildOverUnchangedRepositoryReadsTheRowsOnceAndWritesNone) {
-  // Counts what a build asks of the store it is given.
-  class CountingStore final : public WikiStore {
-   public:
-    explicit CountingStore(const fs::path& path) : store_(path) {}
-    Database& db() override { return store_.db(); }
-    void upsert_wiki_page(const std::string& branch, const std::string& page_id,
-                          const std::string& title, const WikiPageColumns& columns) override {
-      ++upserts;
-      store_.upsert_wiki_page(branch, page_id, title, columns);
-    }
-    Existing load_pages(const std::string& branch) override {
-      ++loads;
-      return store_.load_pages(branch);
-    }
-    int upserts = 0;
-    int loads = 0;
-
-   private:
-    SqliteWikiStore store_;
-  };
+TEST_F(FileHashes, EveryBuildAndSaveReadsTheRowsOnceWhateverItWrites) {
   write_old("src/a.cpp", "a\n");
   write_old("src/b.cpp", "b\n");
   write_old("lib/c.py", "c\n");
-  const fs::path db = SqliteWikiStore::default_path(dir_.path());
-  const auto build = [&] {
-    auto store = std::make_unique<CountingStore>(db);
-    CountingStore* counts = store.get();
-    WikiGeneratorOptions options;
-    options.progress = false;
-    WikiGenerator host(dir_.path(), "main", std::move(store), options);
-    host.build(false, false);
-    return std::pair{counts->upserts, counts->loads};
+  WikiGeneratorOptions options;
+  options.progress = false;
+  SqliteWikiStore sqlite(SqliteWikiStore::default_path(dir_.path()));
+  auto owned = std::make_unique<kodrune_test::CountingStore>(sqlite);
+  kodrune_test::CountingStore& store = *owned;
+  WikiGenerator host(dir_.path(), "main", std::move(owned), options);
+  struct Step {
+    std::string what;
+    std::function<void()> run;
+    int writes;  // -1: any number
   };
-  const auto [first_upserts, first_loads] = build();
-  EXPECT_EQ(first_upserts, 3);  // overview, module-lib, module-src
-  EXPECT_GT(first_loads, 1);
-  const auto [upserts, loads] = build();
-  EXPECT_EQ(upserts, 0);
-  EXPECT_EQ(loads, 1);
+  const std::vector<Step> steps = {
+      {"first build", [&] { host.build(false, false); }, 3},  // overview, module-lib, module-src
+      {"unchanged rebuild", [&] { host.build(false, false); }, 0},
+      {"save", [&] { host.save_page("module-src", "# src\n", std::nullopt, std::nullopt); }, 1},
+      {"build that retires a page",
+       [&] {
+         fs::remove(dir_.path() / "lib/c.py");
+         host.build(false, false);
+       },
+       1},
+      {"replan", [&] { host.build(true, false); }, -1},
+  };
+  for (const auto& step : steps) {
+    store.reset();
+    step.run();
+    EXPECT_EQ(store.loads, 1) << step.what;
+    if (step.writes >= 0) {
+      EXPECT_EQ(store.writes, step.writes) << step.what;
+    }
+  }
+  // What the builds kept in step is what the store holds.
+  EXPECT_EQ(host._existing(), host.repository().load_pages("main"));
+  EXPECT_FALSE(host._existing().contains("module-lib"));
 }
 
 TEST_F(FileHashes, PathsLeavingTheRootAreRefused) {

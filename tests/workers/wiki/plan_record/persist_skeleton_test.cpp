@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "kodrune-wiki/recording_host.hpp"
+#include "support/forwarding_store.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -99,19 +100,16 @@ TEST(PersistPlanSkeleton, StoredRowsReadBackWithListsAndTheStaleMarker) {
 }
 
 // Fails the n-th upsert, passing everything else to the real store.
-class FailingStore final : public WikiStore {
+class FailingStore final : public kodrune_test::ForwardingStore {
  public:
-  FailingStore(WikiStore& inner, int fail_at) : inner_(inner), fail_at_(fail_at) {}
-  Database& db() override { return inner_.db(); }
+  FailingStore(WikiStore& inner, int fail_at) : ForwardingStore(inner), fail_at_(fail_at) {}
   void upsert_wiki_page(const std::string& branch, const std::string& page_id,
                         const std::string& title, const WikiPageColumns& columns) override {
     if (++upserts_ == fail_at_) throw StoreError("disk full while writing " + page_id);
-    inner_.upsert_wiki_page(branch, page_id, title, columns);
+    ForwardingStore::upsert_wiki_page(branch, page_id, title, columns);
   }
-  Existing load_pages(const std::string& branch) override { return inner_.load_pages(branch); }
 
  private:
-  WikiStore& inner_;
   int fail_at_;
   int upserts_ = 0;
 };
