@@ -746,7 +746,16 @@ Command add_mcp_command(CLI::App& app) {
   command->add_option("--branch", options->branch,
                       "Branch whose wiki to serve (default: the current git branch, else main)");
   command->add_option("--repo", options->repo, "Repository root (default: .)");
+  add_store_option(*command, options->store);
   return Command{command, [options] {
+                   // A bad URL is told at once, not at the first tool call.
+                   const int checked = run_guarded(
+                       [&] {
+                         resolve_store(options->store);
+                         return 0;
+                       },
+                       std::cerr);
+                   if (checked != 0) return checked;
                    // A client that goes away mid-answer ends the session, not in a signal.
                    std::signal(SIGPIPE, SIG_IGN);
                    std::ios::sync_with_stdio(false);
