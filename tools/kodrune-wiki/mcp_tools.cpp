@@ -319,14 +319,15 @@ std::string rel_path_of(const Json* row, const std::string& page_id) {
   return row == nullptr ? fallback : wiki::row_text(*row, "rel_path", fallback);
 }
 
-// The saved body of a page, or nullopt when there is no file for it.
-std::optional<std::string> saved_body(const wiki::WikiGenerator& generator, const Json* row,
+// The saved body of a page: its file, else the body a shared store keeps
+// (a page another worker saved); nullopt when there is neither.
+std::optional<std::string> saved_body(wiki::WikiGenerator& generator, const Json* row,
                                       const std::string& page_id) {
   const fs::path path =
       wiki::path_inside(generator.wiki_dir(), rel_path_of(row, page_id), "page " + page_id);
   std::error_code ec;
-  if (!fs::is_regular_file(path, ec)) return std::nullopt;
-  return wiki::read_whole_file(path);
+  if (fs::is_regular_file(path, ec)) return wiki::read_whole_file(path);
+  return generator.repository().page_body(generator.branch(), page_id);
 }
 
 const Json* row_of(const wiki::Existing& rows, const std::string& page_id) {

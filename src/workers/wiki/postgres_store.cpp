@@ -8,6 +8,7 @@
 
 #include "row_codec.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -485,6 +486,42 @@ void PostgresWikiStore::save_file_hashes(
   if (hash_cache_.empty() || entries.empty()) return;
   if (!local_cache_) local_cache_ = std::make_unique<SqliteWikiStore>(hash_cache_);
   local_cache_->save_file_hashes(entries);
+}
+
+void PostgresWikiStore::put_page_body(const std::string& branch, const std::string& page_id,
+                                      const std::string& body) {
+  db_.execute(
+      "INSERT INTO wiki_page_bodies (branch, page_id, body) VALUES (?, ?, ?) "
+      "ON CONFLICT (branch, page_id) DO UPDATE SET body = excluded.body",
+      {branch, page_id, body});
+}
+
+std::optional<std::string> PostgresWikiStore::page_body(const std::string& branch,
+                                                        const std::string& page_id) {
+  auto rows = db_.query("SELECT body FROM wiki_page_bodies WHERE branch = ? AND page_id = ?",
+                        {branch, page_id});
+  if (rows.empty()) return std::nullopt;
+  return std::move(rows[0][0]);
+}
+
+void PostgresWikiStore::append_plan_log_line(const std::string& branch, const std::string& line) {
+  db_.execute("INSERT INTO plan_log (branch, line) VALUES (?, ?)", {branch, line});
+  const auto count = db_.query("SELECT count(*) FROM plan_log WHERE branch = ?", {branch});
+  if (std::stoull(text_of(count.at(0).at(0))) <= _PLAN_LOG_MAX_LINES) return;
+  db_.execute(
+      "DELETE FROM plan_log WHERE branch = ? AND sequence < (SELECT min(sequence) FROM "
+      "(SELECT sequence FROM plan_log WHERE branch = ? ORDER BY sequence DESC LIMIT ?) AS kept)",
+      {branch, branch, static_cast<std::int64_t>(_PLAN_LOG_KEEP_LINES)});
+}
+
+std::optional<std::vector<std::string>> PostgresWikiStore::plan_log_lines(
+    const std::string& branch) {
+  std::vector<std::string> lines;
+  for (auto& row :
+       db_.query("SELECT line FROM plan_log WHERE branch = ? ORDER BY sequence", {branch})) {
+    lines.push_back(text_of(row[0]));
+  }
+  return lines;
 }
 
 void PostgresWikiStore::add_pending_log_line(const std::string& branch, const std::string& line) {

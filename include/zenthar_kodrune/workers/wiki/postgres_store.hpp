@@ -102,6 +102,14 @@ class PostgresWikiStore final : public WikiStore {
   FileHashCache load_file_hash_cache() override;
   void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) override;
 
+  // Saved bodies and the plan log live here too (wiki_page_bodies, plan_log).
+  void put_page_body(const std::string& branch, const std::string& page_id,
+                     const std::string& body) override;
+  std::optional<std::string> page_body(const std::string& branch,
+                                       const std::string& page_id) override;
+  void append_plan_log_line(const std::string& branch, const std::string& line) override;
+  std::optional<std::vector<std::string>> plan_log_lines(const std::string& branch) override;
+
   void add_pending_log_line(const std::string& branch, const std::string& line) override;
   std::vector<PendingLogLine> pending_log_lines(const std::string& branch) override;
   void clear_pending_log_lines(const std::string& branch, std::int64_t through) override;
