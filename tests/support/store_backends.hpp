@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include "support/postgres_cluster.hpp"
@@ -16,6 +17,13 @@
 #include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/store_url.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+// Names the backend in test listings.
+inline void PrintTo(StoreKind kind, std::ostream* out) {
+  *out << (kind == StoreKind::Postgres ? "postgres" : "sqlite");
+}
+}  // namespace zenthar_kodrune::workers::wiki
 
 namespace kodrune_test {
 

@@ -39,7 +39,8 @@ std::string resolve_branch(const CommonOptions& options) {
   std::string branch = options.branch;
   if (branch.empty()) branch = wiki::current_git_branch(options.repo).value_or("main");
   try {
-    } catch (const wiki::ValueError& e) {
+    wiki::check_branch_name(branch);
+  } catch (const wiki::ValueError& e) {
     throw UsageError(e.what());
   }
   return branch;

@@ -7,6 +7,7 @@
 
 #include "kodrune-wiki/recording_host.hpp"
 #include "support/forwarding_store.hpp"
+#include "support/store_backends.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -15,6 +16,10 @@
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
+
+// Against a real store of each backend.
+class PersistPlanSkeletonInStore : public kodrune_test::StoreBackendTest {};
+
 
 using kodrune_cli::RecordingHost;
 
@@ -71,9 +76,9 @@ TEST(PersistPlanSkeleton, EmptyPlanStillOpensAndClosesTheTransaction) {
             R"j([{"call":"transaction_enter"},{"call":"transaction_exit","error":false}])j");
 }
 
-TEST(PersistPlanSkeleton, RepeatedUnstoredIdIsWrittenAndCountedTwice) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST_P(PersistPlanSkeletonInStore, RepeatedUnstoredIdIsWrittenAndCountedTwice) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   kodrune_test::StoreHost host(store, "main");
   const PlanList plans = {
       make_plan({.page_id = "module-a", .title = "first", .source_files = {"a.py"}}),
@@ -84,9 +89,9 @@ TEST(PersistPlanSkeleton, RepeatedUnstoredIdIsWrittenAndCountedTwice) {
   EXPECT_EQ(rows.at("module-a")["title"], "second");
 }
 
-TEST(PersistPlanSkeleton, StoredRowsReadBackWithListsAndTheStaleMarker) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST_P(PersistPlanSkeletonInStore, StoredRowsReadBackWithListsAndTheStaleMarker) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   kodrune_test::StoreHost host(store, "main");
   EXPECT_EQ(host._persist_plan_skeleton(first_plan()), 4);
   const Existing rows = store.load_pages("main");
@@ -114,9 +119,9 @@ class FailingStore final : public kodrune_test::ForwardingStore {
   int upserts_ = 0;
 };
 
-TEST(PersistPlanSkeleton, FailurePartWayLeavesNoRowOfTheCall) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST_P(PersistPlanSkeletonInStore, FailurePartWayLeavesNoRowOfTheCall) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   store.upsert_wiki_page("main", "overview", "Overview", WikiPageColumns{});
   FailingStore failing(store, 4);
   kodrune_test::StoreHost host(failing, "main");
@@ -126,9 +131,9 @@ TEST(PersistPlanSkeleton, FailurePartWayLeavesNoRowOfTheCall) {
   EXPECT_TRUE(rows.contains("overview"));
 }
 
-TEST(PersistPlanSkeleton, PersistedSkeletonPinsEveryPage) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST_P(PersistPlanSkeletonInStore, PersistedSkeletonPinsEveryPage) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   kodrune_test::StoreHost host(store, "main");
   ASSERT_EQ(host._persist_plan_skeleton(first_plan()), 4);
   const Existing existing = store.load_pages("main");
@@ -149,6 +154,8 @@ TEST(PersistPlanSkeleton, PersistedSkeletonPinsEveryPage) {
   }
   EXPECT_THAT(amended, ::testing::UnorderedElementsAre("overview", "custom-guide", "notes"));
 }
+
+KODRUNE_ON_EVERY_BACKEND(PersistPlanSkeletonInStore);
 
 }  // namespace
 }  // namespace zenthar_kodrune::workers::wiki

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kodrune-wiki/recording_host.hpp"
+#include "support/store_backends.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -10,6 +11,10 @@
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
+
+// Against a real store of each backend.
+class MarkSynthesisStaleInStore : public kodrune_test::StoreBackendTest {};
+
 
 using kodrune_cli::RecordingHost;
 using Ids = std::set<std::string>;
@@ -178,9 +183,9 @@ TEST(MarkSynthesisStale, OneStatementOverTheDistinctSortedIds) {
   EXPECT_EQ(idle.calls(), Json::array());
 }
 
-TEST(MarkSynthesisStale, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST_P(MarkSynthesisStaleInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   WikiPageColumns saved;
   saved.status = "written";
   saved.source_hashes = Json::object();
@@ -205,6 +210,8 @@ TEST(MarkSynthesisStale, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
   host.reload();
   EXPECT_EQ(host._select_stale(plans, host._existing(), false), Ids{"module-parent"});
 }
+
+KODRUNE_ON_EVERY_BACKEND(MarkSynthesisStaleInStore);
 
 }  // namespace
 }  // namespace zenthar_kodrune::workers::wiki
