@@ -3,11 +3,18 @@
 #include <gtest/gtest.h>
 
 #include "e2e/repo_fixture.hpp"
+#include "support/store_backends.hpp"
 
 namespace kodrune_e2e {
 namespace {
 
 using Strings = std::vector<std::string>;
+
+// Each series runs on the default SQLite store and on a PostgreSQL one.
+class PlanSeries : public kodrune_test::StoreBackendTest {
+ protected:
+  std::string e2e_store() const { return postgres() ? postgres_uri_ : ""; }
+};
 
 // Three units: src (3 files), lib (2 files) and a README that is no code.
 void seed(GitRepo& repo) {
@@ -26,8 +33,9 @@ void save_all(GitRepo& repo, const Json& plan, const std::string& cited = "src/f
   }
 }
 
-TEST(PlanSeries, FirstPlanPersistsSkeletonAndSelectsEverything) {
+TEST_P(PlanSeries, FirstPlanPersistsSkeletonAndSelectsEverything) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   const Json plan = repo.plan();
   EXPECT_EQ(plan.at("branch"), "main");
@@ -56,8 +64,9 @@ TEST(PlanSeries, FirstPlanPersistsSkeletonAndSelectsEverything) {
   EXPECT_EQ(second.at("stale").size(), 3u);
 }
 
-TEST(PlanSeries, UnchangedRebuildAfterSavesIsQuiet) {
+TEST_P(PlanSeries, UnchangedRebuildAfterSavesIsQuiet) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   const Json first = repo.plan();
   save_all(repo, first);
@@ -78,8 +87,9 @@ TEST(PlanSeries, UnchangedRebuildAfterSavesIsQuiet) {
   EXPECT_EQ(log.json().size(), 1u);
 }
 
-TEST(PlanSeries, EditedFileMakesItsPageStaleAndNamesTheCitingSections) {
+TEST_P(PlanSeries, EditedFileMakesItsPageStaleAndNamesTheCitingSections) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   save_all(repo, repo.plan());
   repo.write("src/f01.cpp", "int changed() { return 0; }\n");
@@ -102,8 +112,9 @@ TEST(PlanSeries, EditedFileMakesItsPageStaleAndNamesTheCitingSections) {
   EXPECT_NE(text.out.find("stale sections: \"Uses\""), std::string::npos) << text.out;
 }
 
-TEST(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
+TEST_P(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   save_all(repo, repo.plan());
 
@@ -145,8 +156,9 @@ TEST(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
   EXPECT_TRUE(plan_of(after, "module-src").at("children").empty());
 }
 
-TEST(PlanSeries, StoreOfPositionalPartsReChunksOnceWithProseCarried) {
+TEST_P(PlanSeries, StoreOfPositionalPartsReChunksOnceWithProseCarried) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   repo.write_unit("src", 17);
   repo.write_unit("lib", 2);
   repo.commit("seed");
@@ -154,7 +166,8 @@ TEST(PlanSeries, StoreOfPositionalPartsReChunksOnceWithProseCarried) {
   // "module-src-part-1" (f01 to f12) and "module-src-part-2" (f13 to f17).
   {
     namespace wiki = zenthar_kodrune::workers::wiki;
-    wiki::SqliteWikiStore store(wiki::SqliteWikiStore::default_path(repo.root()));
+    const auto owned = repo.store();
+    wiki::WikiStore& store = *owned;
     const auto files = [](const std::string& folder, int from, int to) {
       std::vector<std::string> out;
       for (int i = from; i <= to; ++i) {
@@ -196,8 +209,9 @@ TEST(PlanSeries, StoreOfPositionalPartsReChunksOnceWithProseCarried) {
   EXPECT_TRUE(repo.plan().at("amendments").empty());
 }
 
-TEST(PlanSeries, NewFolderOfOneFileGoesToCatchAllAndOfThreeGetsAPage) {
+TEST_P(PlanSeries, NewFolderOfOneFileGoesToCatchAllAndOfThreeGetsAPage) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   save_all(repo, repo.plan());
   repo.write_unit("one", 1);
@@ -218,8 +232,9 @@ TEST(PlanSeries, NewFolderOfOneFileGoesToCatchAllAndOfThreeGetsAPage) {
   EXPECT_TRUE(repo.plan().at("amendments").empty());
 }
 
-TEST(PlanSeries, DeletedFolderRetiresItsPage) {
+TEST_P(PlanSeries, DeletedFolderRetiresItsPage) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   save_all(repo, repo.plan());
   repo.remove("lib");
@@ -232,8 +247,9 @@ TEST(PlanSeries, DeletedFolderRetiresItsPage) {
   EXPECT_TRUE(plan.at("drift").is_null());
 }
 
-TEST(PlanSeries, ChurnRaisesTheDriftWarning) {
+TEST_P(PlanSeries, ChurnRaisesTheDriftWarning) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   repo.plan();
   repo.write_unit("a", 2);
@@ -252,8 +268,9 @@ TEST(PlanSeries, ChurnRaisesTheDriftWarning) {
   EXPECT_EQ(text.out.find("Warning:"), std::string::npos) << "churn is recorded once";
 }
 
-TEST(PlanSeries, ReplanLetsTheFreshStructureWinAndCarriesProse) {
+TEST_P(PlanSeries, ReplanLetsTheFreshStructureWinAndCarriesProse) {
   GitRepo repo;
+  repo.use_store(e2e_store());
   seed(repo);
   repo.write_unit("one", 1);
   repo.commit("one");
@@ -275,6 +292,8 @@ TEST(PlanSeries, ReplanLetsTheFreshStructureWinAndCarriesProse) {
   ASSERT_EQ(log.code, 0) << log.err;
   EXPECT_TRUE(log.json().at(0).at("replan").get<bool>());
 }
+
+KODRUNE_ON_EVERY_BACKEND(PlanSeries);
 
 }  // namespace
 }  // namespace kodrune_e2e

@@ -15,6 +15,7 @@
 
 #include "support/temp_dir.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+#include "zenthar_kodrune/workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace kodrune_e2e {
@@ -88,7 +89,9 @@ class GitRepo {
     const std::string tag = std::to_string(runs_++);
     const fs::path out = scratch_ / ("stdout-" + tag + ".txt");
     const fs::path err = scratch_ / ("stderr-" + tag + ".txt");
-    const std::string command = "cd " + quoted(root_.string()) + " && " + environment + " " +
+    const std::string store =
+        store_url_.empty() ? "" : "KODRUNE_WIKI_STORE=" + quoted(store_url_) + " ";
+    const std::string command = "cd " + quoted(root_.string()) + " && " + store + environment + " " +
                                 program + " " + args + " >" + quoted(out.string()) + " 2>" +
                                 quoted(err.string());
     const int status = std::system(command.c_str());
@@ -121,9 +124,15 @@ class GitRepo {
 
   // The branch's rows as stored.
   zenthar_kodrune::workers::wiki::Existing rows(const std::string& branch = "main") const {
-    zenthar_kodrune::workers::wiki::SqliteWikiStore store(
-        zenthar_kodrune::workers::wiki::SqliteWikiStore::default_path(root_));
-    return store.load_pages(branch);
+    return store()->load_pages(branch);
+  }
+
+  // Every run uses the store at `url` (KODRUNE_WIKI_STORE); empty: the default.
+  void use_store(std::string url) { store_url_ = std::move(url); }
+  // A connection of our own to the store the runs use.
+  std::unique_ptr<zenthar_kodrune::workers::wiki::WikiStore> store() const {
+    namespace wiki = zenthar_kodrune::workers::wiki;
+    return wiki::open_store(wiki::parse_store_url(store_url_), root_);
   }
 
   const fs::path& scratch() const { return scratch_; }
@@ -139,6 +148,7 @@ class GitRepo {
   fs::path root_;
   fs::path scratch_;
   mutable std::atomic<int> runs_{0};
+  std::string store_url_;
 };
 
 // The plan ids of a `plan --json` result, in order.

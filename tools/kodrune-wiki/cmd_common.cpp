@@ -15,7 +15,24 @@ void add_common_options(CLI::App& command, CommonOptions& options) {
   command.add_option("--branch", options.branch,
                      "Branch whose wiki to use (default: the current git branch, else main)");
   command.add_option("--repo", options.repo, "Repository root (default: .)");
+  add_store_option(command, options.store);
   command.add_flag("--json", options.json, "Print one JSON value instead of text");
+}
+
+void add_store_option(CLI::App& command, std::string& store) {
+  command
+      .add_option("--store", store,
+                  "Wiki store: sqlite:PATH or a postgresql:// URI (default: the SQLite file "
+                  "under the repository)")
+      ->envname(std::string(wiki::STORE_ENV));
+}
+
+wiki::StoreUrl resolve_store(const std::string& store) {
+  try {
+    return wiki::parse_store_url(store);
+  } catch (const wiki::ValueError& e) {
+    throw UsageError(std::string("--store: ") + e.what());
+  }
 }
 
 std::string resolve_branch(const CommonOptions& options) {
@@ -36,8 +53,10 @@ std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options
     throw UsageError("--repo " + options.repo + " is not a folder");
   }
   const std::string branch = resolve_branch(options);
-  return std::make_unique<wiki::WikiGenerator>(options.repo, branch, nullptr,
-                                               std::move(generator_options));
+  const wiki::StoreUrl store = resolve_store(options.store);
+  return std::make_unique<wiki::WikiGenerator>(
+      options.repo, branch, wiki::open_store(store, fs::absolute(options.repo)),
+      std::move(generator_options));
 }
 
 std::string error_line(const std::exception& error) {

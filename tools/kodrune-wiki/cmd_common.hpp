@@ -1,5 +1,5 @@
-// What every subcommand of kodrune-wiki shares: the --branch, --repo and
-// --json options, opening the orchestrator, and turning failures into one
+// What every subcommand of kodrune-wiki shares: the --branch, --repo,
+// --store and --json options, opening the orchestrator, and turning failures into one
 // line on standard error and an exit code (0 success, 2 usage, 1 other).
 #pragma once
 
@@ -11,6 +11,7 @@
 #include <string>
 
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
+#include "zenthar_kodrune/workers/wiki/store_url.hpp"
 
 namespace kodrune_cli {
 
@@ -22,10 +23,18 @@ struct UsageError : std::runtime_error {
 struct CommonOptions {
   std::string branch;  // empty: the current git branch, else "main"
   std::string repo = ".";
+  // empty: the default SQLite store under the repository
+  std::string store;
   bool json = false;
 };
 
 void add_common_options(CLI::App& command, CommonOptions& options);
+
+// --store URL, also read from KODRUNE_WIKI_STORE (store_url.hpp).
+void add_store_option(CLI::App& command, std::string& store);
+
+// The store URL checked; a bad one is a UsageError.
+zenthar_kodrune::workers::wiki::StoreUrl resolve_store(const std::string& store);
 
 // The branch to use: the option checked by git's ref-name rules, else the
 // current git branch, else "main". A bad name is a UsageError.

@@ -38,14 +38,20 @@ Command add_log_command(CLI::App& app) {
       command, [options] {
         return run_guarded(
             [&] {
-              // The log alone is read: no store is opened or created.
+              // The log alone is read: no local store is opened or created.
               std::error_code ec;
               if (!std::filesystem::is_directory(options->common.repo, ec)) {
                 throw UsageError("--repo " + options->common.repo + " is not a folder");
               }
               const std::string branch = resolve_branch(options->common);
-              const auto read = wiki::read_plan_log(std::filesystem::absolute(options->common.repo),
-                                                    branch, options->limit);
+              const wiki::StoreUrl store = resolve_store(options->common.store);
+              // A shared store holds the log every worker wrote; a local one
+              // leaves it to the branch's log file.
+              const auto read =
+                  store.kind == wiki::StoreKind::Postgres
+                      ? open_generator(options->common)->plan_log_read(options->limit)
+                      : wiki::read_plan_log(std::filesystem::absolute(options->common.repo),
+                                            branch, options->limit);
               const auto& entries = read.entries;
               // Every readable entry is shown; the rest are named, not fatal.
               for (const auto& note : read.unreadable) {

@@ -10,6 +10,10 @@ int main(int argc, char** argv) {
   app.name("kodrune-wiki");
   app.require_subcommand(1);
   auto* rpc = app.add_subcommand("rpc", "Serve the plan of record over JSON Lines on stdin/stdout");
+  // Accepted and checked like every command's; the rpc ops run on recording
+  // hosts and open no store.
+  std::string rpc_store;
+  kodrune_cli::add_store_option(*rpc, rpc_store);
   const kodrune_cli::Command commands[] = {
       kodrune_cli::add_plan_command(app), kodrune_cli::add_save_command(app),
       kodrune_cli::add_changes_command(app), kodrune_cli::add_log_command(app),
@@ -25,6 +29,13 @@ int main(int argc, char** argv) {
     return 2;
   }
   if (rpc->parsed()) {
+    const int checked = kodrune_cli::run_guarded(
+        [&] {
+          kodrune_cli::resolve_store(rpc_store);
+          return 0;
+        },
+        std::cerr);
+    if (checked != 0) return checked;
     return kodrune_cli::serve_rpc_fd(0, 1);
   }
   for (const auto& command : commands) {

@@ -320,14 +320,15 @@ std::string rel_path_of(const Json* row, const std::string& page_id) {
   return row == nullptr ? fallback : wiki::row_text(*row, "rel_path", fallback);
 }
 
-// The saved body of a page, or nullopt when there is no file for it.
-std::optional<std::string> saved_body(const wiki::WikiGenerator& generator, const Json* row,
+// The saved body of a page: its file, else the body a shared store keeps
+// (a page another worker saved); nullopt when there is neither.
+std::optional<std::string> saved_body(wiki::WikiGenerator& generator, const Json* row,
                                       const std::string& page_id) {
   const fs::path path =
       wiki::path_inside(generator.wiki_dir(), rel_path_of(row, page_id), "page " + page_id);
   std::error_code ec;
-  if (!fs::is_regular_file(path, ec)) return std::nullopt;
-  return wiki::read_whole_file(path);
+  if (fs::is_regular_file(path, ec)) return wiki::read_whole_file(path);
+  return generator.repository().page_body(generator.branch(), page_id);
 }
 
 const Json* row_of(const wiki::Existing& rows, const std::string& page_id) {
@@ -747,7 +748,16 @@ Command add_mcp_command(CLI::App& app) {
   command->add_option("--branch", options->branch,
                       "Branch whose wiki to serve (default: the current git branch, else main)");
   command->add_option("--repo", options->repo, "Repository root (default: .)");
+  add_store_option(*command, options->store);
   return Command{command, [options] {
+                   // A bad URL is told at once, not at the first tool call.
+                   const int checked = run_guarded(
+                       [&] {
+                         resolve_store(options->store);
+                         return 0;
+                       },
+                       std::cerr);
+                   if (checked != 0) return checked;
                    // A client that goes away mid-answer ends the session, not in a signal.
                    std::signal(SIGPIPE, SIG_IGN);
                    std::ios::sync_with_stdio(false);

@@ -20,6 +20,7 @@
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
+#include "row_codec.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -395,29 +396,12 @@ CREATE TABLE IF NOT EXISTS plan_log_pending (
 constexpr std::string_view kOwnTables[] = {"wiki_pages", "file_hashes", "plan_log_pending",
                                            "sqlite_sequence"};
 
-enum class Shape { Text, TextList, Mapping };
-
-struct Column {
-  std::string_view name;
-  Shape shape;
-};
-
-// The columns of a loaded row, in the order a row shows them.
-constexpr Column kColumns[] = {{"branch", Shape::Text},
-                               {"page_id", Shape::Text},
-                               {"title", Shape::Text},
-                               {"description", Shape::Text},
-                               {"importance", Shape::Text},
-                               {"level", Shape::Text},
-                               {"parent_section", Shape::Text},
-                               {"rel_path", Shape::Text},
-                               {"source_files", Shape::TextList},
-                               {"source_hashes", Shape::Mapping},
-                               {"related_pages", Shape::TextList},
-                               {"status", Shape::Text},
-                               {"page_type", Shape::Text},
-                               {"content_hash", Shape::Text},
-                               {"build_cache", Shape::Mapping}};
+using detail::Column;
+using detail::decode;
+using detail::encode;
+using detail::encode_mapping;
+using detail::kColumns;
+using detail::Shape;
 
 std::string select_pages_sql() {
   std::string sql = "SELECT ";
@@ -434,56 +418,6 @@ std::string_view column_text(sqlite3_stmt* step, int column) {
   const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(step, column));
   if (text == nullptr) return {};
   return {text, static_cast<std::size_t>(sqlite3_column_bytes(step, column))};
-}
-
-std::string where(const std::string& branch, const std::string& page_id, std::string_view column) {
-  return "branch " + in_quotes(branch) + ", page " + in_quotes(page_id) + ", column " +
-         std::string(column);
-}
-
-std::string encode(const Json& value, const std::string& branch, const std::string& page_id,
-                   std::string_view column) {
-  try {
-    return value.dump();
-  } catch (const Json::exception& e) {
-    throw StoreError("wiki store: cannot encode " + where(branch, page_id, column) + ": " +
-                     e.what());
-  }
-}
-
-SqlValue encode_mapping(const Json& value, const std::string& branch, const std::string& page_id,
-                        std::string_view column) {
-  if (value.is_null()) return nullptr;
-  return encode(value, branch, page_id, column);
-}
-
-Json decode(std::string_view text, Shape shape, const std::string& branch,
-            const std::string& page_id, std::string_view column) {
-  Json value;
-  try {
-    value = parse_json(text);
-  } catch (const ValueError& e) {
-    // A hostile file's nesting is JSON all the same; anything else is not.
-    const std::string_view what = e.what();
-    if (what.starts_with("JSON ")) {
-      throw StoreError("wiki store: " + where(branch, page_id, column) + " holds JSON that " +
-                       std::string(what.substr(5)));
-    }
-    throw StoreError("wiki store: " + where(branch, page_id, column) +
-                     " holds text that is not JSON: " + std::string(what));
-  }
-  if (shape == Shape::TextList) {
-    bool ok = value.is_array();
-    for (std::size_t i = 0; ok && i < value.size(); ++i) ok = value[i].is_string();
-    if (!ok) {
-      throw StoreError("wiki store: " + where(branch, page_id, column) +
-                       " must hold a JSON list of texts, holds " + std::string(text));
-    }
-  } else if (!value.is_object() && !value.is_null()) {
-    throw StoreError("wiki store: " + where(branch, page_id, column) +
-                     " must hold a JSON object, holds " + std::string(text));
-  }
-  return value;
 }
 
 [[noreturn]] void not_an_integer(std::string_view what) {

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "support/plans.hpp"
+#include "support/store_backends.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
@@ -11,9 +11,17 @@
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
-using kodrune_test::ids_of;
+class RetirePages : public kodrune_test::StoreBackendTest {};
+class ApplyReplan : public kodrune_test::StoreBackendTest {};
 
-void add_row(SqliteWikiStore& store, const std::string& branch, const std::string& id,
+
+std::vector<std::string> ids_of(const Existing& pages) {
+  std::vector<std::string> ids;
+  for (const auto& [id, row] : pages) ids.push_back(id);
+  return ids;
+}
+
+void add_row(WikiStore& store, const std::string& branch, const std::string& id,
              const std::string& level) {
   WikiPageColumns columns;
   columns.level = level;
@@ -22,9 +30,9 @@ void add_row(SqliteWikiStore& store, const std::string& branch, const std::strin
   store.upsert_wiki_page(branch, id, id, columns);
 }
 
-TEST(RetirePages, DeletesOnlyTheHostBranchRows) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST_P(RetirePages, DeletesOnlyTheHostBranchRows) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   for (const char* branch : {"main", "dev"}) {
     add_row(store, branch, "module-a", "module");
     add_row(store, branch, "module-b", "module");
@@ -35,9 +43,9 @@ TEST(RetirePages, DeletesOnlyTheHostBranchRows) {
   EXPECT_EQ(ids_of(store.load_pages("dev")), (std::vector<std::string>{"module-a", "module-b"}));
 }
 
-TEST(ApplyReplan, ReplacesUnplannedCodeUnitRowsBySkeletonRows) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST_P(ApplyReplan, ReplacesUnplannedCodeUnitRowsBySkeletonRows) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   add_row(store, "main", "overview", "overview");
   add_row(store, "main", "module-old", "module");
   add_row(store, "main", "module-kept", "module");
@@ -53,6 +61,9 @@ TEST(ApplyReplan, ReplacesUnplannedCodeUnitRowsBySkeletonRows) {
   EXPECT_EQ(rows.at("module-kept")["status"], "written");
   EXPECT_EQ(rows.at("module-new")["status"], "stale");
 }
+
+KODRUNE_ON_EVERY_BACKEND(ApplyReplan);
+KODRUNE_ON_EVERY_BACKEND(RetirePages);
 
 }  // namespace
 }  // namespace zenthar_kodrune::workers::wiki

@@ -100,6 +100,10 @@ struct PlanLogRead {
   std::vector<std::string> unreadable;
 };
 PlanLogRead read_plan_log(const SafeDir& wiki_dir, std::size_t limit);
+// The same for the log's text.
+PlanLogRead parse_plan_log(std::string_view text, std::size_t limit);
+// Replaces the folder's log with `lines` (through a file renamed into place).
+void write_plan_log_copy(const SafeDir& wiki_dir, const std::vector<std::string>& lines);
 // The same for the branch's wiki folder under `repo_root`, reached without
 // following links.
 PlanLogRead read_plan_log(const std::filesystem::path& repo_root, const std::string& branch,
@@ -303,7 +307,15 @@ class WikiGenerator : public PlanRecordMixin {
   Json page_changes(const std::vector<std::string>& page_ids);
 
   // The last `limit` entries of the branch's plan log (all when 0), oldest first.
-  std::vector<Json> plan_log(std::size_t limit) const;
+  // With a store that keeps the wiki (a shared one), its log; else the
+  // branch's log file.
+  std::vector<Json> plan_log(std::size_t limit);
+  PlanLogRead plan_log_read(std::size_t limit);
+
+  // A written page's saved body: the wiki folder's file, else (a page
+  // another worker saved) the body a shared store keeps; nullopt when the
+  // page has none.
+  std::optional<std::string> saved_body(const std::string& page_id);
 
  private:
   // A folder at `relative` below the repository root, no link followed.

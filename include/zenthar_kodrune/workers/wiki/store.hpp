@@ -138,6 +138,32 @@ class WikiStore {
     (void)entries;
   }
 
+  // The wiki itself, for a store that workers on many machines share: the
+  // saved body of each page and the branch's plan audit log, so that any
+  // worker serves what another one wrote. A store on one machine leaves
+  // both to the wiki folder beside it: it keeps nothing and answers
+  // nullopt. Bodies and log lines are written in the caller's transaction.
+  virtual void put_page_body(const std::string& branch, const std::string& page_id,
+                             const std::string& body) {
+    (void)branch, (void)page_id, (void)body;
+  }
+  virtual std::optional<std::string> page_body(const std::string& branch,
+                                               const std::string& page_id) {
+    (void)branch, (void)page_id;
+    return std::nullopt;
+  }
+  // Appends one line to the branch's log, then rotates it as the log file
+  // is rotated: past _PLAN_LOG_MAX_LINES lines, the last _PLAN_LOG_KEEP_LINES
+  // are kept (plan_record.hpp).
+  virtual void append_plan_log_line(const std::string& branch, const std::string& line) {
+    (void)branch, (void)line;
+  }
+  // The branch's log lines, oldest first.
+  virtual std::optional<std::vector<std::string>> plan_log_lines(const std::string& branch) {
+    (void)branch;
+    return std::nullopt;
+  }
+
   // Plan log lines a build recorded in its own transaction and that are not
   // yet known to be in the log, oldest first, each with its sequence number.
   // A build records its line before it commits and clears it once appended,

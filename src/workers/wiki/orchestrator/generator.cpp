@@ -232,7 +232,13 @@ void WikiGenerator::flush_pending_log(const SafeDir& wiki) {
   lines.reserve(pending.size());
   for (const auto& [sequence, line] : pending) lines.push_back(line);
   try {
-    append_plan_log_lines(wiki, lines);
+    // A shared store's log is the log: every worker's folder holds a copy
+    // of it, whoever's builds wrote the lines.
+    if (auto shared = repository_->plan_log_lines(branch_)) {
+      write_plan_log_copy(wiki, *shared);
+    } else {
+      append_plan_log_lines(wiki, lines);
+    }
   } catch (const OsError& e) {
     plan_record_logger()->warn("could not append wiki plan log: {}", e.what());
     return;
@@ -283,21 +289,38 @@ std::optional<std::string> WikiGenerator::body_mismatch(const Json& row) {
   const std::string content_hash = row_text(row, "content_hash");
   if (content_hash.empty()) return std::nullopt;
   const std::string rel_path = row_text(row, "rel_path");
-  std::string body;
+  std::optional<std::string> why;
+  std::optional<SafeDir> folder;
+  std::string name;
   try {
     const fs::path path =
         path_inside(wiki_dir_, rel_path, "rel_path").lexically_relative(repo_root_);
-    const auto folder = SafeDir::open_if_exists(repo_root_, path.parent_path());
-    if (!folder || !folder->entry_status(path.filename().string())) {
-      return "its body " + rel_path + " is missing";
+    name = path.filename().string();
+    folder = SafeDir::open_if_exists(repo_root_, path.parent_path());
+    if (!folder || !folder->entry_status(name)) {
+      why = "its body " + rel_path + " is missing";
+    } else if (_text_hash(folder->open_file(name, O_RDONLY).read_all()) != content_hash) {
+      why = "its body " + rel_path + " does not match the saved content hash";
     }
-    body = folder->open_file(path.filename().string(), O_RDONLY).read_all();
   } catch (const Error& e) {
     return "its body " + rel_path + " cannot be read: " + e.what();
   }
-  if (_text_hash(body) != content_hash) {
-    return "its body " + rel_path + " does not match the saved content hash";
+  if (!why) return std::nullopt;
+  // A page another worker saved into a shared store: the store's body is
+  // the page, and this worker's wiki folder gets its copy.
+  const std::string page_id = row_text(row, "page_id");
+  const std::optional<std::string> shared = repository_->page_body(branch_, page_id);
+  if (!shared || _text_hash(*shared) != content_hash) return why;
+  if (!folder) {
+    folder = open_below_root(
+        path_inside(wiki_dir_, rel_path, "rel_path").lexically_relative(repo_root_).parent_path(),
+        true);
   }
+  FileDescriptor copy = folder->create_unique(name + std::string(kSavingInfix) + "-");
+  const std::string copy_name = copy.path().filename().string();
+  copy.write_all(*shared);
+  copy.close();
+  folder->rename(copy_name, name);
   return std::nullopt;
 }
 
@@ -431,8 +454,9 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
     }
     record_plan(derivation.pinned, replan);
     if (!derivation.pinned.amendments.empty()) {
-      repository().add_pending_log_line(branch_,
-                                        plan_log_line(derivation.pinned.amendments, replan));
+      const std::string line = plan_log_line(derivation.pinned.amendments, replan);
+      repository().add_pending_log_line(branch_, line);
+      repository().append_plan_log_line(branch_, line);
     }
   }
   fault_point("plan:committed");
@@ -543,8 +567,9 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
       // saved is not the only row the next build pins against.
       record_plan(derivation.pinned, false);
       if (!derivation.pinned.amendments.empty()) {
-        repository().add_pending_log_line(branch_,
-                                          plan_log_line(derivation.pinned.amendments, false));
+        const std::string line = plan_log_line(derivation.pinned.amendments, false);
+        repository().add_pending_log_line(branch_, line);
+        repository().append_plan_log_line(branch_, line);
         logged = true;
       }
     }
@@ -622,6 +647,7 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
     temporary.close();
     fault_point("save:body-written");
     repository().upsert_wiki_page(branch_, page_id, page_title, columns);
+    repository().put_page_body(branch_, page_id, body);
   } catch (...) {
     if (!temporary_name.empty()) {
       try {
@@ -667,15 +693,57 @@ Json WikiGenerator::page_changes(const std::vector<std::string>& page_ids) {
   return out;
 }
 
-std::vector<Json> WikiGenerator::plan_log(std::size_t limit) const {
-  return read_plan_log(repo_root_, branch_, limit).entries;
+std::vector<Json> WikiGenerator::plan_log(std::size_t limit) {
+  return plan_log_read(limit).entries;
+}
+
+PlanLogRead WikiGenerator::plan_log_read(std::size_t limit) {
+  if (auto shared = repository_->plan_log_lines(branch_)) {
+    std::string text;
+    for (const auto& line : *shared) text += line + "\n";
+    return parse_plan_log(text, limit);
+  }
+  return read_plan_log(repo_root_, branch_, limit);
+}
+
+std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id) {
+  const Existing rows = repository_->load_pages(branch_);
+  const auto row = rows.find(page_id);
+  if (row == rows.end() || row_text(row->second, "content_hash").empty()) return std::nullopt;
+  const std::string rel_path = row_text(row->second, "rel_path", rel_path_of(page_id));
+  const fs::path path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
+  std::error_code ec;
+  if (fs::is_regular_file(path, ec)) return read_whole_file(path);
+  return repository_->page_body(branch_, page_id);
+}
+
+void write_plan_log_copy(const SafeDir& wiki_dir, const std::vector<std::string>& lines) {
+  std::string text;
+  for (const auto& line : lines) text += line + "\n";
+  FileDescriptor copy = wiki_dir.create_unique(std::string(_PLAN_LOG_NAME) + ".copy-");
+  const std::string name = copy.path().filename().string();
+  try {
+    copy.write_all(text);
+    copy.close();
+    wiki_dir.rename(name, std::string(_PLAN_LOG_NAME));
+  } catch (...) {
+    try {
+      wiki_dir.remove(name);
+    } catch (const OsError&) {
+      // Left for nobody to read: the log's own name is what is read.
+    }
+    throw;
+  }
 }
 
 PlanLogRead read_plan_log(const SafeDir& wiki_dir, std::size_t limit) {
-  PlanLogRead read;
   auto log = wiki_dir.open_existing(_PLAN_LOG_NAME, O_RDONLY);
-  if (!log) return read;
-  const std::string text = log->read_all();
+  if (!log) return {};
+  return parse_plan_log(log->read_all(), limit);
+}
+
+PlanLogRead parse_plan_log(std::string_view text, std::size_t limit) {
+  PlanLogRead read;
   std::size_t number = 0;
   for (std::size_t start = 0; start < text.size();) {
     const std::size_t end = std::min(text.find('\n', start), text.size());

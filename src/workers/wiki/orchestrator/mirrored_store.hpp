@@ -35,6 +35,20 @@ class MirroredStore final : public WikiStore {
   void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) override {
     store_.save_file_hashes(entries);
   }
+  void put_page_body(const std::string& branch, const std::string& page_id,
+                     const std::string& body) override {
+    store_.put_page_body(branch, page_id, body);
+  }
+  std::optional<std::string> page_body(const std::string& branch,
+                                       const std::string& page_id) override {
+    return store_.page_body(branch, page_id);
+  }
+  void append_plan_log_line(const std::string& branch, const std::string& line) override {
+    store_.append_plan_log_line(branch, line);
+  }
+  std::optional<std::vector<std::string>> plan_log_lines(const std::string& branch) override {
+    return store_.plan_log_lines(branch);
+  }
   void add_pending_log_line(const std::string& branch, const std::string& line) override {
     store_.add_pending_log_line(branch, line);
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "kodrune-wiki/recording_host.hpp"
+#include "support/store_backends.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -11,10 +12,21 @@
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
+// Against a real store of each backend.
+class MarkSynthesisStaleInStore : public kodrune_test::StoreBackendTest {};
+
+
 using kodrune_cli::RecordingHost;
 using Ids = std::set<std::string>;
 
 PlanList plans_of(const char* json) { return plans_from_json(Json::parse(json)); }
+
+Existing existing_from_rows(const char* json) {
+  Existing existing;
+  const Json rows = Json::parse(json);
+  for (auto it = rows.begin(); it != rows.end(); ++it) existing.emplace(it.key(), it.value());
+  return existing;
+}
 
 // The files each `_hashes_with_steering` call was given, in call order.
 std::vector<Json> hashed_files(const RecordingHost& host) {
@@ -24,6 +36,43 @@ std::vector<Json> hashed_files(const RecordingHost& host) {
     files.push_back(call["files"]);
   }
   return files;
+}
+
+TEST(SelectStale, ForcedOrEmptyStoreSelectsEveryPlanWithoutHashing) {
+  const char* host_json = R"({"files": {"a.py": "ha"}})";
+  const PlanList plans = plans_of(R"([{"page_id": "module-a", "source_files": ["a.py"]},
+                                      {"page_id": "overview", "level": "overview"}])");
+  const Existing current = existing_from_rows(R"({"module-a": {"source_hashes": {"a.py": "ha"}}})");
+  {
+    RecordingHost host(Json::parse(host_json));
+    EXPECT_EQ(host._select_stale(plans, current, true), (Ids{"module-a", "overview"}));
+    EXPECT_EQ(host.calls(), Json::array());
+  }
+  {
+    RecordingHost host(Json::parse(host_json));
+    EXPECT_EQ(host._select_stale(plans, Existing{}, false), (Ids{"module-a", "overview"}));
+    EXPECT_EQ(host.calls(), Json::array());
+  }
+  RecordingHost host(Json::parse(host_json));
+  EXPECT_EQ(host._select_stale({}, current, false), Ids{});
+}
+
+TEST(SelectStale, ComparesStoredHashesWhateverTheirOrderOrStatus) {
+  RecordingHost host(Json::parse(
+      R"({"files": {"a.py": "ha", "b.py": "hb", "c.py": "hc2"}, "steering_hash": "s1"})"));
+  const PlanList plans = plans_of(R"([
+      {"page_id": "module-same", "source_files": ["b.py", "a.py", "b.py"]},
+      {"page_id": "module-changed", "source_files": ["c.py"]},
+      {"page_id": "module-new", "source_files": ["a.py"]},
+      {"page_id": "module-same", "source_files": ["b.py", "a.py", "b.py"]}])");
+  const Existing existing = existing_from_rows(R"({
+      "module-same": {"status": "stale", "source_hashes": {"__steering__": "s1", "b.py": "hb", "a.py": "ha"}},
+      "module-changed": {"status": "written", "source_hashes": {"c.py": "hc1", "__steering__": "s1"}}})");
+  EXPECT_EQ(host._select_stale(plans, existing, false), (Ids{"module-changed", "module-new"}));
+  // One hash mapping per plan with a row; none for the plan without one.
+  EXPECT_EQ(hashed_files(host), (std::vector<Json>{Json::parse(R"(["b.py", "a.py", "b.py"])"),
+                                                   Json::parse(R"(["c.py"])"),
+                                                   Json::parse(R"(["b.py", "a.py", "b.py"])")}));
 }
 
 TEST(SelectStale, MappingsCompareByKeyWhereverTheirOrdersPart) {
@@ -76,9 +125,16 @@ TEST(SelectStale, MappingsCompareByKeyWhereverTheirOrdersPart) {
   }
 }
 
-// A plan without files, as a family parent is. The golden cases
-// (store_select_stale) hold an empty row, a changed steering entry and the
-// stale marker on a parent.
+TEST(SelectStale, SkeletonAndMarkedRowsStayStaleUntilSaved) {
+  RecordingHost host(Json::parse(R"({"files": {"a.py": "ha"}})"));
+  const PlanList plans = plans_of(R"([{"page_id": "module-a", "source_files": ["a.py"]},
+                                      {"page_id": "module-parent", "children": ["module-a"]}])");
+  const Existing existing = existing_from_rows(R"({
+      "module-a": {"source_files": ["a.py"], "source_hashes": {"__stale__": "pending"}},
+      "module-parent": {"source_files": [], "source_hashes": {"__stale__": "pending"}}})");
+  EXPECT_EQ(host._select_stale(plans, existing, false), (Ids{"module-a", "module-parent"}));
+}
+
 TEST(SelectStale, PlanWithoutFilesIsHashedOverItsRowFiles) {
   struct Case {
     const char* name;
@@ -93,16 +149,16 @@ TEST(SelectStale, PlanWithoutFilesIsHashedOverItsRowFiles) {
        R"(["a.py", "b.py"])", false},
       {"synthesis parent over no file, same steering", R"({"steering_hash": "s1"})",
        R"({"source_files": [], "source_hashes": {"__steering__": "s1"}})", "[]", false},
+      {"synthesis parent over no file, steering changed", R"({"steering_hash": "s2"})",
+       R"({"source_files": [], "source_hashes": {"__steering__": "s1"}})", "[]", true},
       {"missing hashes equal an empty current mapping", "{}", R"({"source_files": []})", "[]",
        false},
+      {"an empty row is compared like any other", "{}", "{}", "[]", false},
       {"null files read as none", "{}", R"({"source_files": null, "source_hashes": {}})", "[]",
        false},
       {"null hashes are never equal", "{}", R"({"source_files": [], "source_hashes": null})", "[]",
        true},
       {"missing hashes against steering", R"({"steering_hash": "s1"})", "{}", "[]", true},
-      {"a skeleton row stays stale until saved", R"({"files": {"a.py": "ha"}})",
-       R"({"source_files": ["a.py"], "source_hashes": {"__stale__": "pending"}})", R"(["a.py"])",
-       true},
   };
   for (const auto& c : cases) {
     RecordingHost host(Json::parse(c.host));
@@ -115,9 +171,21 @@ TEST(SelectStale, PlanWithoutFilesIsHashedOverItsRowFiles) {
   }
 }
 
-TEST(MarkSynthesisStale, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
-  kodrune_test::TempDir tmp;
-  SqliteWikiStore store(tmp.path() / "wiki.db");
+TEST(MarkSynthesisStale, OneStatementOverTheDistinctSortedIds) {
+  RecordingHost host(Json::parse(R"({"branch": "main"})"));
+  host._mark_synthesis_stale({"b", "a", "b"});
+  EXPECT_EQ(
+      host.calls().dump(),
+      R"j([{"call":"execute","sql":"UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?)","params":["{\"__stale__\": \"pending\"}","main","a","b"]}])j");
+
+  RecordingHost idle(Json::parse(R"({"branch": "main"})"));
+  idle._mark_synthesis_stale({});
+  EXPECT_EQ(idle.calls(), Json::array());
+}
+
+TEST_P(MarkSynthesisStaleInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
   WikiPageColumns saved;
   saved.status = "written";
   saved.source_hashes = Json::object();
@@ -130,8 +198,7 @@ TEST(MarkSynthesisStale, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
                                       {"page_id": "module-other", "children": ["y"]}])");
   EXPECT_EQ(host._select_stale(plans, host._existing(), false), Ids{});
 
-  host._mark_synthesis_stale({});
-  host._mark_synthesis_stale({"module-parent", "module-gone", "module-parent"});
+  host._mark_synthesis_stale({"module-parent", "module-gone"});
 
   const Existing main_rows = store.load_pages("main");
   EXPECT_EQ(main_rows.at("module-parent")["source_hashes"], stale_marker());
@@ -143,6 +210,8 @@ TEST(MarkSynthesisStale, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
   host.reload();
   EXPECT_EQ(host._select_stale(plans, host._existing(), false), Ids{"module-parent"});
 }
+
+KODRUNE_ON_EVERY_BACKEND(MarkSynthesisStaleInStore);
 
 }  // namespace
 }  // namespace zenthar_kodrune::workers::wiki

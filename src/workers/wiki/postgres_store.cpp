@@ -1,0 +1,544 @@
+// The PostgreSQL wiki store. See postgres_store.hpp for the promises it keeps.
+#include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
+
+#include <libpq-fe.h>
+
+#include <cstring>
+#include <set>
+
+#include "row_codec.hpp"
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+namespace {
+
+using detail::decode;
+using detail::encode;
+using detail::encode_mapping;
+using detail::kColumns;
+using detail::quote_text;
+using detail::Shape;
+
+// The options of a connection URI, as libpq reads them.
+struct ConnectionInfo {
+  std::string host;
+  std::string database;
+  std::string user;
+  std::string password;
+};
+
+ConnectionInfo parse_uri(const std::string& uri) {
+  char* error = nullptr;
+  PQconninfoOption* options = PQconninfoParse(uri.c_str(), &error);
+  if (options == nullptr) {
+    // libpq's message may quote part of the URI, the password among it.
+    PQfreemem(error);
+    throw StoreError("wiki store: the PostgreSQL URI is not one libpq can read");
+  }
+  ConnectionInfo info;
+  for (PQconninfoOption* option = options; option->keyword != nullptr; ++option) {
+    if (option->val == nullptr) continue;
+    const std::string_view keyword = option->keyword;
+    if (keyword == "host" || (keyword == "hostaddr" && info.host.empty())) info.host = option->val;
+    if (keyword == "dbname") info.database = option->val;
+    if (keyword == "user") info.user = option->val;
+    if (keyword == "password") info.password = option->val;
+  }
+  PQconninfoFree(options);
+  return info;
+}
+
+std::string location_of(const ConnectionInfo& info) {
+  const std::string host = info.host.empty() ? "the default socket" : info.host;
+  const std::string database = !info.database.empty() ? info.database
+                               : !info.user.empty()   ? info.user
+                                                      : "(the default)";
+  return "host " + host + ", database " + database;
+}
+
+// The first line of a libpq message, any copy of the password blanked out.
+std::string one_line(std::string message, const std::string& password) {
+  if (!password.empty()) {
+    for (std::size_t at = message.find(password); at != std::string::npos;
+         at = message.find(password, at)) {
+      message.replace(at, password.size(), "***");
+    }
+  }
+  while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
+  std::string line;
+  for (const char c : message) {
+    const bool blank = c == '\n' || c == '\t' || c == ' ';
+    if (blank && (line.empty() || line.back() == ' ')) continue;
+    line.push_back(blank ? ' ' : c);
+  }
+  return line;
+}
+
+// "?" -> "$n", outside quoted text, quoted names and comments.
+std::string numbered_placeholders(std::string_view sql, int& count) {
+  std::string out;
+  out.reserve(sql.size() + 16);
+  count = 0;
+  char quote = 0;
+  bool comment = false;
+  for (std::size_t i = 0; i < sql.size(); ++i) {
+    const char c = sql[i];
+    if (comment) {
+      out.push_back(c);
+      if (c == '\n') comment = false;
+    } else if (quote != 0) {
+      out.push_back(c);
+      if (c == quote) quote = 0;
+    } else if (c == '\'' || c == '"') {
+      quote = c;
+      out.push_back(c);
+    } else if (c == '-' && i + 1 < sql.size() && sql[i + 1] == '-') {
+      comment = true;
+      out.push_back(c);
+    } else if (c == '?') {
+      out += "$" + std::to_string(++count);
+    } else {
+      out.push_back(c);
+    }
+  }
+  return out;
+}
+
+// Owns one PGresult.
+class Result {
+ public:
+  explicit Result(PGresult* result) : result_(result) {}
+  ~Result() { PQclear(result_); }
+  Result(const Result&) = delete;
+  Result& operator=(const Result&) = delete;
+  PGresult* get() const { return result_; }
+
+ private:
+  PGresult* result_;
+};
+
+constexpr std::string_view kSchema[] = {
+    R"sql(CREATE TABLE IF NOT EXISTS wiki_pages (
+  branch text NOT NULL,
+  page_id text NOT NULL,
+  title text NOT NULL DEFAULT '',
+  description text NOT NULL DEFAULT '',
+  importance text NOT NULL DEFAULT 'medium',
+  level text NOT NULL DEFAULT 'module',
+  parent_section text NOT NULL DEFAULT '',
+  rel_path text NOT NULL DEFAULT '',
+  source_files text NOT NULL DEFAULT '[]',
+  source_hashes text,
+  related_pages text NOT NULL DEFAULT '[]',
+  status text NOT NULL DEFAULT '',
+  page_type text NOT NULL DEFAULT '',
+  content_hash text,
+  build_cache text,
+  insertion_order bigserial NOT NULL,
+  PRIMARY KEY (branch, page_id)))sql",
+    "CREATE INDEX IF NOT EXISTS wiki_pages_by_insertion ON wiki_pages (branch, insertion_order)",
+    R"sql(CREATE TABLE IF NOT EXISTS plan_log_pending (
+  sequence bigserial PRIMARY KEY,
+  branch text NOT NULL,
+  line text NOT NULL))sql",
+    R"sql(CREATE TABLE IF NOT EXISTS wiki_page_bodies (
+  branch text NOT NULL,
+  page_id text NOT NULL,
+  body text NOT NULL,
+  PRIMARY KEY (branch, page_id)))sql",
+    R"sql(CREATE TABLE IF NOT EXISTS plan_log (
+  sequence bigserial PRIMARY KEY,
+  branch text NOT NULL,
+  line text NOT NULL))sql",
+    "CREATE INDEX IF NOT EXISTS plan_log_by_branch ON plan_log (branch, sequence)",
+};
+
+// Serialises schema creation between workers opening a new database at once.
+constexpr std::int64_t kSchemaLockKey = 0x6b6f6472756e6531;  // "kodrune1"
+
+std::string select_pages_sql() {
+  std::string sql = "SELECT ";
+  for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+    if (i > 0) sql += ", ";
+    sql += kColumns[i].name;
+  }
+  sql += " FROM wiki_pages WHERE branch = ? ORDER BY insertion_order";
+  return sql;
+}
+
+std::string text_of(const std::optional<std::string>& value) { return value.value_or(""); }
+
+}  // namespace
+
+std::string postgres_location(const std::string& uri) { return location_of(parse_uri(uri)); }
+
+// ---- PostgresDatabase ----
+
+PostgresDatabase::PostgresDatabase(const std::string& uri) : uri_(uri) {
+  const ConnectionInfo info = parse_uri(uri_);
+  location_ = location_of(info);
+  password_ = info.password;
+  connect();
+}
+
+PostgresDatabase::~PostgresDatabase() { PQfinish(connection_); }
+
+void PostgresDatabase::connect() {
+  if (connection_ != nullptr) PQfinish(connection_);
+  connection_ = PQconnectdb(uri_.c_str());
+  if (PQstatus(connection_) == CONNECTION_OK) return;
+  const std::string message = one_line(PQerrorMessage(connection_), password_);
+  PQfinish(connection_);
+  connection_ = nullptr;
+  const bool refused = message.find("authentication failed") != std::string::npos ||
+                       message.find("no password supplied") != std::string::npos ||
+                       message.find("role \"") != std::string::npos ||
+                       message.find("no pg_hba.conf entry") != std::string::npos;
+  if (refused) {
+    throw StoreError("wiki store: the PostgreSQL server refused the login (" + location_ +
+                     "): " + message);
+  }
+  if (message.find("database \"") != std::string::npos &&
+      message.find("does not exist") != std::string::npos) {
+    throw StoreError("wiki store: no such PostgreSQL database (" + location_ + "): " + message);
+  }
+  throw StoreError("wiki store: cannot reach the PostgreSQL server (" + location_ + "): " + message);
+}
+
+void PostgresDatabase::fail(std::string_view what, const std::string& detail) const {
+  throw StoreError("wiki store (PostgreSQL, " + location_ + "): " + std::string(what) + ": " +
+                   one_line(detail, password_));
+}
+
+std::vector<PostgresDatabase::Row> PostgresDatabase::query(std::string_view sql,
+                                                           const std::vector<SqlValue>& params) {
+  int count = 0;
+  const std::string text = numbered_placeholders(sql, count);
+  if (count != static_cast<int>(params.size())) {
+    throw StoreError("wiki store: " + quote_text(sql) + " takes " + std::to_string(count) +
+                     " parameters, " + std::to_string(params.size()) + " given");
+  }
+  if (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK) {
+    // Outside a transaction nothing is lost by connecting again; inside one
+    // the server has already rolled it back.
+    if (!scopes_.empty()) fail("the connection was lost", "the transaction was rolled back");
+    connect();
+  }
+  std::vector<std::string> numbers;
+  numbers.reserve(params.size());
+  std::vector<const char*> values;
+  values.reserve(params.size());
+  for (const auto& param : params) {
+    if (const auto* number = std::get_if<std::int64_t>(&param)) {
+      numbers.push_back(std::to_string(*number));
+    }
+  }
+  std::size_t next_number = 0;
+  for (const auto& param : params) {
+    if (std::holds_alternative<std::int64_t>(param)) {
+      values.push_back(numbers[next_number++].c_str());
+    } else if (const auto* value = std::get_if<std::string>(&param)) {
+      if (value->find('\0') != std::string::npos) {
+        throw StoreError("wiki store: PostgreSQL text cannot hold a NUL byte: " +
+                         quote_text(std::string_view(value->c_str())));
+      }
+      values.push_back(value->c_str());
+    } else {
+      values.push_back(nullptr);
+    }
+  }
+  const Result result(PQexecParams(connection_, text.c_str(), static_cast<int>(values.size()),
+                                   nullptr, values.data(), nullptr, nullptr, 0));
+  const ExecStatusType status = PQresultStatus(result.get());
+  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
+    const char* message = PQresultErrorMessage(result.get());
+    fail("cannot run " + quote_text(sql),
+         message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_));
+  }
+  std::vector<Row> rows;
+  const int row_count = PQntuples(result.get());
+  const int column_count = PQnfields(result.get());
+  rows.reserve(static_cast<std::size_t>(row_count));
+  for (int r = 0; r < row_count; ++r) {
+    Row row;
+    row.reserve(static_cast<std::size_t>(column_count));
+    for (int c = 0; c < column_count; ++c) {
+      if (PQgetisnull(result.get(), r, c) != 0) {
+        row.emplace_back(std::nullopt);
+      } else {
+        row.emplace_back(std::string(PQgetvalue(result.get(), r, c),
+                                     static_cast<std::size_t>(PQgetlength(result.get(), r, c))));
+      }
+    }
+    rows.push_back(std::move(row));
+  }
+  return rows;
+}
+
+void PostgresDatabase::execute(std::string_view sql, const std::vector<SqlValue>& params) {
+  query(sql, params);
+}
+
+void PostgresDatabase::begin_transaction() {
+  if (scopes_.empty() &&
+      (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK)) {
+    connect();
+  }
+  const bool nested = PQtransactionStatus(connection_) != PQTRANS_IDLE;
+  if (nested) {
+    execute("SAVEPOINT kodrune_scope_" + std::to_string(scopes_.size()));
+  } else {
+    execute("BEGIN");
+  }
+  scopes_.push_back(nested);
+}
+
+void PostgresDatabase::end_transaction(bool error) {
+  if (scopes_.empty()) throw StoreError("wiki store: a transaction was ended that was never begun");
+  const bool savepoint = scopes_.back();
+  scopes_.pop_back();
+  const bool connected = PQstatus(connection_) == CONNECTION_OK;
+  if (!connected) {
+    // The server rolls back what a lost connection had open.
+    if (error) return;
+    fail("the connection was lost before the transaction committed",
+         "the transaction was rolled back");
+  }
+  const std::string name = "kodrune_scope_" + std::to_string(scopes_.size());
+  if (savepoint) {
+    if (error) {
+      execute("ROLLBACK TO SAVEPOINT " + name);
+    }
+    execute("RELEASE SAVEPOINT " + name);
+    return;
+  }
+  if (error) {
+    execute("ROLLBACK");
+    return;
+  }
+  // COMMIT of a transaction that failed answers ROLLBACK without an error:
+  // writes the caller believes committed would be gone quietly.
+  if (PQtransactionStatus(connection_) == PQTRANS_INERROR) {
+    execute("ROLLBACK");
+    fail("the transaction failed before it ended", "it was rolled back");
+  }
+  execute("COMMIT");
+}
+
+// ---- PostgresWikiStore ----
+
+PostgresWikiStore::PostgresWikiStore(const std::string& uri, std::filesystem::path hash_cache)
+    : db_(uri), hash_cache_(std::move(hash_cache)) {
+  open_schema();
+}
+
+PostgresWikiStore::~PostgresWikiStore() = default;
+
+void PostgresWikiStore::open_schema() {
+  const auto read_version = [this]() -> std::int64_t {
+    const auto rows = db_.query(
+        "SELECT CASE WHEN to_regclass('kodrune_wiki_schema') IS NULL THEN NULL "
+        "ELSE 1 END");
+    if (rows.empty() || !rows[0][0]) return 0;
+    const auto version = db_.query("SELECT max(version) FROM kodrune_wiki_schema");
+    return version.empty() || !version[0][0] ? 0 : std::stoll(*version[0][0]);
+  };
+  const auto check = [this](std::int64_t version) {
+    if (version > SCHEMA_VERSION) {
+      throw StoreError("wiki store: the PostgreSQL database (" + db_.location() +
+                       ") has schema version " + std::to_string(version) +
+                       ", newer than the version " + std::to_string(SCHEMA_VERSION) +
+                       " this program knows");
+    }
+  };
+  const std::int64_t version = read_version();
+  check(version);
+  if (version == SCHEMA_VERSION) return;
+  auto scope = db_.transaction();
+  db_.execute("SELECT pg_advisory_xact_lock(?)", {kSchemaLockKey});
+  const std::int64_t now = read_version();
+  check(now);
+  if (now == SCHEMA_VERSION) return;
+  for (const auto statement : kSchema) db_.execute(statement);
+  db_.execute("CREATE TABLE IF NOT EXISTS kodrune_wiki_schema (version integer NOT NULL)");
+  db_.execute("DELETE FROM kodrune_wiki_schema");
+  db_.execute("INSERT INTO kodrune_wiki_schema (version) VALUES (?)",
+              {std::int64_t{SCHEMA_VERSION}});
+}
+
+void PostgresWikiStore::lock_branch(const std::string& branch) {
+  if (!db_.in_transaction()) {
+    throw StoreError("wiki store: the lock of branch " + quote_text(branch) +
+                     " must be taken inside a transaction");
+  }
+  db_.execute("SELECT pg_advisory_xact_lock(hashtextextended(?, 0))", {branch});
+}
+
+void PostgresWikiStore::upsert_wiki_page(const std::string& branch, const std::string& page_id,
+                                         const std::string& title,
+                                         const WikiPageColumns& columns) {
+  // insertion_order takes the next value of its sequence on insert only, so
+  // a replaced row keeps its place.
+  static constexpr std::string_view kUpsert =
+      "INSERT INTO wiki_pages (branch, page_id, title, description, importance, level, "
+      "parent_section, rel_path, source_files, source_hashes, related_pages, status, page_type, "
+      "content_hash, build_cache) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
+      "ON CONFLICT (branch, page_id) DO UPDATE SET title = excluded.title, "
+      "description = excluded.description, importance = excluded.importance, "
+      "level = excluded.level, parent_section = excluded.parent_section, "
+      "rel_path = excluded.rel_path, source_files = excluded.source_files, "
+      "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
+      "status = excluded.status, page_type = excluded.page_type, "
+      "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
+  std::vector<SqlValue> params;
+  params.reserve(15);
+  params.emplace_back(branch);
+  params.emplace_back(page_id);
+  params.emplace_back(title);
+  params.emplace_back(columns.description);
+  params.emplace_back(columns.importance);
+  params.emplace_back(columns.level);
+  params.emplace_back(columns.parent_section);
+  params.emplace_back(columns.rel_path);
+  params.emplace_back(encode(Json(columns.source_files), branch, page_id, "source_files"));
+  params.push_back(encode_mapping(columns.source_hashes, branch, page_id, "source_hashes"));
+  params.emplace_back(encode(Json(columns.related_pages), branch, page_id, "related_pages"));
+  params.emplace_back(columns.status);
+  params.emplace_back(columns.page_type);
+  if (columns.content_hash) {
+    params.emplace_back(*columns.content_hash);
+  } else {
+    params.emplace_back(nullptr);
+  }
+  params.push_back(encode_mapping(columns.build_cache, branch, page_id, "build_cache"));
+  db_.execute(kUpsert, params);
+}
+
+void PostgresWikiStore::update_structure(const std::string& branch, const std::string& page_id,
+                                         const std::string& title,
+                                         const WikiPageColumns& columns) {
+  db_.execute(
+      "UPDATE wiki_pages SET title = ?, description = ?, importance = ?, level = ?, "
+      "parent_section = ?, rel_path = ?, source_files = ?, related_pages = ?, page_type = ? "
+      "WHERE branch = ? AND page_id = ?",
+      {title, columns.description, columns.importance, columns.level, columns.parent_section,
+       columns.rel_path, encode(Json(columns.source_files), branch, page_id, "source_files"),
+       encode(Json(columns.related_pages), branch, page_id, "related_pages"), columns.page_type,
+       branch, page_id});
+}
+
+void PostgresWikiStore::delete_pages(const std::string& branch,
+                                     const std::vector<std::string>& page_ids) {
+  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
+  if (ids.empty()) return;
+  std::string sql = "DELETE FROM wiki_pages WHERE branch = ? AND page_id IN (";
+  std::vector<SqlValue> params{branch};
+  for (const auto& id : ids) {
+    sql += params.size() == 1 ? "?" : ",?";
+    params.emplace_back(id);
+  }
+  sql += ")";
+  db_.execute(sql, params);
+  // A retired page's saved body goes with its row.
+  sql.replace(0, std::string_view("DELETE FROM wiki_pages").size(), "DELETE FROM wiki_page_bodies");
+  db_.execute(sql, params);
+}
+
+Existing PostgresWikiStore::load_pages(const std::string& branch) {
+  static const std::string kSelect = select_pages_sql();
+  Existing pages;
+  for (auto& values : db_.query(kSelect, {branch})) {
+    std::string page_id = text_of(values[1]);
+    Json row(Json::value_t::object);
+    auto& fields = row.get_ref<Json::object_t&>();
+    fields.reserve(std::size(kColumns));
+    for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+      const auto& column = kColumns[i];
+      auto& value = values[i];
+      if (!value) {
+        fields.emplace(std::string(column.name), nullptr);
+      } else if (column.shape == Shape::Text) {
+        fields.emplace(std::string(column.name), Json(std::move(*value)));
+      } else {
+        fields.emplace(std::string(column.name),
+                            decode(*value, column.shape, branch, page_id, column.name));
+      }
+    }
+    pages.insert_or_assign(std::move(page_id), std::move(row));
+  }
+  return pages;
+}
+
+FileHashCache PostgresWikiStore::load_file_hash_cache() {
+  if (hash_cache_.empty()) return {};
+  // Its own store object: this may run on the prefetch thread.
+  SqliteWikiStore local(hash_cache_);
+  return local.load_file_hash_cache();
+}
+
+void PostgresWikiStore::save_file_hashes(
+    const std::vector<std::pair<std::string, CachedFileHash>>& entries) {
+  if (hash_cache_.empty() || entries.empty()) return;
+  if (!local_cache_) local_cache_ = std::make_unique<SqliteWikiStore>(hash_cache_);
+  local_cache_->save_file_hashes(entries);
+}
+
+void PostgresWikiStore::put_page_body(const std::string& branch, const std::string& page_id,
+                                      const std::string& body) {
+  db_.execute(
+      "INSERT INTO wiki_page_bodies (branch, page_id, body) VALUES (?, ?, ?) "
+      "ON CONFLICT (branch, page_id) DO UPDATE SET body = excluded.body",
+      {branch, page_id, body});
+}
+
+std::optional<std::string> PostgresWikiStore::page_body(const std::string& branch,
+                                                        const std::string& page_id) {
+  auto rows = db_.query("SELECT body FROM wiki_page_bodies WHERE branch = ? AND page_id = ?",
+                        {branch, page_id});
+  if (rows.empty()) return std::nullopt;
+  return std::move(rows[0][0]);
+}
+
+void PostgresWikiStore::append_plan_log_line(const std::string& branch, const std::string& line) {
+  db_.execute("INSERT INTO plan_log (branch, line) VALUES (?, ?)", {branch, line});
+  const auto count = db_.query("SELECT count(*) FROM plan_log WHERE branch = ?", {branch});
+  if (std::stoull(text_of(count.at(0).at(0))) <= _PLAN_LOG_MAX_LINES) return;
+  db_.execute(
+      "DELETE FROM plan_log WHERE branch = ? AND sequence < (SELECT min(sequence) FROM "
+      "(SELECT sequence FROM plan_log WHERE branch = ? ORDER BY sequence DESC LIMIT ?) AS kept)",
+      {branch, branch, static_cast<std::int64_t>(_PLAN_LOG_KEEP_LINES)});
+}
+
+std::optional<std::vector<std::string>> PostgresWikiStore::plan_log_lines(
+    const std::string& branch) {
+  std::vector<std::string> lines;
+  for (auto& row :
+       db_.query("SELECT line FROM plan_log WHERE branch = ? ORDER BY sequence", {branch})) {
+    lines.push_back(text_of(row[0]));
+  }
+  return lines;
+}
+
+void PostgresWikiStore::add_pending_log_line(const std::string& branch, const std::string& line) {
+  db_.execute("INSERT INTO plan_log_pending (branch, line) VALUES (?, ?)", {branch, line});
+}
+
+std::vector<WikiStore::PendingLogLine> PostgresWikiStore::pending_log_lines(
+    const std::string& branch) {
+  std::vector<PendingLogLine> lines;
+  for (auto& row : db_.query(
+           "SELECT sequence, line FROM plan_log_pending WHERE branch = ? ORDER BY sequence",
+           {branch})) {
+    lines.emplace_back(std::stoll(text_of(row[0])), text_of(row[1]));
+  }
+  return lines;
+}
+
+void PostgresWikiStore::clear_pending_log_lines(const std::string& branch, std::int64_t through) {
+  db_.execute("DELETE FROM plan_log_pending WHERE branch = ? AND sequence <= ?", {branch, through});
+}
+
+}  // namespace zenthar_kodrune::workers::wiki
