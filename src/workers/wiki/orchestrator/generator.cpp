@@ -710,7 +710,7 @@ std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id)
   const Existing rows = repository_->load_pages(branch_);
   const auto row = rows.find(page_id);
   if (row == rows.end() || row_text(row->second, "content_hash").empty()) return std::nullopt;
-  const std::string rel_path = row_text(row->second, "rel_path", rel_path_of(page_id));
+  const std::string rel_path = row_text(row->second, "rel_path", page_rel_path(page_id));
   const fs::path path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
   std::error_code ec;
   if (fs::is_regular_file(path, ec)) return read_whole_file(path);
