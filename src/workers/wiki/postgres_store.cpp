@@ -19,8 +19,11 @@ using detail::decode;
 using detail::encode;
 using detail::encode_mapping;
 using detail::kColumns;
+using detail::kUpdateStructure;
 using detail::quote_text;
+using detail::row_values;
 using detail::Shape;
+using detail::structure_values;
 
 // The options of a connection URI, as libpq reads them.
 struct ConnectionInfo {
@@ -205,7 +208,8 @@ void PostgresDatabase::connect() {
       message.find("does not exist") != std::string::npos) {
     throw StoreError("wiki store: no such PostgreSQL database (" + location_ + "): " + message);
   }
-  throw StoreError("wiki store: cannot reach the PostgreSQL server (" + location_ + "): " + message);
+  throw StoreError("wiki store: cannot reach the PostgreSQL server (" + location_ +
+                   "): " + message);
 }
 
 void PostgresDatabase::fail(std::string_view what, const std::string& detail) const {
@@ -283,8 +287,7 @@ void PostgresDatabase::execute(std::string_view sql, const std::vector<SqlValue>
 }
 
 void PostgresDatabase::begin_transaction() {
-  if (scopes_.empty() &&
-      (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK)) {
+  if (scopes_.empty() && (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK)) {
     connect();
   }
   const bool nested = PQtransactionStatus(connection_) != PQTRANS_IDLE;
@@ -378,8 +381,7 @@ void PostgresWikiStore::lock_branch(const std::string& branch) {
 }
 
 void PostgresWikiStore::upsert_wiki_page(const std::string& branch, const std::string& page_id,
-                                         const std::string& title,
-                                         const WikiPageColumns& columns) {
+                                         const std::string& title, const WikiPageColumns& columns) {
   // insertion_order takes the next value of its sequence on insert only, so
   // a replaced row keeps its place.
   static constexpr std::string_view kUpsert =
@@ -393,41 +395,12 @@ void PostgresWikiStore::upsert_wiki_page(const std::string& branch, const std::s
       "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
       "status = excluded.status, page_type = excluded.page_type, "
       "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
-  std::vector<SqlValue> params;
-  params.reserve(15);
-  params.emplace_back(branch);
-  params.emplace_back(page_id);
-  params.emplace_back(title);
-  params.emplace_back(columns.description);
-  params.emplace_back(columns.importance);
-  params.emplace_back(columns.level);
-  params.emplace_back(columns.parent_section);
-  params.emplace_back(columns.rel_path);
-  params.emplace_back(encode(Json(columns.source_files), branch, page_id, "source_files"));
-  params.push_back(encode_mapping(columns.source_hashes, branch, page_id, "source_hashes"));
-  params.emplace_back(encode(Json(columns.related_pages), branch, page_id, "related_pages"));
-  params.emplace_back(columns.status);
-  params.emplace_back(columns.page_type);
-  if (columns.content_hash) {
-    params.emplace_back(*columns.content_hash);
-  } else {
-    params.emplace_back(nullptr);
-  }
-  params.push_back(encode_mapping(columns.build_cache, branch, page_id, "build_cache"));
-  db_.execute(kUpsert, params);
+  db_.execute(kUpsert, row_values(branch, page_id, title, columns));
 }
 
 void PostgresWikiStore::update_structure(const std::string& branch, const std::string& page_id,
-                                         const std::string& title,
-                                         const WikiPageColumns& columns) {
-  db_.execute(
-      "UPDATE wiki_pages SET title = ?, description = ?, importance = ?, level = ?, "
-      "parent_section = ?, rel_path = ?, source_files = ?, related_pages = ?, page_type = ? "
-      "WHERE branch = ? AND page_id = ?",
-      {title, columns.description, columns.importance, columns.level, columns.parent_section,
-       columns.rel_path, encode(Json(columns.source_files), branch, page_id, "source_files"),
-       encode(Json(columns.related_pages), branch, page_id, "related_pages"), columns.page_type,
-       branch, page_id});
+                                         const std::string& title, const WikiPageColumns& columns) {
+  db_.execute(kUpdateStructure, structure_values(branch, page_id, title, columns));
 }
 
 void PostgresWikiStore::delete_pages(const std::string& branch,
@@ -464,7 +437,7 @@ Existing PostgresWikiStore::load_pages(const std::string& branch) {
         fields.emplace(std::string(column.name), Json(std::move(*value)));
       } else {
         fields.emplace(std::string(column.name),
-                            decode(*value, column.shape, branch, page_id, column.name));
+                       decode(*value, column.shape, branch, page_id, column.name));
       }
     }
     pages.insert_or_assign(std::move(page_id), std::move(row));
@@ -529,9 +502,9 @@ void PostgresWikiStore::add_pending_log_line(const std::string& branch, const st
 std::vector<WikiStore::PendingLogLine> PostgresWikiStore::pending_log_lines(
     const std::string& branch) {
   std::vector<PendingLogLine> lines;
-  for (auto& row : db_.query(
-           "SELECT sequence, line FROM plan_log_pending WHERE branch = ? ORDER BY sequence",
-           {branch})) {
+  for (auto& row :
+       db_.query("SELECT sequence, line FROM plan_log_pending WHERE branch = ? ORDER BY sequence",
+                 {branch})) {
     lines.emplace_back(std::stoll(text_of(row[0])), text_of(row[1]));
   }
   return lines;

@@ -18,9 +18,9 @@
 #include <type_traits>
 #include <unordered_map>
 
+#include "row_codec.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
-#include "row_codec.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -401,7 +401,10 @@ using detail::decode;
 using detail::encode;
 using detail::encode_mapping;
 using detail::kColumns;
+using detail::kUpdateStructure;
+using detail::row_values;
 using detail::Shape;
+using detail::structure_values;
 
 std::string select_pages_sql() {
   std::string sql = "SELECT ";
@@ -511,27 +514,7 @@ void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::str
       "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
       "status = excluded.status, page_type = excluded.page_type, "
       "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
-  std::vector<SqlValue> params;
-  params.reserve(16);
-  params.emplace_back(branch);
-  params.emplace_back(page_id);
-  params.emplace_back(title);
-  params.emplace_back(columns.description);
-  params.emplace_back(columns.importance);
-  params.emplace_back(columns.level);
-  params.emplace_back(columns.parent_section);
-  params.emplace_back(columns.rel_path);
-  params.emplace_back(encode(Json(columns.source_files), branch, page_id, "source_files"));
-  params.push_back(encode_mapping(columns.source_hashes, branch, page_id, "source_hashes"));
-  params.emplace_back(encode(Json(columns.related_pages), branch, page_id, "related_pages"));
-  params.emplace_back(columns.status);
-  params.emplace_back(columns.page_type);
-  if (columns.content_hash) {
-    params.emplace_back(*columns.content_hash);
-  } else {
-    params.emplace_back(nullptr);
-  }
-  params.push_back(encode_mapping(columns.build_cache, branch, page_id, "build_cache"));
+  std::vector<SqlValue> params = row_values(branch, page_id, title, columns);
   params.emplace_back(branch);
   db_.execute(kUpsert, params);
 }
@@ -575,24 +558,7 @@ Existing SqliteWikiStore::load_pages(const std::string& branch) {
 
 void SqliteWikiStore::update_structure(const std::string& branch, const std::string& page_id,
                                        const std::string& title, const WikiPageColumns& columns) {
-  static constexpr std::string_view kUpdate =
-      "UPDATE wiki_pages SET title = ?, description = ?, importance = ?, level = ?, "
-      "parent_section = ?, rel_path = ?, source_files = ?, related_pages = ?, page_type = ? "
-      "WHERE branch = ? AND page_id = ?";
-  std::vector<SqlValue> params;
-  params.reserve(11);
-  params.emplace_back(title);
-  params.emplace_back(columns.description);
-  params.emplace_back(columns.importance);
-  params.emplace_back(columns.level);
-  params.emplace_back(columns.parent_section);
-  params.emplace_back(columns.rel_path);
-  params.emplace_back(encode(Json(columns.source_files), branch, page_id, "source_files"));
-  params.emplace_back(encode(Json(columns.related_pages), branch, page_id, "related_pages"));
-  params.emplace_back(columns.page_type);
-  params.emplace_back(branch);
-  params.emplace_back(page_id);
-  db_.execute(kUpdate, params);
+  db_.execute(kUpdateStructure, structure_values(branch, page_id, title, columns));
 }
 
 void SqliteWikiStore::delete_pages(const std::string& branch,
