@@ -67,7 +67,11 @@ void BM_SectionMapOneSection(benchmark::State& state) {
 
 BENCHMARK(BM_SectionMap)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_Sections)->Arg(1 << 20)->Arg(8 << 20)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_SectionMapOneSection)->Arg(64 << 10)->Arg(256 << 10)->Arg(1 << 20)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SectionMapOneSection)
+    ->Arg(64 << 10)
+    ->Arg(256 << 10)
+    ->Arg(1 << 20)
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace
 }  // namespace kodrune_bench

@@ -1,17 +1,20 @@
 #!/usr/bin/env bash
-# Builds and runs every test twice: a normal build (g++, -O2, benchmarks
-# compiled too), then an AddressSanitizer + UndefinedBehaviorSanitizer build
-# made with clang and instrumented for libFuzzer, whose section fuzzer then
-# runs for 60 seconds. Both builds are warning-free (-Werror) under their own
-# compiler. The sanitizer build is unoptimised: it compiles in a fraction of
-# the time, and the optimised build already checks that -O2's warnings stay
-# quiet.
+# Checks that every C++ file is formatted, then builds and runs every test
+# twice: a normal build (g++, -O2, benchmarks compiled too), then an
+# AddressSanitizer + UndefinedBehaviorSanitizer build made with clang and
+# instrumented for libFuzzer, whose section fuzzer then runs for 60 seconds.
+# Both builds are warning-free (-Werror) under their own compiler. The
+# sanitizer build is unoptimised: it compiles in a fraction of the time, and
+# the optimised build already checks that -O2's warnings stay quiet.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
 
 jobs=$(nproc 2>/dev/null || echo 2)
+
+echo "== formatting (clang-format, the root .clang-format) =="
+git ls-files '*.cpp' '*.hpp' | xargs clang-format --dry-run --Werror
 
 # run_suite DIR EXCLUDE CMAKE_ARGS...: EXCLUDE is a ctest -E pattern ("" for none).
 run_suite() {

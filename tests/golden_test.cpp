@@ -24,7 +24,8 @@ namespace fs = std::filesystem;
 using zenthar_kodrune::workers::wiki::Json;
 
 std::string replace_all(std::string text, const std::string& from, const std::string& to) {
-  for (std::size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size())) {
+  for (std::size_t at = text.find(from); at != std::string::npos;
+       at = text.find(from, at + to.size())) {
     text.replace(at, from.size(), to);
   }
   return text;
@@ -43,8 +44,8 @@ class Golden : public ::testing::TestWithParam<fs::path> {};
 
 TEST_P(Golden, RpcAnswersEveryLineAsWritten) {
   const fs::path source = GetParam();
-  const fs::path work = fs::temp_directory_path() /
-                        ("kodrune-golden-" + source.stem().string() + "-" + std::to_string(::getpid()));
+  const fs::path work = fs::temp_directory_path() / ("kodrune-golden-" + source.stem().string() +
+                                                     "-" + std::to_string(::getpid()));
   fs::remove_all(work);
   fs::create_directories(work / "tmp");
   const std::string tmp = (work / "tmp").string();
@@ -76,11 +77,12 @@ TEST_P(Golden, RpcAnswersEveryLineAsWritten) {
   ASSERT_EQ(actual.size(), expected.size()) << source;
   for (std::size_t i = 0; i < expected.size(); ++i) {
     const auto& entry = expected[i];
-    const std::string where = source.filename().string() + ":" + std::to_string(entry["line"].get<int>());
+    const std::string where =
+        source.filename().string() + ":" + std::to_string(entry["line"].get<int>());
     if (entry.contains("response_regex")) {
-      const zenthar_kodrune::workers::wiki::Regex pattern(entry["response_regex"].get<std::string>());
-      EXPECT_TRUE(pattern.full_match(actual[i]))
-          << where << "\n  actual: " << actual[i];
+      const zenthar_kodrune::workers::wiki::Regex pattern(
+          entry["response_regex"].get<std::string>());
+      EXPECT_TRUE(pattern.full_match(actual[i])) << where << "\n  actual: " << actual[i];
     } else {
       EXPECT_EQ(actual[i], entry["response"].dump()) << where;
     }
@@ -88,13 +90,12 @@ TEST_P(Golden, RpcAnswersEveryLineAsWritten) {
   fs::remove_all(work);
 }
 
-INSTANTIATE_TEST_SUITE_P(Files, Golden, ::testing::ValuesIn(golden_files()),
-                         [](const auto& info) {
-                           std::string name = info.param.stem().string();
-                           for (auto& c : name) {
-                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
+INSTANTIATE_TEST_SUITE_P(Files, Golden, ::testing::ValuesIn(golden_files()), [](const auto& info) {
+  std::string name = info.param.stem().string();
+  for (auto& c : name) {
+    if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+  }
+  return name;
+});
 
 }  // namespace

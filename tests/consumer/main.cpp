@@ -1,12 +1,11 @@
 // Plans a small repository, stores the plan in an SQLite store and pins the
 // next plan against it, through the installed libraries only.
-#include <zenthar_kodrune/workers/wiki/orchestrator.hpp>
-#include <zenthar_kodrune/workers/wiki/plan_record.hpp>
-#include <zenthar_kodrune/workers/wiki/sqlite_store.hpp>
-
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <zenthar_kodrune/workers/wiki/orchestrator.hpp>
+#include <zenthar_kodrune/workers/wiki/plan_record.hpp>
+#include <zenthar_kodrune/workers/wiki/sqlite_store.hpp>
 
 int main(int argc, char** argv) {
   namespace wiki = zenthar_kodrune::workers::wiki;

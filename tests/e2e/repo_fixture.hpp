@@ -91,8 +91,8 @@ class GitRepo {
     const fs::path err = scratch_ / ("stderr-" + tag + ".txt");
     const std::string store =
         store_url_.empty() ? "" : "KODRUNE_WIKI_STORE=" + quoted(store_url_) + " ";
-    const std::string command = "cd " + quoted(root_.string()) + " && " + store + environment + " " +
-                                program + " " + args + " >" + quoted(out.string()) + " 2>" +
+    const std::string command = "cd " + quoted(root_.string()) + " && " + store + environment +
+                                " " + program + " " + args + " >" + quoted(out.string()) + " 2>" +
                                 quoted(err.string());
     const int status = std::system(command.c_str());
     RunResult result;

@@ -100,15 +100,17 @@ TEST_F(SharedStore, ConcurrentWorkersLoseNoSaveAndLogEveryBuildOnce) {
         GitRepo& repo = *repos[static_cast<std::size_t>(w)];
         const std::string branch = "--branch " + quoted(branch_of(w));
         const RunResult plan = repo.run("plan --json " + branch);
-        const std::string body = "Page of worker " + std::to_string(w) + ", round " +
-                                 std::to_string(round) + ".\n";
+        const std::string body =
+            "Page of worker " + std::to_string(w) + ", round " + std::to_string(round) + ".\n";
         const fs::path file = repo.scratch() / ("body-" + std::to_string(round) + ".md");
         std::ofstream(file) << body;
         const RunResult save = repo.run("save module-u" + std::to_string(w) + " " +
                                         quoted(file.string()) + " " + branch);
         const std::lock_guard<std::mutex> lock(mutex);
-        if (plan.code != 0) failures.push_back("plan of worker " + std::to_string(w) + ": " + plan.err);
-        if (save.code != 0) failures.push_back("save of worker " + std::to_string(w) + ": " + save.err);
+        if (plan.code != 0)
+          failures.push_back("plan of worker " + std::to_string(w) + ": " + plan.err);
+        if (save.code != 0)
+          failures.push_back("save of worker " + std::to_string(w) + ": " + save.err);
         if (plan.code == 0) {
           const Json amendments = plan.json().at("amendments");
           if (!amendments.empty()) logged[branch_of(w)].push_back(amendments);
@@ -128,7 +130,8 @@ TEST_F(SharedStore, ConcurrentWorkersLoseNoSaveAndLogEveryBuildOnce) {
       if (branch_of(w) != branch) continue;
       const std::string id = "module-u" + std::to_string(w);
       ASSERT_EQ(rows.count(id), 1u) << branch << " " << id;
-      EXPECT_EQ(rows.at(id).at("content_hash"), wiki::_text_hash(last_body[static_cast<std::size_t>(w)]))
+      EXPECT_EQ(rows.at(id).at("content_hash"),
+                wiki::_text_hash(last_body[static_cast<std::size_t>(w)]))
           << branch << " " << id;
       EXPECT_EQ(store->page_body(branch, id), last_body[static_cast<std::size_t>(w)]);
     }

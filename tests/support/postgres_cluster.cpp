@@ -126,10 +126,10 @@ bool PostgresCluster::make_cluster() {
       }
     }
   }
-  made_ = run_program({std::string(kBinDir) + "/initdb", "-D", data_dir_.string(), "-U",
-                       std::string(kUser), "--pwfile=" + password_file.string(),
-                       "--auth=scram-sha-256", "--no-sync", "--no-instructions", "-E", "UTF8",
-                       "--locale=C"});
+  made_ =
+      run_program({std::string(kBinDir) + "/initdb", "-D", data_dir_.string(), "-U",
+                   std::string(kUser), "--pwfile=" + password_file.string(), "--auth=scram-sha-256",
+                   "--no-sync", "--no-instructions", "-E", "UTF8", "--locale=C"});
   return made_;
 }
 

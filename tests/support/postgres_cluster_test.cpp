@@ -1,8 +1,8 @@
 // The test cluster itself: it serves password logins on its socket only, and
 // a stopped server comes back with its data.
-#include <libpq-fe.h>
-
 #include "support/postgres_cluster.hpp"
+
+#include <libpq-fe.h>
 
 namespace kodrune_test {
 namespace {
@@ -14,7 +14,7 @@ std::string scalar(const std::string& uri, const std::string& sql) {
     out = std::string("connection failed: ") + PQerrorMessage(connection);
   } else {
     PGresult* result = PQexec(connection, sql.c_str());
-    out = PQresultStatus(result) == PGRES_TUPLES_OK ? PQgetvalue(result, 0, 0)
+    out = PQresultStatus(result) == PGRES_TUPLES_OK    ? PQgetvalue(result, 0, 0)
           : PQresultStatus(result) == PGRES_COMMAND_OK ? "ok"
                                                        : PQresultErrorMessage(result);
     PQclear(result);
@@ -28,8 +28,8 @@ using PostgresClusterTest = PostgresTest;
 TEST_F(PostgresClusterTest, ServesItsOwnDatabaseWithAPasswordLogin) {
   EXPECT_EQ(scalar(uri_, "SELECT current_database()"), database_);
   EXPECT_EQ(scalar(uri_, "SHOW listen_addresses"), "");
-  const std::string refused = scalar(
-      PostgresCluster::instance().uri_with_password(database_, "wrong"), "SELECT 1");
+  const std::string refused =
+      scalar(PostgresCluster::instance().uri_with_password(database_, "wrong"), "SELECT 1");
   EXPECT_NE(refused.find("password authentication failed"), std::string::npos) << refused;
 }
 

@@ -41,7 +41,9 @@ class StoreBackendTest
     postgres_uri_ = cluster.uri(database);
   }
 
-  bool postgres() const { return GetParam() == zenthar_kodrune::workers::wiki::StoreKind::Postgres; }
+  bool postgres() const {
+    return GetParam() == zenthar_kodrune::workers::wiki::StoreKind::Postgres;
+  }
 
   // The --store URL of this test's store.
   std::string store_url() const {
@@ -69,9 +71,8 @@ inline std::string backend_name(
 
 }  // namespace kodrune_test
 
-#define KODRUNE_ON_EVERY_BACKEND(suite)                                                       \
-  INSTANTIATE_TEST_SUITE_P(                                                                   \
-      Backends, suite,                                                                        \
-      ::testing::Values(zenthar_kodrune::workers::wiki::StoreKind::Sqlite,                   \
-                        zenthar_kodrune::workers::wiki::StoreKind::Postgres),                 \
-      kodrune_test::backend_name)
+#define KODRUNE_ON_EVERY_BACKEND(suite)                                                            \
+  INSTANTIATE_TEST_SUITE_P(Backends, suite,                                                        \
+                           ::testing::Values(zenthar_kodrune::workers::wiki::StoreKind::Sqlite,    \
+                                             zenthar_kodrune::workers::wiki::StoreKind::Postgres), \
+                           kodrune_test::backend_name)

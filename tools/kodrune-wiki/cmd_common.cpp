@@ -54,9 +54,9 @@ std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options
   }
   const std::string branch = resolve_branch(options);
   const wiki::StoreUrl store = resolve_store(options.store);
-  return std::make_unique<wiki::WikiGenerator>(
-      options.repo, branch, wiki::open_store(store, fs::absolute(options.repo)),
-      std::move(generator_options));
+  return std::make_unique<wiki::WikiGenerator>(options.repo, branch,
+                                               wiki::open_store(store, fs::absolute(options.repo)),
+                                               std::move(generator_options));
 }
 
 std::string error_line(const std::exception& error) {

@@ -50,8 +50,8 @@ Command add_log_command(CLI::App& app) {
               const auto read =
                   store.kind == wiki::StoreKind::Postgres
                       ? open_generator(options->common)->plan_log_read(options->limit)
-                      : wiki::read_plan_log(std::filesystem::absolute(options->common.repo),
-                                            branch, options->limit);
+                      : wiki::read_plan_log(std::filesystem::absolute(options->common.repo), branch,
+                                            options->limit);
               const auto& entries = read.entries;
               // Every readable entry is shown; the rest are named, not fatal.
               for (const auto& note : read.unreadable) {

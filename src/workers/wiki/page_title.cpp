@@ -40,7 +40,8 @@ PlanList keep_agent_titles(PlanList plans, const Existing& existing,
   for (const auto& plan : plans) {
     auto found = existing.find(plan->page_id);
     if (found == existing.end()) continue;
-    keep_agent_title(*plan, found->second, facts[static_cast<std::size_t>(found - existing.begin())]);
+    keep_agent_title(*plan, found->second,
+                     facts[static_cast<std::size_t>(found - existing.begin())]);
   }
   return plans;
 }

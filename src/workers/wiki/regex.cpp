@@ -72,7 +72,8 @@ std::optional<std::vector<std::string_view>> Regex::match(std::string_view subje
   if (rc < 0) {
     PCRE2_UCHAR message[256];
     pcre2_get_error_message(rc, message, sizeof message);
-    throw ValueError("matching \"" + pattern_ + "\" failed: " + reinterpret_cast<const char*>(message));
+    throw ValueError("matching \"" + pattern_ +
+                     "\" failed: " + reinterpret_cast<const char*>(message));
   }
   const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(data);
   std::vector<std::string_view> out;

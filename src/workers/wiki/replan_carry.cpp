@@ -9,12 +9,13 @@
 // on a replan only the files of the old pages to place are indexed.
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
 
+#include <tsl/ordered_map.h>
+#include <tsl/ordered_set.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <optional>
 #include <string_view>
-#include <tsl/ordered_map.h>
-#include <tsl/ordered_set.h>
 #include <vector>
 
 namespace zenthar_kodrune::workers::wiki {
@@ -50,8 +51,7 @@ class OverlapIndex {
  public:
   // With `only`, paths outside it are left out: no query can count them.
   // Those paths are entered first, so each plan's path is looked up once.
-  explicit OverlapIndex(const PlanList& plans,
-                        const std::vector<std::string_view>* only = nullptr)
+  explicit OverlapIndex(const PlanList& plans, const std::vector<std::string_view>* only = nullptr)
       : counts_(plans.size(), 0) {
     if (only != nullptr) {
       by_path_.reserve(only->size());

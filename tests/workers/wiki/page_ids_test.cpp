@@ -17,11 +17,11 @@ TEST(PageIds, CatchAllPatternMatchesTheWholeIdOnly) {
     const char* id;
     bool catch_all;
   } cases[] = {
-      {"module-additional", true},         {"module-additional-2", true},
-      {"module-additional-10", true},      {"module-additional-", false},
-      {"module-additional-x", false},      {"module-additional-2-b", false},
-      {"xmodule-additional", false},       {"module-additional2", false},
-      {"module-additional\n", false},      {"module-additional-2\n", false},
+      {"module-additional", true},           {"module-additional-2", true},
+      {"module-additional-10", true},        {"module-additional-", false},
+      {"module-additional-x", false},        {"module-additional-2-b", false},
+      {"xmodule-additional", false},         {"module-additional2", false},
+      {"module-additional\n", false},        {"module-additional-2\n", false},
       {"module-additional-\xd9\xa3", false},  // an Arabic-Indic digit is no ASCII digit
       {"custom-module-additional", false},
   };

@@ -14,7 +14,6 @@ namespace {
 class RetirePages : public kodrune_test::StoreBackendTest {};
 class ApplyReplan : public kodrune_test::StoreBackendTest {};
 
-
 std::vector<std::string> ids_of(const Existing& pages) {
   std::vector<std::string> ids;
   for (const auto& [id, row] : pages) ids.push_back(id);

@@ -17,10 +17,10 @@
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
+using kodrune_test::PostgresCluster;
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using kodrune_test::PostgresCluster;
 
 std::string open_error(const std::string& uri) {
   try {
@@ -63,9 +63,8 @@ TEST_F(PostgresStoreTest, SchemaIsCreatedOnceAndANewerOneIsRefusedUntouched) {
   PostgresWikiStore second(uri_);
   EXPECT_EQ(second.load_pages("main").size(), 1u);
   second.postgres().execute("UPDATE kodrune_wiki_schema SET version = ?", {std::int64_t{99}});
-  EXPECT_THAT(open_error(uri_),
-              AllOf(HasSubstr("has schema version 99, newer than the version 1"),
-                    HasSubstr("database " + database_)));
+  EXPECT_THAT(open_error(uri_), AllOf(HasSubstr("has schema version 99, newer than the version 1"),
+                                      HasSubstr("database " + database_)));
   EXPECT_EQ(second.load_pages("main").size(), 1u);
 }
 
@@ -73,8 +72,9 @@ TEST_F(PostgresStoreTest, PlaceholdersAreNumberedOutsideQuotesAndCountsMustMatch
   PostgresWikiStore store(uri_);
   store.upsert_wiki_page("main", "what?", "Q", {});
   // The literal '?' stays text; the two real placeholders become $1 and $2.
-  store.db().execute("UPDATE wiki_pages SET title = ? || '?' WHERE branch = ? AND page_id = 'what?'",
-                     {std::string("Really"), std::string("main")});
+  store.db().execute(
+      "UPDATE wiki_pages SET title = ? || '?' WHERE branch = ? AND page_id = 'what?'",
+      {std::string("Really"), std::string("main")});
   EXPECT_EQ(store.load_pages("main").at("what?")["title"], "Really?");
   // A value that looks like SQL is only ever a value.
   store.upsert_wiki_page("main", "x'); DROP TABLE wiki_pages; --", "t", {});
@@ -161,8 +161,8 @@ TEST(StoreUrl, ReadsEachFormAndNeverRepeatsAPassword) {
   EXPECT_EQ(postgres.kind, StoreKind::Postgres);
   EXPECT_EQ(describe_store(postgres), "PostgreSQL, host db.example, database wiki");
   EXPECT_EQ(parse_store_url("postgres:///wiki?host=/run/pg").kind, StoreKind::Postgres);
-  for (const char* bad : {"mysql://ann:hunter22@db/wiki", "postgresql://ann:hunter22@db/wiki?x=%zz",
-                          "/plain/path"}) {
+  for (const char* bad :
+       {"mysql://ann:hunter22@db/wiki", "postgresql://ann:hunter22@db/wiki?x=%zz", "/plain/path"}) {
     try {
       parse_store_url(bad);
       ADD_FAILURE() << "accepted";

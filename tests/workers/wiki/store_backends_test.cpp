@@ -1,12 +1,13 @@
 // The wiki store's promises, held by every backend: SQLite in a temporary
 // folder and PostgreSQL in a fresh database of the test's own server.
+#include "support/store_backends.hpp"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <limits>
 #include <stdexcept>
 
-#include "support/store_backends.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -63,10 +64,12 @@ TEST_P(WikiStoreTest, RoundTripsEveryColumn) {
       R"({"branch":"main","page_id":"module-bare","title":"Bare","description":"","importance":"medium","level":"module","parent_section":"","rel_path":"","source_files":[],"source_hashes":{},"related_pages":[],"status":"","page_type":"","content_hash":null,"build_cache":{}})");
 
   // Stored compactly, as JSON text another reader can decode.
-  EXPECT_EQ(raw_text(store, "SELECT source_files FROM wiki_pages WHERE page_id = 'module-core-part-1'"),
-            R"(["src/b.cpp","src/a.cpp"])");
-  EXPECT_EQ(raw_text(store, "SELECT source_hashes FROM wiki_pages WHERE page_id = 'module-core-part-1'"),
-            R"({"src/b.cpp":"h2","src/a.cpp":"h1","__steering__":"s"})");
+  EXPECT_EQ(
+      raw_text(store, "SELECT source_files FROM wiki_pages WHERE page_id = 'module-core-part-1'"),
+      R"(["src/b.cpp","src/a.cpp"])");
+  EXPECT_EQ(
+      raw_text(store, "SELECT source_hashes FROM wiki_pages WHERE page_id = 'module-core-part-1'"),
+      R"({"src/b.cpp":"h2","src/a.cpp":"h1","__steering__":"s"})");
   EXPECT_TRUE(store.load_pages("other").empty());
   // A host that keeps its loaded rows in step with its writes holds what a
   // load would give.

@@ -56,7 +56,6 @@
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 #include "zenthar_kodrune/workers/wiki/store.hpp"
-#include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -110,7 +109,6 @@ PlanLogRead read_plan_log(const std::filesystem::path& repo_root, const std::str
                           std::size_t limit);
 
 // ---- file hashing ----
-
 
 // Told how far hashing has got: files hashed so far and files to hash.
 using HashProgress = std::function<void(std::size_t done, std::size_t total)>;
@@ -292,12 +290,11 @@ class WikiGenerator : public PlanRecordMixin {
   // Records a written page against the plan derived now, in one transaction
   // under the branch's lock: the branch's rows are read once, and nothing
   // but the page's row is written (a branch without rows gets its first plan
-  // recorded first, as a build would). Without `citations`, the body's prose citations that verify are stored. An id
-  // outside the current plan is a KeyError; a body or title that is not
-  // UTF-8 text is a ValueError naming the page and the offending byte. The
-  // row and the body agree after a crash at any point, or the next command
-  // under the branch's lock makes them agree (or a build names the page
-  // stale for it).
+  // recorded first, as a build would). Without `citations`, the body's prose citations that verify
+  // are stored. An id outside the current plan is a KeyError; a body or title that is not UTF-8
+  // text is a ValueError naming the page and the offending byte. The row and the body agree after a
+  // crash at any point, or the next command under the branch's lock makes them agree (or a build
+  // names the page stale for it).
   SaveResult save_page(const std::string& page_id, const std::string& body,
                        const std::optional<Json>& citations,
                        const std::optional<std::string>& title);

@@ -100,7 +100,8 @@ class PostgresWikiStore final : public WikiStore {
   Existing load_pages(const std::string& branch) override;
 
   FileHashCache load_file_hash_cache() override;
-  void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) override;
+  void save_file_hashes(
+      const std::vector<std::pair<std::string, CachedFileHash>>& entries) override;
 
   // Saved bodies and the plan log live here too (wiki_page_bodies, plan_log).
   void put_page_body(const std::string& branch, const std::string& page_id,

@@ -2,11 +2,12 @@
 // which fresh page when a family is re-chunked or collapsed, or on a replan.
 #pragma once
 
+#include <tsl/ordered_map.h>
+#include <tsl/ordered_set.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
-#include <tsl/ordered_map.h>
-#include <tsl/ordered_set.h>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>

@@ -126,7 +126,8 @@ class SqliteWikiStore final : public WikiStore {
 
   // Read over a connection of its own, so it may run beside a build.
   FileHashCache load_file_hash_cache() override;
-  void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) override;
+  void save_file_hashes(
+      const std::vector<std::pair<std::string, CachedFileHash>>& entries) override;
 
   void add_pending_log_line(const std::string& branch, const std::string& line) override;
   std::vector<PendingLogLine> pending_log_lines(const std::string& branch) override;

@@ -121,7 +121,8 @@ class WikiStore {
 
   // Deletes the branch's rows of those ids; nothing for none. Ids without a
   // row are passed over.
-  virtual void delete_pages(const std::string& branch, const std::vector<std::string>& page_ids) = 0;
+  virtual void delete_pages(const std::string& branch,
+                            const std::vector<std::string>& page_ids) = 0;
 
   // The branch's rows decoded (lists as lists, mappings as mappings), in
   // first-insertion order. Undecodable stored JSON is a StoreError naming the
@@ -134,7 +135,8 @@ class WikiStore {
   // keeps a cache reads it over a connection of its own.
   virtual FileHashCache load_file_hash_cache() { return {}; }
   // Inserts or replaces the entries, all in one transaction.
-  virtual void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) {
+  virtual void save_file_hashes(
+      const std::vector<std::pair<std::string, CachedFileHash>>& entries) {
     (void)entries;
   }
 

@@ -12,9 +12,9 @@
 
 #include "mirrored_store.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
-#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/fault_point.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
+#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
@@ -574,8 +574,9 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
       }
     }
     last_plans_ = std::move(derivation.pinned.plans);
-    const auto plan_it = std::find_if(last_plans_.begin(), last_plans_.end(),
-                                      [&](const PlanPtr& plan) { return plan->page_id == page_id; });
+    const auto plan_it =
+        std::find_if(last_plans_.begin(), last_plans_.end(),
+                     [&](const PlanPtr& plan) { return plan->page_id == page_id; });
     if (plan_it == last_plans_.end()) {
       throw KeyError("page id \"" + page_id + "\" is not in the current plan of branch " + branch_);
     }

@@ -32,7 +32,8 @@ class MirroredStore final : public WikiStore {
   void delete_pages(const std::string& branch, const std::vector<std::string>& page_ids) override;
   Existing load_pages(const std::string& branch) override { return store_.load_pages(branch); }
   FileHashCache load_file_hash_cache() override { return store_.load_file_hash_cache(); }
-  void save_file_hashes(const std::vector<std::pair<std::string, CachedFileHash>>& entries) override {
+  void save_file_hashes(
+      const std::vector<std::pair<std::string, CachedFileHash>>& entries) override {
     store_.save_file_hashes(entries);
   }
   void put_page_body(const std::string& branch, const std::string& page_id,

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "row_facts.hpp"
-#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/page_ids.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -103,10 +103,11 @@ PlanList demote_unrecorded_families(const PlanList& fresh_plans, const Existing&
 
   std::unordered_set<std::string_view> dropped_ids;
   for (const auto& family : candidates) {
-    const bool overlaps = std::any_of(family.parts.begin(), family.parts.end(), [&](const PlanPtr& part) {
-      return std::any_of(part->source_files.begin(), part->source_files.end(),
-                         [&](const std::string& path) { return part_file_pinned.at(path); });
-    });
+    const bool overlaps =
+        std::any_of(family.parts.begin(), family.parts.end(), [&](const PlanPtr& part) {
+          return std::any_of(part->source_files.begin(), part->source_files.end(),
+                             [&](const std::string& path) { return part_file_pinned.at(path); });
+        });
     if (!overlaps) continue;
 
     const PagePlan& parent = **family.parent;

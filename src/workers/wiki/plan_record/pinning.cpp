@@ -11,8 +11,8 @@
 // membership tests go through sets and maps, and plans are shared with the
 // caller: admitted and extended plans change in place.
 #include <algorithm>
-#include <cstdlib>
 #include <cstdint>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <string>
@@ -348,7 +348,8 @@ PlanList assemble_pinned(const Classified& c, const Existing& existing,
 
   std::vector<std::string> catch_all_files;
   for (const auto& [path, state] : live) {
-    if (state == PathState::kNew || state == PathState::kCatchAll) catch_all_files.emplace_back(path);
+    if (state == PathState::kNew || state == PathState::kCatchAll)
+      catch_all_files.emplace_back(path);
   }
   if (!catch_all_files.empty()) {
     add_plan(catch_all_row == nullptr
@@ -417,8 +418,8 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
 
   for (const auto& p : fresh_plans) {
     if (!is_pinned_level(p->level)) continue;
-    auto stored = c.stored_families.empty() ? c.stored_families.end()
-                                            : c.stored_families.find(p->page_id);
+    auto stored =
+        c.stored_families.empty() ? c.stored_families.end() : c.stored_families.find(p->page_id);
     if (!p->children.empty()) {
       c.family_ids.insert(p->page_id);
       c.family_ids.insert(p->children.begin(), p->children.end());
@@ -521,7 +522,8 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     }
     RowRefs pinned_rows;
     pinned_rows.reserve(c.pinned_existing.size());
-    for (const auto& pinned : c.pinned_existing) pinned_rows.emplace_back(*pinned.page_id, pinned.row);
+    for (const auto& pinned : c.pinned_existing)
+      pinned_rows.emplace_back(*pinned.page_id, pinned.row);
     inherit_prose(remap, pinned_rows, fresh_code_plans, live_paths, fresh_ids, amendments);
   }
   // No importance order here: a first plan or a replan keeps the planner's.

@@ -31,15 +31,24 @@ RowFacts row_facts_of(const Json& row) {
   for (const auto& [name, value] : row.get_ref<const Json::object_t&>()) {
     const std::string_view key = name;
     const Json** slot = nullptr;
-    if (key == "page_id") slot = &facts.page_id;
-    else if (key == "title") slot = &facts.title;
-    else if (key == "level") slot = &facts.level;
-    else if (key == "importance") slot = &facts.importance;
-    else if (key == "description") slot = &facts.description;
-    else if (key == "source_files") slot = &facts.source_files;
-    else if (key == "related_pages") slot = &facts.related_pages;
-    else if (key == "page_type") slot = &facts.page_type;
-    else if (key == "content_hash") slot = &facts.content_hash;
+    if (key == "page_id")
+      slot = &facts.page_id;
+    else if (key == "title")
+      slot = &facts.title;
+    else if (key == "level")
+      slot = &facts.level;
+    else if (key == "importance")
+      slot = &facts.importance;
+    else if (key == "description")
+      slot = &facts.description;
+    else if (key == "source_files")
+      slot = &facts.source_files;
+    else if (key == "related_pages")
+      slot = &facts.related_pages;
+    else if (key == "page_type")
+      slot = &facts.page_type;
+    else if (key == "content_hash")
+      slot = &facts.content_hash;
     // The first of repeated keys is the one a lookup finds.
     if (slot != nullptr && *slot == nullptr) *slot = &value;
   }
@@ -86,8 +95,9 @@ const std::string& row_page_id_ref(const Json& row, const Json* value) {
 
 const Json* row_text_list_in_place(const Json& row, const Json* value, std::string_view key) {
   if (value == nullptr || is_empty(*value)) return nullptr;
-  const bool all_text = value->is_array() && std::all_of(value->begin(), value->end(),
-                                                         [](const Json& item) { return item.is_string(); });
+  const bool all_text =
+      value->is_array() &&
+      std::all_of(value->begin(), value->end(), [](const Json& item) { return item.is_string(); });
   if (!all_text) row_text_list(row, key);  // raises row_text_list's own error
   return value;
 }

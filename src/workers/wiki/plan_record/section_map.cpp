@@ -128,9 +128,9 @@ struct IdentityViewHash {
 // An index built once per call and dropped with it: entries in one vector,
 // found by open addressing, so building it allocates nothing per entry.
 template <typename Key, typename Value, typename Hash = std::hash<Key>>
-using IndexOf = tsl::ordered_map<Key, Value, Hash, std::equal_to<Key>,
-                                 std::allocator<std::pair<Key, Value>>,
-                                 std::vector<std::pair<Key, Value>>>;
+using IndexOf =
+    tsl::ordered_map<Key, Value, Hash, std::equal_to<Key>, std::allocator<std::pair<Key, Value>>,
+                     std::vector<std::pair<Key, Value>>>;
 
 // A stored citation as the index holds it. A text "symbol" is kept as a view;
 // any other symbol is read from the citation only when a section cites it,

@@ -7,8 +7,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <functional>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <set>
 

@@ -86,7 +86,7 @@ TEST(DemoteUnrecordedFamilies, TwoDemotedFamiliesLeaveEveryOtherPlanInPlace) {
   const PlanList out = _demote_unrecorded_families(
       plans, rows_of({{"module-x", {{"source_files", {"lex/a.py", "ports/a.py"}}}}}));
   EXPECT_EQ(ids_of(out), (std::vector<std::string>{"overview", "module-lex-part-1",
-                                                "module-ports-part-1", "module-ports-part-2"}));
+                                                   "module-ports-part-1", "module-ports-part-2"}));
   EXPECT_EQ(lex1->parent_section, "Lexing");
   EXPECT_EQ(f.part2->parent_section, "Packages");
 }

@@ -32,11 +32,12 @@ std::string warning(int count, int plan_size) {
 // without "action" are golden cases (audit_drift_signal); these are the
 // readings they leave out.
 TEST(DriftSignal, CountsAddRetireAndRemapOfPinnedLevelsOnly) {
-  EXPECT_EQ(drift_signal({record("add", "part"), record("retire", ""), record("remap", nullptr)}, 9),
-            warning(3, 9));
-  EXPECT_EQ(drift_signal({record("retire", "note"), record("remap", "guide"), record("add", "guide")},
-                         3),
-            std::nullopt);
+  EXPECT_EQ(
+      drift_signal({record("add", "part"), record("retire", ""), record("remap", nullptr)}, 9),
+      warning(3, 9));
+  EXPECT_EQ(
+      drift_signal({record("retire", "note"), record("remap", "guide"), record("add", "guide")}, 3),
+      std::nullopt);
   EXPECT_EQ(drift_signal({}, 5), std::nullopt);
 }
 

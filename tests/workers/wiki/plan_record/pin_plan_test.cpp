@@ -104,8 +104,8 @@ TEST(PinPlan, StoredCatchAllKeepsItsLiveFilesAndOnlyTheLastOneCounts) {
   last["title"] = "Misc";
   const PinResult result = pin_plan({},
                                     rows_of({{"module-additional", first},
-                                           {"module-k", files({"k.py"})},
-                                           {"module-additional-2", last}}),
+                                             {"module-k", files({"k.py"})},
+                                             {"module-additional-2", last}}),
                                     {"k.py", "a.py", "b.py"});
   EXPECT_EQ(ids_of(result.plans), (Files{"module-k", "module-additional-2"}));
   const PagePlan& catch_all = *result.plans[1];

@@ -8,13 +8,12 @@ namespace zenthar_kodrune::workers::wiki {
 namespace {
 
 TEST(PlanFromRow, EmptyValuesTakeTheirDefaults) {
-  const PlanPtr plan = _plan_from_row(
-      Json{{"page_id", "module-p"},
-           {"title", ""},
-           {"level", nullptr},
-           {"importance", 0},
-           {"source_files", nullptr}},
-      {"a.py"});
+  const PlanPtr plan = _plan_from_row(Json{{"page_id", "module-p"},
+                                           {"title", ""},
+                                           {"level", nullptr},
+                                           {"importance", 0},
+                                           {"source_files", nullptr}},
+                                      {"a.py"});
   EXPECT_EQ(plan_to_json(*plan).dump(),
             R"({"page_id":"module-p","title":"module-p","level":"module","importance":"medium",)"
             R"("description":"The module-p page (0 files).","topic":"module-p","source_files":[],)"
@@ -26,7 +25,9 @@ TEST(PlanFromRow, EmptyValuesTakeTheirDefaults) {
 // (reconcile_errors); here are repeats and the description made for a row
 // without one.
 TEST(PlanFromRow, KeepsRepeatedLiveFilesAndDescribesAnUndescribedRow) {
-  const Json row = {{"page_id", "p"}, {"title", "Parser"}, {"level", "part"},
+  const Json row = {{"page_id", "p"},
+                    {"title", "Parser"},
+                    {"level", "part"},
                     {"source_files", {"b.py", "gone.py", "a.py", "b.py"}}};
   const PlanPtr plan = _plan_from_row(row, {"a.py", "b.py"});
   EXPECT_EQ(plan->source_files, (std::vector<std::string>{"a.py", "b.py", "b.py"}));

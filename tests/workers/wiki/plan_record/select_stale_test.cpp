@@ -15,7 +15,6 @@ namespace {
 // Against a real store of each backend.
 class MarkSynthesisStaleInStore : public kodrune_test::StoreBackendTest {};
 
-
 using kodrune_cli::RecordingHost;
 using Ids = std::set<std::string>;
 
