@@ -87,8 +87,8 @@ std::filesystem::path path_inside(const std::filesystem::path& base, std::string
                                   std::string_view what);
 
 // R/memory/orvane, and the branch's wiki folder R/memory/orvane/B.
-std::filesystem::path memory_dir(const std::filesystem::path& repo_root);
-std::filesystem::path wiki_dir_of(const std::filesystem::path& repo_root,
+std::filesystem::path memory_dir(const std::filesystem::path& checkout_root);
+std::filesystem::path wiki_dir_of(const std::filesystem::path& checkout_root,
                                   const std::string& branch);
 
 // The plan log as read: the last `limit` readable entries (all when 0),
@@ -103,9 +103,9 @@ PlanLogRead read_plan_log(const SafeDir& wiki_dir, std::size_t limit);
 PlanLogRead parse_plan_log(std::string_view text, std::size_t limit);
 // Replaces the folder's log with `lines` (through a file renamed into place).
 void write_plan_log_copy(const SafeDir& wiki_dir, const std::vector<std::string>& lines);
-// The same for the branch's wiki folder under `repo_root`, reached without
+// The same for the branch's wiki folder under `checkout_root`, reached without
 // following links.
-PlanLogRead read_plan_log(const std::filesystem::path& repo_root, const std::string& branch,
+PlanLogRead read_plan_log(const std::filesystem::path& checkout_root, const std::string& branch,
                           std::size_t limit);
 
 // ---- file hashing ----
@@ -221,11 +221,14 @@ struct SaveResult {
 
 class MirroredStore;
 
+// One name for one thing: `repository()` is the wiki store (the name the
+// plan-of-record host mixins reach it by); the git checkout the wiki
+// documents is `checkout_root()`.
 class WikiGenerator : public PlanRecordMixin {
  public:
   // Opens the default store (SQLite in R/memory/orvane/.store/wiki.db) when
   // `repository` is null. The branch is checked first (check_branch_name).
-  WikiGenerator(std::filesystem::path repo_root, std::string branch,
+  WikiGenerator(std::filesystem::path checkout_root, std::string branch,
                 std::unique_ptr<WikiStore> repository = nullptr, WikiGeneratorOptions options = {});
   ~WikiGenerator() override;
   WikiGenerator(const WikiGenerator&) = delete;
@@ -258,7 +261,7 @@ class WikiGenerator : public PlanRecordMixin {
   std::string _steering_text() override;
   void _reload_existing() override;
 
-  const std::filesystem::path& repo_root() const { return repo_root_; }
+  const std::filesystem::path& checkout_root() const { return checkout_root_; }
   const std::filesystem::path& wiki_dir() const { return wiki_dir_; }
   // The index of the last derivation.
   const RepositoryIndex& index() const { return index_; }
@@ -341,7 +344,7 @@ class WikiGenerator : public PlanRecordMixin {
   void abandon_prefetch() noexcept;
   void save_hash_cache();
 
-  std::filesystem::path repo_root_;
+  std::filesystem::path checkout_root_;
   std::string branch_;
   std::filesystem::path wiki_dir_;
   std::filesystem::path pages_dir_;

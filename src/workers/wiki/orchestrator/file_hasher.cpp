@@ -16,9 +16,9 @@
 #include <string_view>
 #include <thread>
 
+#include "workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 
 namespace zenthar_kodrune::workers::wiki {

@@ -93,11 +93,11 @@ void check_page_id_length(std::string_view page_id) {
   }
 }
 
-fs::path memory_dir(const fs::path& repo_root) { return repo_root / "memory" / "orvane"; }
+fs::path memory_dir(const fs::path& checkout_root) { return checkout_root / "memory" / "orvane"; }
 
-fs::path wiki_dir_of(const fs::path& repo_root, const std::string& branch) {
+fs::path wiki_dir_of(const fs::path& checkout_root, const std::string& branch) {
   check_branch_name(branch);
-  return memory_dir(repo_root) / fs::path(branch);
+  return memory_dir(checkout_root) / fs::path(branch);
 }
 
 }  // namespace zenthar_kodrune::workers::wiki
