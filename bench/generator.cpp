@@ -5,8 +5,8 @@
 #include <unordered_set>
 #include <utility>
 
+#include "workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 

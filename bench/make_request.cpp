@@ -18,8 +18,8 @@
 #include <string_view>
 
 #include "generator.hpp"
+#include "workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
 
 namespace {
 

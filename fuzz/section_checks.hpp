@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
+#include "workers/wiki/verify.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki/verify.hpp"
 
 namespace kodrune_fuzz {
 

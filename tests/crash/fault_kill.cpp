@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "zenthar_kodrune/workers/wiki/fault_point.hpp"
+#include "workers/wiki/fault_point.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "support/temp_dir.hpp"
+#include "workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
-#include "zenthar_kodrune/workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace kodrune_e2e {

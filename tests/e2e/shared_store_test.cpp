@@ -10,7 +10,7 @@
 
 #include "e2e/repo_fixture.hpp"
 #include "support/postgres_cluster.hpp"
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+#include "workers/wiki/repo_facts.hpp"
 
 namespace kodrune_e2e {
 namespace {

@@ -14,9 +14,9 @@
 
 #include "support/postgres_cluster.hpp"
 #include "support/temp_dir.hpp"
-#include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
+#include "workers/wiki/postgres_store.hpp"
+#include "workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
-#include "zenthar_kodrune/workers/wiki/store_url.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 // Names the backend in test listings.

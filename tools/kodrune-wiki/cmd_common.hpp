@@ -10,8 +10,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
-#include "zenthar_kodrune/workers/wiki/store_url.hpp"
 
 namespace kodrune_cli {
 

@@ -8,8 +8,8 @@
 #include <unordered_set>
 
 #include "kodrune-wiki/cmd_common.hpp"
+#include "workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
-#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
 
 #ifndef KODRUNE_WIKI_VERSION
 #define KODRUNE_WIKI_VERSION "0"

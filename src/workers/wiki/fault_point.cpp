@@ -1,5 +1,5 @@
 // The product's fault points: none of them does anything.
-#include "zenthar_kodrune/workers/wiki/fault_point.hpp"
+#include "workers/wiki/fault_point.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

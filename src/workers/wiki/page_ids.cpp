@@ -1,9 +1,9 @@
 // The page-id rules (page_ids.hpp).
-#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
+#include "workers/wiki/page_ids.hpp"
 
 #include <algorithm>
 
-#include "zenthar_kodrune/workers/wiki/page_sources.hpp"
+#include "workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 

@@ -2,7 +2,7 @@
 //
 // The topic names at most twelve files: enough for a reader (or a model) to
 // see what the page covers without a large unit drowning the title.
-#include "zenthar_kodrune/workers/wiki/page_sources.hpp"
+#include "workers/wiki/page_sources.hpp"
 
 #include <algorithm>
 #include <cstddef>

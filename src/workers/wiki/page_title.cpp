@@ -2,7 +2,7 @@
 // over the planner's, so a rename made while writing survives later builds.
 // A row that was never written (no content hash) is a skeleton whose title is
 // the planner's own, and is left alone.
-#include "zenthar_kodrune/workers/wiki/page_title.hpp"
+#include "workers/wiki/page_title.hpp"
 
 #include <cstddef>
 #include <vector>

@@ -1,5 +1,5 @@
 // The PostgreSQL wiki store. See postgres_store.hpp for the promises it keeps.
-#include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
+#include "workers/wiki/postgres_store.hpp"
 
 #include <libpq-fe.h>
 

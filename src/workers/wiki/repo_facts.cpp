@@ -1,7 +1,7 @@
 // Path normal form and content hashes. Recorded hash mappings and the host's
 // `_source_hashes` both name files in `_norm` form, so a page's stored hashes
 // and the current ones meet on the same keys.
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+#include "workers/wiki/repo_facts.hpp"
 
 #include <openssl/evp.h>
 

@@ -5,7 +5,7 @@
 // returns it (the host leaves out paths that are not files), "added" when it is
 // hashed now and nothing was recorded. Hash values are compared as JSON values,
 // so a recorded text and a current text differ exactly when their texts do.
-#include "zenthar_kodrune/workers/wiki/sections.hpp"
+#include "workers/wiki/sections.hpp"
 
 #include <algorithm>
 #include <string_view>

@@ -5,7 +5,7 @@
 #include <string>
 #include <utility>
 
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+#include "workers/wiki/repo_facts.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

@@ -1,8 +1,8 @@
 // One place that turns a --store URL into a store.
-#include "zenthar_kodrune/workers/wiki/store_url.hpp"
+#include "workers/wiki/store_url.hpp"
 
+#include "workers/wiki/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
-#include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
@@ -34,15 +34,16 @@ std::string describe_store(const StoreUrl& url) {
   return url.target.empty() ? "the default SQLite store" : "sqlite:" + url.target;
 }
 
-std::unique_ptr<WikiStore> open_store(const StoreUrl& url, const std::filesystem::path& repo_root) {
+std::unique_ptr<WikiStore> open_store(const StoreUrl& url,
+                                      const std::filesystem::path& checkout_root) {
   if (url.kind == StoreKind::Sqlite) {
-    if (url.target.empty()) return SqliteWikiStore::open_default(repo_root);
+    if (url.target.empty()) return SqliteWikiStore::open_default(checkout_root);
     return std::make_unique<SqliteWikiStore>(url.target, 60000);
   }
   // The store folder is reached without following links, as the SQLite
   // store's own is.
   const std::filesystem::path folder = SqliteWikiStore::default_path({}).parent_path();
-  const SafeDir local = SafeDir::open(repo_root, folder, true);
+  const SafeDir local = SafeDir::open(checkout_root, folder, true);
   return std::make_unique<PostgresWikiStore>(url.target, local.path() / "file-hashes.db");
 }
 

@@ -37,6 +37,7 @@ StoreUrl parse_store_url(std::string_view url);
 // host and database only.
 std::string describe_store(const StoreUrl& url);
 
-std::unique_ptr<WikiStore> open_store(const StoreUrl& url, const std::filesystem::path& repo_root);
+std::unique_ptr<WikiStore> open_store(const StoreUrl& url,
+                                      const std::filesystem::path& checkout_root);
 
 }  // namespace zenthar_kodrune::workers::wiki

@@ -11,7 +11,7 @@
 //  - Invalid UTF-8 in the text matches nothing (PCRE2_MATCH_INVALID_UTF), so
 //    every path returned is valid UTF-8.
 #define PCRE2_CODE_UNIT_WIDTH 8
-#include "zenthar_kodrune/workers/wiki/verify.hpp"
+#include "workers/wiki/verify.hpp"
 
 #include <pcre2.h>
 

@@ -102,7 +102,7 @@ TEST(ParseJson, ReadsValuesAsNlohmannsParserDoes) {
     EXPECT_EQ(ours.dump(), theirs.dump()) << text;
     EXPECT_EQ(ours, theirs) << text;
   }
-  // Non-negative integers are unsigned, negative ones signed, as before.
+  // Non-negative integers are unsigned, negative ones signed.
   const Json numbers = parse_json("[5, -5]");
   EXPECT_TRUE(numbers[0].is_number_unsigned());
   EXPECT_TRUE(numbers[1].is_number_integer() && !numbers[1].is_number_unsigned());

@@ -1,6 +1,6 @@
 // The page-id rules: one answer for the catch-all pattern wherever it is
 // asked, and one catch-all page whoever builds it.
-#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
+#include "workers/wiki/page_ids.hpp"
 
 #include <gtest/gtest.h>
 

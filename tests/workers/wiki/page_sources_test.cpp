@@ -1,5 +1,5 @@
 // Page topics: the title, then the names of at most twelve files.
-#include "zenthar_kodrune/workers/wiki/page_sources.hpp"
+#include "workers/wiki/page_sources.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Titles: a written page keeps the title stored with it.
-#include "zenthar_kodrune/workers/wiki/page_title.hpp"
+#include "workers/wiki/page_title.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 // What only the PostgreSQL store has to get right: its errors (never showing
 // the password), its schema version, the branch locks that serialise
 // workers, placeholders, and a connection lost in the middle of a build.
-#include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
+#include "workers/wiki/postgres_store.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -11,8 +11,8 @@
 #include <thread>
 
 #include "support/postgres_cluster.hpp"
+#include "workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
-#include "zenthar_kodrune/workers/wiki/store_url.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {

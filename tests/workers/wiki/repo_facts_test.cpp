@@ -1,5 +1,5 @@
 // Path normal form, the one rule for repository paths, and content hashes.
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
+#include "workers/wiki/repo_facts.hpp"
 
 #include <gtest/gtest.h>
 

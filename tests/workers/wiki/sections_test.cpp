@@ -1,5 +1,5 @@
 // Changed files of a page and the sections they make stale.
-#include "zenthar_kodrune/workers/wiki/sections.hpp"
+#include "workers/wiki/sections.hpp"
 
 #include <gtest/gtest.h>
 

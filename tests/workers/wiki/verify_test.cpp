@@ -1,5 +1,5 @@
 // Citations written in prose as Markdown links with a line anchor.
-#include "zenthar_kodrune/workers/wiki/verify.hpp"
+#include "workers/wiki/verify.hpp"
 
 #include <gtest/gtest.h>
 

@@ -98,17 +98,17 @@ class SqliteWikiStore final : public WikiStore {
   // Opens the store at `path`, creating the schema on a new file.
   explicit SqliteWikiStore(const std::filesystem::path& path, int busy_timeout_ms = 10000);
 
-  // repo_root / "memory/orvane/.store/wiki.db".
-  static std::filesystem::path default_path(const std::filesystem::path& repo_root);
-  // repo_root / "memory/orvane/wiki.db", where older versions kept it.
-  static std::filesystem::path legacy_path(const std::filesystem::path& repo_root);
+  // checkout_root / "memory/orvane/.store/wiki.db".
+  static std::filesystem::path default_path(const std::filesystem::path& checkout_root);
+  // checkout_root / "memory/orvane/wiki.db", where older versions kept it.
+  static std::filesystem::path legacy_path(const std::filesystem::path& checkout_root);
 
   // The store at default_path. The folders on the way and the store's files
   // are checked not to be symbolic links. A store at legacy_path is moved
   // first: its WAL checkpointed, a copy written beside the new place, synced
   // and renamed into place, and only then the old files removed; a process
   // killed on the way leaves the old store whole for the next run to move.
-  static std::unique_ptr<SqliteWikiStore> open_default(const std::filesystem::path& repo_root,
+  static std::unique_ptr<SqliteWikiStore> open_default(const std::filesystem::path& checkout_root,
                                                        int busy_timeout_ms = 60000);
 
   Database& db() override { return db_; }

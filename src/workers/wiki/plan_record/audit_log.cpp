@@ -35,8 +35,8 @@
 #include <vector>
 
 #include "json_text.hpp"
+#include "workers/wiki/fault_point.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
-#include "zenthar_kodrune/workers/wiki/fault_point.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 

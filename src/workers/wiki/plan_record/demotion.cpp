@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "row_facts.hpp"
-#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
+#include "workers/wiki/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 

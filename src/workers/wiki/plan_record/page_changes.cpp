@@ -11,10 +11,10 @@
 #include <unordered_set>
 #include <vector>
 
+#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/sections.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
-#include "zenthar_kodrune/workers/wiki/sections.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 
 namespace zenthar_kodrune::workers::wiki {

@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "row_facts.hpp"
+#include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
-#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
-#include "zenthar_kodrune/workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
@@ -49,8 +49,7 @@ RowFacts row_facts_of(const Json& row) {
       slot = &facts.page_type;
     else if (key == "content_hash")
       slot = &facts.content_hash;
-    // The first of repeated keys is the one a lookup finds.
-    if (slot != nullptr && *slot == nullptr) *slot = &value;
+    if (slot != nullptr) *slot = &value;
   }
   if (facts.level != nullptr && !is_empty(*facts.level)) {
     facts.level_ok = facts.level->is_string();

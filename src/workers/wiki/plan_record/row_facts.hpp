@@ -3,7 +3,7 @@
 // families, pinning, titles) do not each search the row again.
 //
 // Finding a value checks nothing. Each pass still checks the values it uses,
-// in the order it always has, and hands a bad one to the reader it uses
+// in its own order, and hands a bad one to the reader it uses
 // (row_text, row_text_list, row_page_id) so that the same row fails with the
 // same error at the same point.
 #pragma once

@@ -19,10 +19,10 @@
 #include <string_view>
 #include <vector>
 
+#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/verify.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki/repo_facts.hpp"
-#include "zenthar_kodrune/workers/wiki/verify.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

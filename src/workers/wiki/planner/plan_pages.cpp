@@ -5,8 +5,8 @@
 #include <unordered_set>
 
 #include "family_parts.hpp"
-#include "zenthar_kodrune/workers/wiki/page_ids.hpp"
-#include "zenthar_kodrune/workers/wiki/page_sources.hpp"
+#include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
