@@ -1,6 +1,11 @@
-// The SQLite wiki store at repository scale: loading a branch's rows,
-// persisting a first plan as skeleton rows in one transaction, and the
-// content-hash cache a build saves and loads once each.
+// The wiki store at repository scale, on SQLite and on PostgreSQL: loading
+// a branch's rows, persisting a first plan as skeleton rows in one
+// transaction, and the content-hash cache a build saves and loads once each
+// (a local SQLite file whatever the store, so measured once).
+//
+// The PostgreSQL families (named ...Postgres) run on a throwaway cluster the
+// process starts on first use (initdb and pg_ctl in a temporary folder, a
+// Unix socket only, fsync off: the tests' cluster), a new database per store.
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
@@ -9,7 +14,9 @@
 
 #include "generator.hpp"
 #include "memory.hpp"
+#include "support/postgres_cluster.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+#include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 
@@ -37,16 +44,61 @@ class ScratchDir {
   fs::path path_;
 };
 
-// A host whose store is the SQLite file and whose stored rows are none: the
-// state of a first build.
-class SqliteHost final : public wiki::PlanRecordMixin {
+enum class Backend { Sqlite, Postgres };
+
+// A new empty store: an SQLite file that was not there, or a database of
+// the cluster made for it. open() connects to it again.
+class FreshStore {
  public:
-  explicit SqliteHost(const fs::path& db) : store_(db) {}
+  FreshStore(Backend backend, const fs::path& dir) : backend_(backend), file_(dir / "wiki.db") {
+    if (backend_ == Backend::Sqlite) {
+      fs::remove_all(dir);
+      return;
+    }
+    kodrune_test::PostgresCluster& cluster = kodrune_test::PostgresCluster::instance();
+    if (!cluster.running()) cluster.start();
+    if (!cluster.running()) {
+      failure_ = "the PostgreSQL cluster did not start: " + cluster.failure();
+      return;
+    }
+    const std::string database = cluster.create_database();
+    if (database.empty()) failure_ = "cannot create a PostgreSQL database";
+    uri_ = cluster.uri(database);
+  }
+
+  // Why there is no store ("" when there is one).
+  const std::string& failure() const { return failure_; }
+
+  std::unique_ptr<wiki::WikiStore> open() const {
+    if (backend_ == Backend::Sqlite) return std::make_unique<wiki::SqliteWikiStore>(file_);
+    return std::make_unique<wiki::PostgresWikiStore>(uri_);
+  }
+
+  // What the store takes on disk, in MiB.
+  double size_mb() const {
+    if (backend_ == Backend::Sqlite) return static_cast<double>(fs::file_size(file_)) / 1048576.0;
+    wiki::PostgresWikiStore store(uri_);
+    const auto rows = store.postgres().query("SELECT pg_database_size(current_database())");
+    return static_cast<double>(std::stoll(rows.at(0).at(0).value())) / 1048576.0;
+  }
+
+ private:
+  Backend backend_;
+  fs::path file_;
+  std::string uri_;
+  std::string failure_;
+};
+
+// A host whose store is the given one and whose stored rows are none: the
+// state of a first build.
+class StoreHost final : public wiki::PlanRecordMixin {
+ public:
+  explicit StoreHost(std::unique_ptr<wiki::WikiStore> store) : store_(std::move(store)) {}
 
   const std::string& branch() const override { return branch_; }
   const fs::path& pages_dir() const override { return pages_dir_; }
   const wiki::Existing& _existing() const override { return existing_; }
-  wiki::WikiStore& repository() override { return store_; }
+  wiki::WikiStore& repository() override { return *store_; }
   wiki::Json _source_hashes(const std::vector<std::string>&) override {
     return wiki::Json::object();
   }
@@ -56,7 +108,7 @@ class SqliteHost final : public wiki::PlanRecordMixin {
   void _reload_existing() override {}
 
  private:
-  wiki::SqliteWikiStore store_;
+  std::unique_ptr<wiki::WikiStore> store_;
   std::string branch_ = "main";
   fs::path pages_dir_ = "pages";
   wiki::Existing existing_;
@@ -64,7 +116,7 @@ class SqliteHost final : public wiki::PlanRecordMixin {
 
 // Written pages: real hashes, a content hash and a build cache, as a store
 // holds them once the wiki has been generated.
-void write_pages(wiki::SqliteWikiStore& store, const wiki::PlanList& plans, Rng& rng) {
+void write_pages(wiki::WikiStore& store, const wiki::PlanList& plans, Rng& rng) {
   auto scope = store.db().transaction();
   for (const auto& plan : plans) {
     wiki::WikiPageColumns columns;
@@ -94,26 +146,34 @@ void write_pages(wiki::SqliteWikiStore& store, const wiki::PlanList& plans, Rng&
   }
 }
 
-void BM_StoreLoad(benchmark::State& state) {
+void store_load(benchmark::State& state, Backend backend) {
   const std::size_t rows = static_cast<std::size_t>(state.range(0));
   ScratchDir dir("load");
+  const FreshStore fresh(backend, dir.path() / "db");
+  if (!fresh.failure().empty()) {
+    state.SkipWithError(fresh.failure().c_str());
+    return;
+  }
   std::size_t loaded = 0;
   {
-    wiki::SqliteWikiStore store(dir.path() / "wiki.db");
+    auto store = fresh.open();
     Rng rng(3);
-    write_pages(store, make_code_plans(rows, 3), rng);
+    write_pages(*store, make_code_plans(rows, 3), rng);
   }
-  wiki::SqliteWikiStore store(dir.path() / "wiki.db");
+  auto store = fresh.open();
   PeakRss rss;
   for (auto _ : state) {
-    wiki::Existing existing = store.load_pages("main");
+    wiki::Existing existing = store->load_pages("main");
     loaded = existing.size();
     benchmark::DoNotOptimize(existing);
   }
   rss.report(state);
   state.counters["rows"] = static_cast<double>(loaded);
-  state.counters["db_MB"] = static_cast<double>(fs::file_size(dir.path() / "wiki.db")) / 1048576.0;
+  state.counters["db_MB"] = fresh.size_mb();
 }
+
+void BM_StoreLoad(benchmark::State& state) { store_load(state, Backend::Sqlite); }
+void BM_StoreLoadPostgres(benchmark::State& state) { store_load(state, Backend::Postgres); }
 
 // One written catch-all page holding n files: its hash mapping and build
 // cache are objects of n entries each. Loading must stay linear in n.
@@ -138,7 +198,7 @@ void BM_StoreLoadCatchAll(benchmark::State& state) {
   state.counters["files"] = static_cast<double>(files);
 }
 
-void BM_PersistSkeleton(benchmark::State& state) {
+void persist_skeleton(benchmark::State& state, Backend backend) {
   const std::size_t rows = static_cast<std::size_t>(state.range(0));
   const wiki::PlanList plans = make_code_plans(rows, 5);
   ScratchDir dir("skeleton");
@@ -147,8 +207,12 @@ void BM_PersistSkeleton(benchmark::State& state) {
   for (auto _ : state) {
     // A fresh store every time: a first build persists into an empty table.
     state.PauseTiming();
-    fs::remove_all(dir.path() / "db");
-    auto host = std::make_unique<SqliteHost>(dir.path() / "db" / "wiki.db");
+    const FreshStore fresh(backend, dir.path() / "db");
+    if (!fresh.failure().empty()) {
+      state.SkipWithError(fresh.failure().c_str());
+      break;
+    }
+    auto host = std::make_unique<StoreHost>(fresh.open());
     state.ResumeTiming();
     written = host->_persist_plan_skeleton(plans);
     state.PauseTiming();
@@ -157,6 +221,11 @@ void BM_PersistSkeleton(benchmark::State& state) {
   }
   rss.report(state);
   state.counters["rows"] = static_cast<double>(written);
+}
+
+void BM_PersistSkeleton(benchmark::State& state) { persist_skeleton(state, Backend::Sqlite); }
+void BM_PersistSkeletonPostgres(benchmark::State& state) {
+  persist_skeleton(state, Backend::Postgres);
 }
 
 // The hash cache entries of a repository of n files, with real paths.
@@ -205,9 +274,16 @@ void BM_FileHashLoad(benchmark::State& state) {
 }
 
 BENCHMARK(BM_StoreLoad)->Arg(8000)->Arg(32000)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StoreLoadPostgres)->Arg(8000)->Arg(32000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_StoreLoadCatchAll)->Arg(5000)->Arg(20000)->Unit(benchmark::kMillisecond);
 // One call per measurement: each builds a fresh database of its own.
 BENCHMARK(BM_PersistSkeleton)
+    ->Arg(2000)
+    ->Arg(8000)
+    ->Arg(32000)
+    ->Iterations(1)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_PersistSkeletonPostgres)
     ->Arg(2000)
     ->Arg(8000)
     ->Arg(32000)

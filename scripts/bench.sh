@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the benchmarks in Release (build/bench-release) and runs them: the
-# Google Benchmark suite (pin_plan, section_map, _select_stale, the SQLite
-# store), generated requests piped through `kodrune-wiki rpc` beside the time
+# Google Benchmark suite (pin_plan, section_map, _select_stale, the store on
+# SQLite and on a throwaway PostgreSQL cluster), builds per second of worker
+# processes sharing one store (SQLite beside PostgreSQL), generated requests piped through `kodrune-wiki rpc` beside the time
 # simdjson alone takes to parse the same bytes, then `kodrune-wiki plan` on a
 # generated repository of 100k files against `git status` on the same tree. Peak memory of the largest case of
 # each workload is measured by /usr/bin/time -v on a run of that case alone.
@@ -11,6 +12,8 @@
 #   BENCH_SKIP_REPO=1 bash scripts/bench.sh      # no 100k-file repository
 #   BENCH_ONLY_RPC=1 bash scripts/bench.sh       # the rpc requests only
 #   BENCH_ONLY_RPC=1 BENCH_WIKI=/path/to/kodrune-wiki bash scripts/bench.sh
+#   BENCH_SKIP_SHARED=1 bash scripts/bench.sh    # no builds/s of a shared store
+#   BENCH_SHARED_ARGS='--workers 4 --rounds 10' bash scripts/bench.sh
 #
 # The repository is generated once into build/bench-repo and reused.
 set -euo pipefail
@@ -38,7 +41,7 @@ if ! {
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF \
     -DKODRUNE_BUILD_BENCH=ON "-DCMAKE_CXX_FLAGS=$cxxflags" &&
     cmake --build "$build" -j "$jobs" --target kodrune_bench kodrune_bench_make_repo kodrune_bench_make_request \
-      kodrune_bench_parse_floor kodrune-wiki
+      kodrune_bench_parse_floor kodrune_bench_shared_store kodrune-wiki
 } >"$out/build.log" 2>&1; then
   tail -n 40 "$out/build.log"
   echo "bench: the Release build failed; the whole log is $out/build.log" >&2
@@ -166,7 +169,10 @@ t = ms("BM_SelectStale/10000")
 if t:
     print(f"_select_stale 10k: {t:.1f} ms (target < 20)")
 for name, label in (("BM_StoreLoad/32000", "store load 32k"),
-                    ("BM_PersistSkeleton/32000/iterations:1", "skeleton persist 32k")):
+                    ("BM_PersistSkeleton/32000/iterations:1", "skeleton persist 32k"),
+                    ("BM_StoreLoadPostgres/32000", "store load 32k, PostgreSQL"),
+                    ("BM_PersistSkeletonPostgres/32000/iterations:1",
+                     "skeleton persist 32k, PostgreSQL")):
     t = ms(name)
     if t:
         print(f"{label}: {t:.0f} ms (target < 1000)")
@@ -187,6 +193,13 @@ EOF
 fi
 
 run_rpc
+
+if [ -z "${BENCH_SKIP_SHARED:-}" ]; then
+  echo "== builds per second, worker processes sharing one store =="
+  # shellcheck disable=SC2086  # the arguments are words on purpose
+  "$build/bench/kodrune_bench_shared_store" --wiki "$wiki" ${BENCH_SHARED_ARGS:-}
+  echo
+fi
 
 [ -n "${BENCH_SKIP_REPO:-}" ] && exit 0
 

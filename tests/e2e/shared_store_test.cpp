@@ -3,6 +3,7 @@
 // locks), and only the store is shared.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <set>
@@ -59,6 +60,60 @@ TEST_F(SharedStore, SecondWorkerServesWhatTheFirstSaved) {
   const RunResult changes = second.run("changes module-u0 --json");
   ASSERT_EQ(changes.code, 0) << changes.err;
   EXPECT_TRUE(changes.json().contains("module-u0"));
+}
+
+// The server goes away while a build has written its rows and log line but
+// not committed them: the command fails saying where the store is (never
+// the password), and the store holds the build before it, whole.
+TEST_F(SharedStore, ServerLostMidBuildFailsTheBuildAndKeepsTheLastCommit) {
+  kodrune_test::PostgresCluster& cluster = kodrune_test::PostgresCluster::instance();
+  for (const std::string mode : {"fast", "immediate"}) {
+    SCOPED_TRACE(mode);
+    const std::string database = cluster.create_database();
+    GitRepo repo;
+    repo.use_store(cluster.uri(database));
+    seed(repo, 2);
+    repo.plan();
+    ASSERT_EQ(repo.save("module-u0", "Lead.\n").code, 0);
+    const wiki::Existing rows = repo.store()->load_pages("main");
+    const auto log = repo.store()->plan_log_lines("main");
+    repo.write_unit("lib", 3);
+    repo.commit("lib");
+
+    const fs::path handshake = repo.scratch() / ("pause-" + mode);
+    fs::create_directories(handshake);
+    RunResult failed;
+    std::thread build([&] {
+      failed = repo.run("plan", KODRUNE_WIKI_FAULTY_EXE,
+                        "KODRUNE_FAULT_POINT=plan:recorded KODRUNE_FAULT_PAUSE_DIR=" +
+                            quoted(handshake.string()));
+    });
+    for (int waited = 0; waited < 6000 && !fs::exists(handshake / "paused"); ++waited) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    const bool paused = fs::exists(handshake / "paused");
+    if (paused) cluster.stop(mode);
+    std::ofstream(handshake / "resume") << "\n";
+    build.join();
+    cluster.start();
+    ASSERT_TRUE(paused) << "the build never reached its pause: " << failed.err;
+    ASSERT_TRUE(cluster.running()) << cluster.failure();
+
+    EXPECT_GT(failed.code, 0) << failed.err;
+    std::string message = failed.err;
+    while (!message.empty() && message.back() == '\n') message.pop_back();
+    EXPECT_EQ(message.find('\n'), std::string::npos) << failed.err;
+    EXPECT_NE(message.find("host " + cluster.socket_dir().string()), std::string::npos) << message;
+    EXPECT_NE(message.find("database " + database), std::string::npos) << message;
+    EXPECT_EQ(message.find(kodrune_test::PostgresCluster::kPassword), std::string::npos);
+
+    const auto store = repo.store();
+    EXPECT_EQ(store->load_pages("main"), rows);
+    EXPECT_EQ(store->plan_log_lines("main"), log);
+    EXPECT_TRUE(store->pending_log_lines("main").empty());
+    // The lost build is made again by the next one, whole.
+    EXPECT_EQ(plan_of(repo.plan(), "module-lib").at("state"), "new");
+  }
 }
 
 // 8 workers, 4 on each of two branches, each running 25 rounds of a plan

@@ -145,10 +145,10 @@ void PostgresCluster::start() {
   if (!running_) failure_ += "server log:\n" + tail(read_file(log_file_));
 }
 
-void PostgresCluster::stop() {
+void PostgresCluster::stop(std::string_view mode) {
   if (!running_) return;
   run_program({std::string(kBinDir) + "/pg_ctl", "-D", data_dir_.string(), "-w", "-t", "60", "-m",
-               "fast", "stop"});
+               std::string(mode), "stop"});
   running_ = false;
 }
 

@@ -33,9 +33,11 @@ class PostgresCluster {
   // Makes the cluster on first use, then starts the server; on failure
   // running() stays false and failure() holds the reason.
   void start();
-  // Stops the server at once (a fast shutdown: open transactions roll back).
-  // The cluster stays, so start() brings the same data back.
-  void stop();
+  // Stops the server at once: "fast" rolls open transactions back and ends
+  // their connections; "immediate" kills the server outright, leaving the
+  // rollback to the recovery of the next start. The cluster stays, so
+  // start() brings the committed data back.
+  void stop(std::string_view mode = "fast");
   // Stops the server and removes the cluster's folder.
   void destroy();
 

@@ -2,6 +2,7 @@
 #include "workers/wiki/postgres_store.hpp"
 
 #include <libpq-fe.h>
+#include <spdlog/spdlog.h>
 
 #include <cstring>
 #include <set>
@@ -192,7 +193,20 @@ PostgresDatabase::~PostgresDatabase() { PQfinish(connection_); }
 void PostgresDatabase::connect() {
   if (connection_ != nullptr) PQfinish(connection_);
   connection_ = PQconnectdb(uri_.c_str());
-  if (PQstatus(connection_) == CONNECTION_OK) return;
+  if (PQstatus(connection_) == CONNECTION_OK) {
+    // libpq prints the server's notices on stderr by default: a server that
+    // shuts down warns every session, which would put a second line beside
+    // the one error the command reports.
+    PQsetNoticeProcessor(
+        connection_,
+        [](void* self, const char* message) {
+          const auto* db = static_cast<const PostgresDatabase*>(self);
+          plan_record_logger()->debug("PostgreSQL ({}): {}", db->location_,
+                                      one_line(message, db->password_));
+        },
+        this);
+    return;
+  }
   const std::string message = one_line(PQerrorMessage(connection_), password_);
   PQfinish(connection_);
   connection_ = nullptr;

@@ -344,6 +344,7 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
       repository().add_pending_log_line(branch_, line);
       repository().append_plan_log_line(branch_, line);
     }
+    fault_point("plan:recorded");
   }
   fault_point("plan:committed");
   flush_pending_log(wiki);
