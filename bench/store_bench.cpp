@@ -15,8 +15,8 @@
 #include "generator.hpp"
 #include "memory.hpp"
 #include "support/postgres_cluster.hpp"
+#include "workers/wiki/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 
