@@ -492,6 +492,28 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
   return result;
 }
 
+void WikiGenerator::refresh() {
+  abandon_prefetch();
+  hasher_.begin_build();
+  steering_memo_.reset();
+  mirror_->forget();
+}
+
+void WikiGenerator::log_amendments(const Amendments& amendments, bool replan) {
+  if (amendments.empty()) return;
+  // Encoded first: a record that is not UTF-8 leaves nothing behind.
+  const std::string line = plan_log_line(amendments, replan);
+  const BranchHold hold = hold_branch();
+  const SafeDir wiki = open_wiki_dir();
+  {
+    auto transaction = repository().db().transaction();
+    repository().lock_branch(branch_);
+    repository().add_pending_log_line(branch_, line);
+    repository().append_plan_log_line(branch_, line);
+  }
+  flush_pending_log(wiki);
+}
+
 std::optional<std::string> WikiGenerator::stale_reason(const PagePlan& plan, bool force) {
   const Existing& existing = _existing();
   const auto found = existing.find(plan.page_id);
