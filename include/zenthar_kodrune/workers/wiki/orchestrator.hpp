@@ -287,6 +287,8 @@ class WikiGenerator : public PlanRecordMixin {
   // Forgets what earlier calls read: file hashes, the steering text and the
   // branch's rows, so the next call sees the repository and the store as
   // they are now. A long-lived caller (the rpc loop) calls it per request.
+  // The store's file-hash cache is read on the first call, as a build reads
+  // it, so a file whose size, time and inode it holds is not read again.
   void refresh();
 
   // Records `amendments` in the branch's plan log as a build does: under the

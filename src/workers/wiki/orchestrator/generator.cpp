@@ -497,6 +497,9 @@ void WikiGenerator::refresh() {
   hasher_.begin_build();
   steering_memo_.reset();
   mirror_->forget();
+  // A file whose stamp the cache holds is not read again.
+  if (!cache_loaded_) hasher_.load_cache(repository_->load_file_hash_cache());
+  cache_loaded_ = true;
 }
 
 void WikiGenerator::log_amendments(const Amendments& amendments, bool replan) {
