@@ -1,5 +1,6 @@
 // Writes one rpc request line, of the kind and size asked, to standard output:
-// the inputs scripts/bench.sh pipes through `kodrune-wiki rpc`.
+// the inputs scripts/bench.sh pipes through `kodrune-wiki rpc` (select_stale,
+// on a recording host, through `kodrune-wiki-harness rpc`).
 //
 //   kodrune_bench_make_request pin_plan ROWS        the columns reconciliation reads
 //   kodrune_bench_make_request pin_plan_full ROWS   every column of a stored row

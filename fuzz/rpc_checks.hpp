@@ -1,4 +1,4 @@
-// What must hold of the rpc loop's answer to any line, shared by the fuzz
+// What must hold of the rpc harness's answer to any line, shared by the fuzz
 // target and the test that replays its saved corpus: one line of JSON, an
 // object with "id" and either "result" or an "error" whose kind is one of the
 // protocol's. A line that crashes the process fails before any check runs.
@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "kodrune-wiki/rpc.hpp"
+#include "harness/harness_ops.hpp"
 
 namespace kodrune_fuzz {
 
@@ -16,7 +16,7 @@ inline std::string rpc_check_failure(std::string_view line) {
   using kodrune_cli::Json;
   // The one op that writes files, at a path the request names.
   if (line.find("append_plan_log") != std::string_view::npos) return "";
-  const std::string answer = kodrune_cli::rpc_respond(line);
+  const std::string answer = kodrune_cli::rpc_respond(kodrune_harness::harness_rpc_ops(), line);
   if (answer.find('\n') != std::string::npos) return "the answer spans lines: " + answer;
   Json parsed;
   try {

@@ -2,7 +2,9 @@
 # Builds the benchmarks in Release (build/bench-release) and runs them: the
 # Google Benchmark suite (pin_plan, section_map, _select_stale, the store on
 # SQLite and on a throwaway PostgreSQL cluster), builds per second of worker
-# processes sharing one store (SQLite beside PostgreSQL), generated requests piped through `kodrune-wiki rpc` beside the time
+# processes sharing one store (SQLite beside PostgreSQL), generated requests
+# piped through `kodrune-wiki rpc` (and the recording-host cases through
+# `kodrune-wiki-harness rpc`) beside the time
 # simdjson alone takes to parse the same bytes, then `kodrune-wiki plan` on a
 # generated repository of 100k files against `git status` on the same tree. Peak memory of the largest case of
 # each workload is measured by /usr/bin/time -v on a run of that case alone.
@@ -14,6 +16,7 @@
 #   BENCH_ONLY_RPC=1 BENCH_WIKI=/path/to/kodrune-wiki bash scripts/bench.sh
 #   BENCH_SKIP_SHARED=1 bash scripts/bench.sh    # no builds/s of a shared store
 #   BENCH_SHARED_ARGS='--workers 4 --rounds 10' bash scripts/bench.sh
+#   (BENCH_HARNESS=/path/to/kodrune-wiki-harness likewise for the harness's cases)
 #
 # The repository is generated once into build/bench-repo and reused.
 set -euo pipefail
@@ -41,7 +44,7 @@ if ! {
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF \
     -DKODRUNE_BUILD_BENCH=ON "-DCMAKE_CXX_FLAGS=$cxxflags" &&
     cmake --build "$build" -j "$jobs" --target kodrune_bench kodrune_bench_make_repo kodrune_bench_make_request \
-      kodrune_bench_parse_floor kodrune_bench_shared_store kodrune-wiki
+      kodrune_bench_parse_floor kodrune_bench_shared_store kodrune-wiki kodrune-wiki-harness
 } >"$out/build.log" 2>&1; then
   tail -n 40 "$out/build.log"
   echo "bench: the Release build failed; the whole log is $out/build.log" >&2
@@ -51,34 +54,39 @@ bench=$build/bench/kodrune_bench
 # BENCH_WIKI times another build of the command (an older one, say) on the
 # same requests.
 wiki=${BENCH_WIKI:-$PWD/$build/kodrune-wiki}
+# `_select_stale` on a recording host is the test harness's op, not the
+# product's (whose select_stale reads a real store): the harness is built
+# with the benchmarks for it.
+harness=${BENCH_HARNESS:-$PWD/$build/tests/harness/kodrune-wiki-harness}
 
 echo "== machine =="
 echo "cores: $(nproc)  cpu: $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2- | sed 's/^ //')"
 echo "memory: $(awk '/MemTotal/ {printf "%.1f GiB", $2 / 1048576}' /proc/meminfo)  load: $(cut -d' ' -f1-3 /proc/loadavg)"
 echo
 
-# The requests of the rpc section (name, kind, size), generated once into
+# The requests of the rpc section (name, kind, size, the binary that serves
+# them: "wiki" the product, "harness" the test harness), generated once into
 # build/bench-requests: pin_plan over 2k/8k/32k stored rows of ten paths each
 # (and the 32k rows with every column a store row carries), _select_stale
 # over 10k plans, section_map over an 8 MiB body and over pages citing
 # 10k/20k/40k files.
-rpc_requests='pin_plan_2k pin_plan 2000
-pin_plan_8k pin_plan 8000
-pin_plan_32k pin_plan 32000
-pin_plan_32k_whole_rows pin_plan_full 32000
-select_stale_10k select_stale 10000
-section_map_8MiB_body section_map 8388608
-section_map_10k_files section_map_hashes 10000
-section_map_20k_files section_map_hashes 20000
-section_map_40k_files section_map_hashes 40000'
+rpc_requests='pin_plan_2k pin_plan 2000 wiki
+pin_plan_8k pin_plan 8000 wiki
+pin_plan_32k pin_plan 32000 wiki
+pin_plan_32k_whole_rows pin_plan_full 32000 wiki
+select_stale_10k select_stale 10000 harness
+section_map_8MiB_body section_map 8388608 wiki
+section_map_10k_files section_map_hashes 10000 wiki
+section_map_20k_files section_map_hashes 20000 wiki
+section_map_40k_files section_map_hashes 40000 wiki'
 
-# Medians over $runs runs of `kodrune-wiki rpc` answering one request file,
+# Medians over $runs runs of `BINARY rpc` answering one request file,
 # from the process's start to its exit: wall time and CPU time (user + system)
 # in ms, "WALL CPU". The CPU time is the one to read on a busy machine.
 rpc_median_ms() {
   local walls=() cpus=()
   for _ in $(seq "$runs"); do
-    /usr/bin/time -f '%e %U %S' -o "$out/rpc-time.txt" "$wiki" rpc <"$1" >/dev/null
+    /usr/bin/time -f '%e %U %S' -o "$out/rpc-time.txt" "$2" rpc <"$1" >/dev/null
     read -r wall user sys <"$out/rpc-time.txt"
     walls+=("$(awk -v w="$wall" 'BEGIN {printf "%.0f", w * 1000}')")
     cpus+=("$(awk -v u="$user" -v s="$sys" 'BEGIN {printf "%.0f", (u + s) * 1000}')")
@@ -90,19 +98,21 @@ rpc_median_ms() {
 run_rpc() {
   local requests=$build/bench-requests
   mkdir -p "$requests"
-  echo "== kodrune-wiki rpc: a request piped in, time to its answer (median of $runs runs) =="
-  printf '%-26s %7s %7s %8s %8s %9s\n' request "in MB" "out MB" "wall ms" "cpu ms" "floor ms"
-  while read -r name kind size; do
+  echo "== rpc: a request piped in, time to its answer (median of $runs runs) =="
+  printf '%-26s %-8s %7s %7s %8s %8s %9s\n' request binary "in MB" "out MB" "wall ms" "cpu ms" "floor ms"
+  while read -r name kind size serves; do
     local file=$requests/$name.jsonl
+    local binary=$wiki
+    [ "$serves" = harness ] && binary=$harness
     [ -s "$file" ] || "$build/bench/kodrune_bench_make_request" "$kind" "$size" >"$file"
-    "$wiki" rpc <"$file" >"$out/$name.out"
+    "$binary" rpc <"$file" >"$out/$name.out"
     if ! grep -q '^{"id":1,"result"' "$out/$name.out"; then
       echo "bench: $name was not answered with a result: $(head -c 300 "$out/$name.out")" >&2
       return 1
     fi
     local times
-    times=$(rpc_median_ms "$file")
-    printf '%-26s %7.1f %7.1f %8s %8s %9s\n' "$name" \
+    times=$(rpc_median_ms "$file" "$binary")
+    printf '%-26s %-8s %7.1f %7.1f %8s %8s %9s\n' "$name" "$serves" \
       "$(awk -v b="$(stat -c %s "$file")" 'BEGIN {print b / 1e6}')" \
       "$(awk -v b="$(stat -c %s "$out/$name.out")" 'BEGIN {print b / 1e6}')" \
       ${times} "$("$build/bench/kodrune_bench_parse_floor" "$file" "$runs")"

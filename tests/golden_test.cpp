@@ -1,6 +1,6 @@
 // Golden cases: each file of tests/golden is JSON Lines, each line
 // {"request": {...}, "response": {...}} worked out by hand. The requests of a
-// file are fed, in order, to one `kodrune-wiki rpc` process, and each response
+// file are fed, in order, to one `kodrune-wiki-harness rpc` process, and each response
 // line must equal the expected response written compactly.
 //
 // "@TMP@" in a line stands for a fresh temporary folder of that file. A line
@@ -66,7 +66,7 @@ TEST_P(Golden, RpcAnswersEveryLineAsWritten) {
   }
   requests.close();
 
-  const std::string command = std::string("'") + KODRUNE_WIKI_EXE + "' rpc < '" +
+  const std::string command = std::string("'") + KODRUNE_WIKI_HARNESS_EXE + "' rpc < '" +
                               (work / "requests.jsonl").string() + "' > '" +
                               (work / "responses.jsonl").string() + "'";
   ASSERT_EQ(std::system(command.c_str()), 0) << command;

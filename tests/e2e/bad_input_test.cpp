@@ -144,7 +144,8 @@ TEST(BadInput, UnknownOptionsAndMissingArgumentsAreUsageErrors) {
   GitRepo repo;
   repo.seed_src();
   for (const std::string command :
-       {"plan --bogus", "save", "save module-src", "log --limit x", "frobnicate"}) {
+       {"plan --bogus", "save", "save module-src", "log --limit x", "frobnicate",
+        "rpc --repo /nonexistent-kodrune </dev/null", "rpc --branch a..b </dev/null"}) {
     const RunResult result = repo.run(command);
     EXPECT_EQ(result.code, 2) << command;
     EXPECT_EQ(result.err.rfind("kodrune-wiki: error: ", 0), 0u) << command << ": " << result.err;

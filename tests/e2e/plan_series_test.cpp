@@ -2,6 +2,9 @@
 // change and checks what the next builds plan, record and report.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <sstream>
+
 #include "e2e/repo_fixture.hpp"
 #include "support/store_backends.hpp"
 
@@ -291,6 +294,79 @@ TEST_P(PlanSeries, ReplanLetsTheFreshStructureWinAndCarriesProse) {
   const RunResult log = repo.run("log --limit 1 --json");
   ASSERT_EQ(log.code, 0) << log.err;
   EXPECT_TRUE(log.json().at(0).at("replan").get<bool>());
+}
+
+// The answers of one `kodrune-wiki rpc` process to `requests`, one a line
+// (a request's own line breaks are sent as spaces).
+std::vector<Json> rpc(const GitRepo& repo, const std::vector<std::string>& requests) {
+  std::string lines;
+  for (std::string request : requests) {
+    std::replace(request.begin(), request.end(), '\n', ' ');
+    lines += request + "\n";
+  }
+  const RunResult result = repo.run("rpc < " + repo.scratch_file(lines, "requests.jsonl"));
+  EXPECT_EQ(result.code, 0) << result.err;
+  std::vector<Json> answers;
+  std::istringstream in(result.out);
+  for (std::string line; std::getline(in, line);) answers.push_back(Json::parse(line));
+  EXPECT_EQ(answers.size(), requests.size()) << result.out;
+  answers.resize(requests.size());
+  return answers;
+}
+
+TEST_P(PlanSeries, RpcStoreOpsActOnTheBranchStore) {
+  GitRepo repo;
+  repo.use_store(e2e_store());
+  seed(repo);
+  const Json first = repo.plan();
+  EXPECT_EQ(rpc(repo, {R"({"id": 1, "op": "select_stale", "args": {}})"})[0].at("result"),
+            Json::parse(R"({"stale": ["module-lib", "module-src", "overview"]})"));
+  save_all(repo, first);
+  repo.write("src/f01.cpp", "int changed() { return 0; }\n");
+  repo.commit("edit");
+
+  // One process: each request sees what the ones before it wrote.
+  const auto answers = rpc(
+      repo,
+      {R"({"id": 1, "op": "select_stale", "args": {}})",
+       R"({"id": 2, "op": "page_changes", "args": {"page_ids": ["module-src"]}})",
+       R"({"id": 3, "op": "mark_synthesis_stale", "args": {"page_ids": ["module-lib", "nope"]}})",
+       R"({"id": 4, "op": "select_stale", "args": {}})",
+       R"({"id": 5, "op": "section_cache", "args": {"body": "## A\n\nx", "citations": [
+            {"path": "src/f02.cpp", "line_start": 1, "line_end": 2}]}})",
+       R"({"id": 6, "op": "persist_plan_skeleton", "args": {"plans": [
+            {"page_id": "module-extra", "source_files": ["lib/f01.cpp"]},
+            {"page_id": "module-src", "source_files": ["lib/f01.cpp"]}]}})",
+       R"({"id": 7, "op": "persist_plan_skeleton", "args": {"plans": [
+            {"page_id": "../../escape", "source_files": ["lib/f01.cpp"]}]}})",
+       R"({"id": 8, "op": "append_plan_log", "args": {"amendments": [
+            {"action": "add", "page_id": "module-extra", "reason": "by hand"}]}})",
+       R"({"id": 9, "op": "_select_stale", "args": {"host": {}}})"});
+  EXPECT_EQ(answers[0].at("result"), Json::parse(R"({"stale": ["module-src"]})"));
+  EXPECT_EQ(answers[1].at("result"), Json::parse(R"({"changes": {"module-src": {
+    "changed_files": {"added": [], "removed": [], "modified": ["src/f01.cpp"]},
+    "stale_sections": ["Uses"]}}})"));
+  EXPECT_EQ(answers[2].at("result"), Json::parse(R"({"marked": 1})"));
+  EXPECT_EQ(answers[3].at("result"), Json::parse(R"({"stale": ["module-lib", "module-src"]})"));
+  // The file's hash as the store recorded it when the page was saved.
+  EXPECT_EQ(answers[4].at("result").at("cache").at("file_hashes"),
+            Json::object({{"src/f02.cpp",
+                           repo.rows().at("module-src").at("source_hashes").at("src/f02.cpp")}}));
+  EXPECT_EQ(answers[5].at("result"), Json::parse(R"({"count": 1})"));
+  EXPECT_EQ(answers[6].at("error").at("kind"), "value_error") << answers[6];
+  EXPECT_EQ(answers[8].at("error").at("kind"), "invalid_request") << answers[8];
+
+  const auto rows = repo.rows();
+  EXPECT_EQ(rows.at("module-extra").at("status"), "stale");
+  EXPECT_EQ(rows.at("module-src").at("status"), "fresh");
+  EXPECT_EQ(rows.size(), 4u);
+  const RunResult log = repo.run("log --json");
+  ASSERT_EQ(log.code, 0) << log.err;
+  ASSERT_EQ(log.json().size(), 2u);
+  EXPECT_EQ(log.json().at(1).at("amendments").at(0).at("reason"), "by hand");
+  EXPECT_EQ(answers[7].at("result").at("log"),
+            slurp(repo.root() / "memory/orvane/main/plan-log.jsonl"));
+  EXPECT_TRUE(answers[7].at("result").at("warnings").empty());
 }
 
 KODRUNE_ON_EVERY_BACKEND(PlanSeries);

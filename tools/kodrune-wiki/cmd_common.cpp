@@ -46,12 +46,16 @@ std::string resolve_branch(const CommonOptions& options) {
   return branch;
 }
 
-std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options,
-                                                    wiki::WikiGeneratorOptions generator_options) {
+void check_repo(const CommonOptions& options) {
   std::error_code ec;
   if (!fs::is_directory(options.repo, ec)) {
     throw UsageError("--repo " + options.repo + " is not a folder");
   }
+}
+
+std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options,
+                                                    wiki::WikiGeneratorOptions generator_options) {
+  check_repo(options);
   const std::string branch = resolve_branch(options);
   const wiki::StoreUrl store = resolve_store(options.store);
   return std::make_unique<wiki::WikiGenerator>(options.repo, branch,

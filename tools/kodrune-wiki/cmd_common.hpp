@@ -40,6 +40,9 @@ zenthar_kodrune::workers::wiki::StoreUrl resolve_store(const std::string& store)
 // current git branch, else "main". A bad name is a UsageError.
 std::string resolve_branch(const CommonOptions& options);
 
+// A UsageError when --repo is not a folder.
+void check_repo(const CommonOptions& options);
+
 // The orchestrator for the options (repository folder checked first).
 std::unique_ptr<zenthar_kodrune::workers::wiki::WikiGenerator> open_generator(
     const CommonOptions& options,
@@ -67,5 +70,6 @@ Command add_save_command(CLI::App& app);
 Command add_changes_command(CLI::App& app);
 Command add_log_command(CLI::App& app);
 Command add_mcp_command(CLI::App& app);
+Command add_rpc_command(CLI::App& app);
 
 }  // namespace kodrune_cli

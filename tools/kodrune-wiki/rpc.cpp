@@ -2,31 +2,23 @@
 // and the loop goes on.
 #include "kodrune-wiki/rpc.hpp"
 
+#include <spdlog/logger.h>
+#include <spdlog/sinks/base_sink.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <iostream>
+#include <mutex>
 #include <string>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace kodrune_cli {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
-
-const OpTable& rpc_ops() {
-  static const OpTable table = [] {
-    OpTable ops;
-    register_reconcile_ops(ops);
-    register_audit_ops(ops);
-    register_store_ops(ops);
-    register_section_ops(ops);
-    return ops;
-  }();
-  return table;
-}
 
 namespace {
 
@@ -55,7 +47,7 @@ std::string dump(const Json& value) {
 
 }  // namespace
 
-std::string rpc_respond(std::string_view line) {
+std::string rpc_respond(const OpTable& ops, std::string_view line) {
   Json request;
   try {
     request = wiki::parse_json(line);
@@ -71,7 +63,6 @@ std::string rpc_respond(std::string_view line) {
   if (op == nullptr || !op->is_string()) {
     return dump(error_response(id, "invalid_request", "a request needs \"op\" as text"));
   }
-  const auto& ops = rpc_ops();
   auto found = ops.find(op->get_ref<const std::string&>());
   if (found == ops.end()) {
     return dump(error_response(id, "invalid_request", "unknown op: " + op->get<std::string>()));
@@ -101,10 +92,10 @@ std::string rpc_respond(std::string_view line) {
 namespace {
 
 // One line's answer to the output, taking what the line held.
-bool serve_line(std::string_view line, std::string& pending) {
+bool serve_line(const OpTable& ops, std::string_view line, std::string& pending) {
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   if (line.find_first_not_of(" \t") == std::string_view::npos) return false;
-  pending += rpc_respond(line);
+  pending += rpc_respond(ops, line);
   pending += '\n';
   return true;
 }
@@ -123,19 +114,19 @@ bool write_all(int fd, std::string_view bytes) {
 
 }  // namespace
 
-int serve_rpc(std::istream& in, std::ostream& out) {
+int serve_rpc(const OpTable& ops, std::istream& in, std::ostream& out) {
   std::string line;
   std::string answer;
   while (std::getline(in, line)) {
     answer.clear();
-    if (!serve_line(line, answer)) continue;
+    if (!serve_line(ops, line, answer)) continue;
     out << answer;
     out.flush();
   }
   return 0;
 }
 
-int serve_rpc_fd(int in, int out) {
+int serve_rpc_fd(const OpTable& ops, int in, int out) {
   // Input comes in large blocks and is cut into lines here; a line longer
   // than a block grows the buffer. The answers to the lines of a block are
   // written together before the next read, so a client that sends a request
@@ -157,7 +148,7 @@ int serve_rpc_fd(int in, int out) {
       got = ::read(in, buffer.data() + filled, buffer.size() - filled);
     } while (got < 0 && errno == EINTR);
     if (got < 0) {
-      std::perror("kodrune-wiki rpc: cannot read the input");
+      std::perror("rpc: cannot read the input");
       return 1;
     }
     buffer.resize(filled + static_cast<std::size_t>(got));
@@ -165,17 +156,17 @@ int serve_rpc_fd(int in, int out) {
     // Lines completed by this read.
     std::size_t search = std::max(start, filled);
     for (std::size_t newline; (newline = buffer.find('\n', search)) != std::string::npos;) {
-      serve_line(std::string_view(buffer).substr(start, newline - start), pending);
+      serve_line(ops, std::string_view(buffer).substr(start, newline - start), pending);
       start = newline + 1;
       search = start;
     }
     if (at_end && start < buffer.size()) {
-      serve_line(std::string_view(buffer).substr(start), pending);
+      serve_line(ops, std::string_view(buffer).substr(start), pending);
       start = buffer.size();
     }
     if (!pending.empty()) {
       if (!write_all(out, pending)) {
-        std::perror("kodrune-wiki rpc: cannot write the answers");
+        std::perror("rpc: cannot write the answers");
         return 1;
       }
       pending.clear();
@@ -238,6 +229,69 @@ bool bool_arg(const Json& args, std::string_view key, bool fallback) {
   const Json* value = wiki::find_value(args, key);
   if (value == nullptr) return fallback;
   return !wiki::is_empty(*value);
+}
+
+wiki::PlanList plans_arg(const Json& args, std::string_view key) {
+  const Json& value = require_arg(args, key);
+  if (!value.is_array())
+    throw InvalidRequest("\"" + std::string(key) + "\" must be a list of plans");
+  return wiki::plans_from_json(value);
+}
+
+std::vector<std::string> texts_arg(const Json& args, std::string_view key) {
+  const Json& value = require_arg(args, key);
+  const std::string what = "\"" + std::string(key) + "\"";
+  if (!value.is_array()) throw InvalidRequest(what + " must be a list of page ids");
+  std::vector<std::string> texts;
+  texts.reserve(value.size());
+  for (const auto& item : value) {
+    if (!item.is_string()) throw InvalidRequest(what + " must hold text only");
+    texts.push_back(item.get<std::string>());
+  }
+  return texts;
+}
+
+const std::string& body_arg(const Json& args) {
+  const Json& body = require_arg(args, "body");
+  if (!body.is_string()) {
+    throw wiki::TypeError(std::string("\"body\" must be text, not ") + body.type_name());
+  }
+  return body.get_ref<const std::string&>();
+}
+
+namespace {
+
+class WarningSink : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  std::vector<std::string> messages;
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    if (message.level >= spdlog::level::warn) {
+      messages.emplace_back(message.payload.data(), message.payload.size());
+    }
+  }
+  void flush_() override {}
+};
+
+}  // namespace
+
+struct CapturedWarnings::Capture {
+  std::shared_ptr<spdlog::logger> logger = wiki::plan_record_logger();
+  std::shared_ptr<WarningSink> sink = std::make_shared<WarningSink>();
+};
+
+CapturedWarnings::CapturedWarnings() : capture_(std::make_unique<Capture>()) {
+  capture_->logger->sinks().push_back(capture_->sink);
+}
+
+CapturedWarnings::~CapturedWarnings() {
+  auto& sinks = capture_->logger->sinks();
+  sinks.erase(std::remove(sinks.begin(), sinks.end(), capture_->sink), sinks.end());
+}
+
+const std::vector<std::string>& CapturedWarnings::messages() const {
+  return capture_->sink->messages;
 }
 
 }  // namespace kodrune_cli

@@ -1,13 +1,19 @@
-// `kodrune-wiki rpc`: the plan of record over JSON Lines. One request object
-// per input line, one compact response per output line, flushed after each.
+// The rpc loop: the plan of record over JSON Lines. One request object per
+// input line, one compact response per output line, flushed after each. The
+// loop serves whichever op table it is given: the product's
+// (`kodrune-wiki rpc`, ops over the branch's real store) or the test
+// harness's (tests/harness, store-side ops on a recording host).
 #pragma once
 
 #include <functional>
 #include <iosfwd>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace kodrune_cli {
@@ -24,23 +30,45 @@ struct InvalidRequest : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Ops by area; each area's file registers what it serves.
-void register_reconcile_ops(OpTable& ops);
-void register_audit_ops(OpTable& ops);
-void register_store_ops(OpTable& ops);
-void register_section_ops(OpTable& ops);
+// The component's pure functions, served alike by the product and the
+// harness: "pin_plan", "drift_signal", "section_map".
+void register_component_ops(OpTable& ops);
 
-// Every op the loop serves.
-const OpTable& rpc_ops();
+// Opens the orchestrator of the branch the product's store-side ops run on.
+using GeneratorOpener =
+    std::function<std::unique_ptr<zenthar_kodrune::workers::wiki::WikiGenerator>()>;
 
-// Answers one request line (never throws for bad input).
-std::string rpc_respond(std::string_view line);
+// The ops of `kodrune-wiki rpc`: the component's functions, and the
+// store-side operations on the real store of the orchestrator `open`
+// gives, opened on the first op that needs it (a failure to open is that
+// op's error; the next such op tries again). See the README for the table.
+OpTable product_rpc_ops(GeneratorOpener open);
+
+// Answers one request line from `ops` (never throws for bad input).
+std::string rpc_respond(const OpTable& ops, std::string_view line);
 
 // Serves lines from `in` until end of input. Returns 0.
-int serve_rpc(std::istream& in, std::ostream& out);
+int serve_rpc(const OpTable& ops, std::istream& in, std::ostream& out);
 // The same over file descriptors, with reads and writes in large blocks.
 // Returns 0, or 1 when reading or writing failed (said on stderr).
-int serve_rpc_fd(int in, int out);
+int serve_rpc_fd(const OpTable& ops, int in, int out);
+
+// Collects what the plan of record's logger warns while it is alive (the
+// log ops answer with those warnings), also when the call throws.
+class CapturedWarnings {
+ public:
+  CapturedWarnings();
+  ~CapturedWarnings();
+  CapturedWarnings(const CapturedWarnings&) = delete;
+  CapturedWarnings& operator=(const CapturedWarnings&) = delete;
+
+  // Each warning's message, in the order logged.
+  const std::vector<std::string>& messages() const;
+
+ private:
+  struct Capture;
+  std::unique_ptr<Capture> capture_;
+};
 
 // ---- argument readers shared by the ops ----
 
@@ -59,5 +87,11 @@ zenthar_kodrune::workers::wiki::Amendments records_from_json(const Json& value,
 bool bool_arg(const Json& args, std::string_view key);
 // A boolean argument the protocol gives a default.
 bool bool_arg(const Json& args, std::string_view key, bool fallback);
+// A list of plans under `key`.
+zenthar_kodrune::workers::wiki::PlanList plans_arg(const Json& args, std::string_view key);
+// A list of texts under `key` (page ids).
+std::vector<std::string> texts_arg(const Json& args, std::string_view key);
+// The text under "body"; a value of another type is a TypeError.
+const std::string& body_arg(const Json& args);
 
 }  // namespace kodrune_cli

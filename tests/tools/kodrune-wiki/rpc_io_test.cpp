@@ -16,13 +16,15 @@ namespace kodrune_cli {
 namespace {
 
 std::vector<std::string> serve(const std::string& input) {
+  OpTable ops;
+  register_component_ops(ops);
   kodrune_test::TempDir dir;
   const auto in_path = dir.path() / "in";
   const auto out_path = dir.path() / "out";
   std::ofstream(in_path, std::ios::binary) << input;
   const int in = ::open(in_path.c_str(), O_RDONLY);
   const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-  EXPECT_EQ(serve_rpc_fd(in, out), 0);
+  EXPECT_EQ(serve_rpc_fd(ops, in, out), 0);
   ::close(in);
   ::close(out);
   std::ifstream answers(out_path, std::ios::binary);

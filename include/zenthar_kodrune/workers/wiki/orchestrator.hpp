@@ -287,6 +287,20 @@ class WikiGenerator : public PlanRecordMixin {
   // log line, and a rerun does not log its amendments twice.
   BuildResult build(bool replan, bool force, bool select = true);
 
+  // Forgets what earlier calls read: file hashes, the steering text and the
+  // branch's rows, so the next call sees the repository and the store as
+  // they are now. A long-lived caller (the rpc loop) calls it per request.
+  // The store's file-hash cache is read on the first call, as a build reads
+  // it, so a file whose size, time and inode it holds is not read again.
+  void refresh();
+
+  // Records `amendments` in the branch's plan log as a build does: under the
+  // branch's lock, the line is committed to the store as pending, then
+  // appended to the log in the wiki folder (a file-system failure there is
+  // the warning "could not append wiki plan log", and the next command
+  // appends it). Nothing for an empty list.
+  void log_amendments(const Amendments& amendments, bool replan);
+
   // Why a planned page is to be written, or nullopt when it is fresh.
   std::optional<std::string> stale_reason(const PagePlan& plan, bool force);
 

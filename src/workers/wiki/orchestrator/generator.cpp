@@ -379,4 +379,29 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
   return result;
 }
 
+void WikiGenerator::refresh() {
+  abandon_prefetch();
+  hasher_.begin_build();
+  steering_memo_.reset();
+  mirror_->forget();
+  // A file whose stamp the cache holds is not read again.
+  if (!cache_loaded_) hasher_.load_cache(repository_->load_file_hash_cache());
+  cache_loaded_ = true;
+}
+
+void WikiGenerator::log_amendments(const Amendments& amendments, bool replan) {
+  if (amendments.empty()) return;
+  // Encoded first: a record that is not UTF-8 leaves nothing behind.
+  const std::string line = plan_log_line(amendments, replan);
+  const BranchHold hold = hold_branch();
+  const SafeDir wiki = open_wiki_dir();
+  {
+    auto transaction = repository().db().transaction();
+    repository().lock_branch(branch_);
+    repository().add_pending_log_line(branch_, line);
+    repository().append_plan_log_line(branch_, line);
+  }
+  flush_pending_log(wiki);
+}
+
 }  // namespace zenthar_kodrune::workers::wiki

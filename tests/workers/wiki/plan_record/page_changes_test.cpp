@@ -3,7 +3,7 @@
 // the golden cases of sections_cache.)
 #include <gtest/gtest.h>
 
-#include "kodrune-wiki/recording_host.hpp"
+#include "harness/recording_host.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 

@@ -2,7 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "kodrune-wiki/recording_host.hpp"
+#include "harness/recording_host.hpp"
 #include "support/store_backends.hpp"
 #include "support/temp_dir.hpp"
 #include "workers/wiki/plan_record/store_test_host.hpp"

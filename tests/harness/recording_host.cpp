@@ -1,5 +1,5 @@
 // A host that answers from the request's data and writes down what it is asked.
-#include "kodrune-wiki/recording_host.hpp"
+#include "harness/recording_host.hpp"
 
 #include <algorithm>
 
