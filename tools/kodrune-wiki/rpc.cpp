@@ -12,6 +12,8 @@
 #include <iostream>
 #include <mutex>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -67,8 +69,8 @@ std::string rpc_respond(const OpTable& ops, std::string_view line) {
   if (found == ops.end()) {
     return dump(error_response(id, "invalid_request", "unknown op: " + op->get<std::string>()));
   }
-  const Json* args = wiki::find_value(request, "args");
-  if (args == nullptr || !args->is_object()) {
+  const auto args = request.find("args");
+  if (args == request.end() || !args->is_object()) {
     return dump(error_response(id, "invalid_request", "a request needs \"args\" as an object"));
   }
   try {
@@ -181,12 +183,20 @@ const Json& require_arg(const Json& args, std::string_view key) {
   return *value;
 }
 
+Json& require_arg(Json& args, std::string_view key) {
+  return const_cast<Json&>(require_arg(std::as_const(args), key));
+}
+
 const Json* optional_arg(const Json& args, std::string_view key) {
   const Json* value = wiki::find_value(args, key);
   return value == nullptr || value->is_null() ? nullptr : value;
 }
 
-wiki::Existing existing_from_json(const Json& value) {
+namespace {
+
+// Rows copied from a request's "existing", or moved out of it.
+template <typename Value>
+wiki::Existing existing_rows(Value& value) {
   if (!value.is_object()) throw InvalidRequest("\"existing\" must be an object of page id to row");
   wiki::Existing existing;
   existing.reserve(value.size());
@@ -194,23 +204,46 @@ wiki::Existing existing_from_json(const Json& value) {
     if (!it.value().is_object()) {
       throw InvalidRequest("the row of \"" + it.key() + "\" in \"existing\" must be an object");
     }
-    existing.emplace(it.key(), it.value());
+    if constexpr (std::is_const_v<Value>) {
+      existing.emplace(it.key(), it.value());
+    } else {
+      existing.emplace(it.key(), std::move(it.value()));
+    }
   }
   return existing;
 }
 
-wiki::PathSet paths_from_json(const Json& value, std::string_view what) {
+}  // namespace
+
+wiki::Existing existing_from_json(const Json& value) { return existing_rows(value); }
+wiki::Existing existing_from_json(Json&& value) { return existing_rows(value); }
+
+namespace {
+
+template <typename Value>
+wiki::PathSet path_set(Value& value, std::string_view what) {
   if (!value.is_array())
     throw InvalidRequest("\"" + std::string(what) + "\" must be a list of paths");
   wiki::PathSet paths;
   paths.reserve(value.size());
-  for (const auto& item : value) {
+  for (auto& item : value) {
     if (!item.is_string())
       throw InvalidRequest("\"" + std::string(what) + "\" must hold text only");
-    paths.insert(item.get<std::string>());
+    if constexpr (std::is_const_v<Value>) {
+      paths.insert(item.template get_ref<const std::string&>());
+    } else {
+      paths.insert(std::move(item.template get_ref<std::string&>()));
+    }
   }
   return paths;
 }
+
+}  // namespace
+
+wiki::PathSet paths_from_json(const Json& value, std::string_view what) {
+  return path_set(value, what);
+}
+wiki::PathSet paths_from_json(Json&& value, std::string_view what) { return path_set(value, what); }
 
 wiki::Amendments records_from_json(const Json& value, std::string_view what) {
   if (!value.is_array())

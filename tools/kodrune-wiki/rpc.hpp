@@ -21,7 +21,9 @@ namespace kodrune_cli {
 using zenthar_kodrune::workers::wiki::Json;
 
 // An op takes the request's "args" object and returns the "result" value.
-using RpcOp = std::function<Json(const Json& args)>;
+// The args are the request's own and are dropped after the op, so an op may
+// take large values out of them rather than copy them.
+using RpcOp = std::function<Json(Json& args)>;
 using OpTable = std::map<std::string, RpcOp, std::less<>>;
 
 // Thrown by ops for a request they cannot serve (missing args, bad shapes);
@@ -74,12 +76,17 @@ class CapturedWarnings {
 
 // args[key], or InvalidRequest "missing args: KEY".
 const Json& require_arg(const Json& args, std::string_view key);
+Json& require_arg(Json& args, std::string_view key);
 // args[key] when present and not null, else nullptr.
 const Json* optional_arg(const Json& args, std::string_view key);
 // An "existing" object -> Existing (key order kept); rows must be objects.
 zenthar_kodrune::workers::wiki::Existing existing_from_json(const Json& value);
+// The same, taking the rows out of `value` instead of copying them.
+zenthar_kodrune::workers::wiki::Existing existing_from_json(Json&& value);
 // A "live_paths" list -> PathSet.
 zenthar_kodrune::workers::wiki::PathSet paths_from_json(const Json& value, std::string_view what);
+// The same, taking the paths out of `value` instead of copying them.
+zenthar_kodrune::workers::wiki::PathSet paths_from_json(Json&& value, std::string_view what);
 // A list of amendment records.
 zenthar_kodrune::workers::wiki::Amendments records_from_json(const Json& value,
                                                              std::string_view what);

@@ -12,10 +12,13 @@ namespace wiki = zenthar_kodrune::workers::wiki;
 
 namespace {
 
-Json pin_plan_op(const Json& args) {
+// The stored rows and live paths are taken out of the request: a large
+// branch's rows would otherwise be held twice.
+Json pin_plan_op(Json& args) {
   const wiki::PlanList fresh_plans = plans_arg(args, "fresh_plans");
-  const wiki::Existing existing = existing_from_json(require_arg(args, "existing"));
-  const wiki::PathSet live_paths = paths_from_json(require_arg(args, "live_paths"), "live_paths");
+  const wiki::Existing existing = existing_from_json(std::move(require_arg(args, "existing")));
+  const wiki::PathSet live_paths =
+      paths_from_json(std::move(require_arg(args, "live_paths")), "live_paths");
   const bool replan = bool_arg(args, "replan", false);
   const wiki::PinResult pinned = wiki::pin_plan(fresh_plans, existing, live_paths, replan);
   Json result = Json::object();

@@ -337,6 +337,8 @@ PlanList link_families(PlanList plans) {
 
 Json plan_to_json(const PagePlan& plan) {
   Json out = Json::object();
+  // Sized once: a plan is the most numerous object of a large answer.
+  out.get_ref<Json::object_t&>().reserve(12);
   out["page_id"] = plan.page_id;
   out["title"] = plan.title;
   out["level"] = plan.level;
