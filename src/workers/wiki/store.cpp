@@ -4,6 +4,8 @@
 
 #include <exception>
 
+#include "workers/wiki/page_ids.hpp"
+
 namespace zenthar_kodrune::workers::wiki {
 
 Transaction::Transaction(Database& db) : db_(db), uncaught_at_entry_(std::uncaught_exceptions()) {
@@ -63,6 +65,19 @@ Json stored_row(const std::string& branch, const std::string& page_id, const std
 
 void restructure_row(Json& row, const std::string& title, const WikiPageColumns& columns) {
   set_structure(row, title, columns);
+}
+
+WikiPageColumns structural_columns(const PagePlan& plan) {
+  WikiPageColumns columns;
+  columns.description = plan.description;
+  columns.importance = plan.importance.empty() ? "medium" : plan.importance;
+  columns.level = plan.level;
+  columns.parent_section = section_of(plan);
+  columns.rel_path = page_rel_path(plan.page_id);
+  columns.source_files = plan.stored_source_files();
+  columns.related_pages = plan.children.empty() ? plan.related_pages : plan.children;
+  columns.page_type = plan.type;
+  return columns;
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

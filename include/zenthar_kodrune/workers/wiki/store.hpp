@@ -73,6 +73,11 @@ struct WikiPageColumns {
   Json build_cache = Json::object();
 };
 
+// The columns a page's row takes from its plan: a family parent records its
+// children as its related pages. Hashes, content hash, build cache and status
+// are the writer's to fill.
+WikiPageColumns structural_columns(const PagePlan& plan);
+
 // The row `load_pages` gives for a row written by `upsert_wiki_page` with
 // these arguments: a host that keeps the rows it loaded up to date after its
 // own writes, instead of loading them again, holds exactly what a load would.

@@ -85,21 +85,6 @@ bool same_structure(const Json& row, const PagePlan& plan,
 
 fs::path wiki_relative(const std::string& branch) { return fs::path("memory/orvane") / branch; }
 
-// The columns a row takes from its plan; the rest (hashes, content hash,
-// build cache, status) are the caller's to fill.
-WikiPageColumns structural_columns(const PagePlan& plan) {
-  WikiPageColumns columns;
-  columns.description = plan.description;
-  columns.importance = plan.importance.empty() ? "medium" : plan.importance;
-  columns.level = plan.level;
-  columns.parent_section = section_of(plan);
-  columns.rel_path = page_rel_path(plan.page_id);
-  columns.source_files = plan.stored_source_files();
-  columns.related_pages = related_of(plan);
-  columns.page_type = plan.type;
-  return columns;
-}
-
 WikiGenerator::WikiGenerator(fs::path checkout_root, std::string branch,
                              std::unique_ptr<WikiStore> repository, WikiGeneratorOptions options)
     : checkout_root_(fs::absolute(checkout_root).lexically_normal()),

@@ -1,6 +1,6 @@
 // What the generator's files share: the name a save writes its body under,
-// the wiki folder's place below the checkout, the columns a row takes from its
-// plan, and the citation checks of a save.
+// the wiki folder's place below the checkout, and the citation checks of a
+// save.
 #pragma once
 
 #include <filesystem>
@@ -19,10 +19,6 @@ inline constexpr std::string_view kSavingInfix = ".saving";
 
 // The wiki folder's path below the checkout's root.
 std::filesystem::path wiki_relative(const std::string& branch);
-
-// The columns a row takes from its plan; the rest (hashes, content hash,
-// build cache, status) are the caller's to fill.
-WikiPageColumns structural_columns(const PagePlan& plan);
 
 struct CheckedCitations {
   Json valid = Json::array();

@@ -78,19 +78,11 @@ int PlanRecordMixin::_persist_plan_skeleton(const PlanList& plans) {
     // A stored page is never overwritten with a skeleton.
     if (existing.contains(plan.page_id)) continue;
 
-    WikiPageColumns columns;
-    columns.description = plan.description;
-    columns.importance = plan.importance.empty() ? "medium" : plan.importance;
-    columns.level = plan.level;
-    columns.parent_section = section_of(plan);
-    columns.rel_path = page_rel_path(plan.page_id);
-    columns.source_files = plan.stored_source_files();
-    columns.source_hashes = stale_marker();
-    // A family parent records its children here; `pin_plan` rebuilds the
+    // A family parent's row records its children: `pin_plan` rebuilds the
     // family from them.
-    columns.related_pages = plan.children.empty() ? plan.related_pages : plan.children;
+    WikiPageColumns columns = structural_columns(plan);
+    columns.source_hashes = stale_marker();
     columns.status = "stale";
-    columns.page_type = plan.type;
     store.upsert_wiki_page(branch(), plan.page_id, plan.title, columns);
     ++count;
   }
