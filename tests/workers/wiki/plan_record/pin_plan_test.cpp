@@ -93,18 +93,6 @@ TEST(PinPlan, FirstFreshPlanClaimsANewFileAndAFreshCatchAllPlanNeverBecomesAPage
             R"j([{"action":"add","page_id":"module-one","reason":"new subsystem (2 files)"}])j");
 }
 
-TEST(PinPlan, CatchAllTopicSamplesTwelveSortedFileNames) {
-  Files live = {"k.py"};
-  for (char c = 'm'; c >= 'a'; --c) live.push_back(std::string("d/") + c + ".py");
-  const PinResult result =
-      pin_plan({}, rows_of({{"module-k", files({"k.py"})}}), PathSet(live.begin(), live.end()));
-  const PagePlan& catch_all = find_plan(result.plans, "module-additional");
-  EXPECT_EQ(catch_all.topic,
-            "additional modules utilities helpers a.py b.py c.py d.py e.py f.py g.py h.py i.py "
-            "j.py k.py l.py");
-  EXPECT_EQ(catch_all.description, "Remaining modules and files (13 files).");
-}
-
 TEST(PinPlan, StoredCatchAllKeepsItsLiveFilesAndOnlyTheLastOneCounts) {
   Json first = files({"a.py"});
   first["title"] = "First";
