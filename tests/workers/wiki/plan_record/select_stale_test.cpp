@@ -13,7 +13,6 @@
 #include "support/forwarding_store.hpp"
 #include "support/plans.hpp"
 #include "support/store_backends.hpp"
-#include "workers/wiki/plan_record/store_test_host.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/page_retirement.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -23,6 +22,31 @@ namespace {
 
 // Against a real store of each backend.
 class PlanRecordInStore : public kodrune_test::StoreBackendTest {};
+
+// A host over the test's store: the branch's rows come from the store; no
+// file exists and there is no steering text.
+class StoreHost final : public PlanRecordMixin {
+ public:
+  StoreHost(WikiStore& store, std::string branch) : store_(store), branch_(std::move(branch)) {
+    reload();
+  }
+  const std::string& branch() const override { return branch_; }
+  const std::filesystem::path& pages_dir() const override { return pages_dir_; }
+  const Existing& _existing() const override { return existing_; }
+  WikiStore& repository() override { return store_; }
+  Json _source_hashes(const std::vector<std::string>&) override { return Json::object(); }
+  void reload() { existing_ = store_.load_pages(branch_); }
+
+ protected:
+  std::string _steering_text() override { return ""; }
+  void _reload_existing() override { reload(); }
+
+ private:
+  WikiStore& store_;
+  std::string branch_;
+  std::filesystem::path pages_dir_ = "pages";
+  Existing existing_;
+};
 
 using kodrune_test::ids_of;
 
@@ -133,7 +157,7 @@ TEST_P(PlanRecordInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
     store.upsert_wiki_page(branch, "module-parent", "Parent", saved);
     store.upsert_wiki_page(branch, "module-other", "Other", saved);
   }
-  kodrune_test::StoreHost host(store, "main");
+  StoreHost host(store, "main");
   const PlanList plans = plans_of(R"([{"page_id": "module-parent", "children": ["x"]},
                                       {"page_id": "module-other", "children": ["y"]}])");
   EXPECT_EQ(host._select_stale(plans, host._existing(), false), Ids{});
@@ -187,7 +211,7 @@ PlanList first_plan() {
 TEST_P(PlanRecordInStore, SkeletonRowsReadBackWithListsAndTheStaleMarker) {
   const auto owned = open_store();
   WikiStore& store = *owned;
-  kodrune_test::StoreHost host(store, "main");
+  StoreHost host(store, "main");
   EXPECT_EQ(host._persist_plan_skeleton(first_plan()), 4);
   const Existing rows = store.load_pages("main");
   ASSERT_EQ(rows.size(), 4u);
@@ -219,7 +243,7 @@ TEST_P(PlanRecordInStore, SkeletonFailurePartWayLeavesNoRowOfTheCall) {
   WikiStore& store = *owned;
   store.upsert_wiki_page("main", "overview", "Overview", WikiPageColumns{});
   FailingStore failing(store, 4);
-  kodrune_test::StoreHost host(failing, "main");
+  StoreHost host(failing, "main");
   EXPECT_THROW(host._persist_plan_skeleton(first_plan()), StoreError);
   const Existing rows = store.load_pages("main");
   ASSERT_EQ(rows.size(), 1u);
@@ -242,7 +266,7 @@ TEST_P(PlanRecordInStore, RetiringDeletesOnlyTheHostBranchRows) {
     add_row(store, branch, "module-a", "module");
     add_row(store, branch, "module-b", "module");
   }
-  kodrune_test::StoreHost host(store, "main");
+  StoreHost host(store, "main");
   host._retire_pages({"module-a", "module-unknown", "module-a"});
   EXPECT_EQ(ids_of(store.load_pages("main")), (std::vector<std::string>{"module-b"}));
   EXPECT_EQ(ids_of(store.load_pages("dev")), (std::vector<std::string>{"module-a", "module-b"}));
@@ -255,7 +279,7 @@ TEST_P(PlanRecordInStore, ReplanReplacesUnplannedCodeUnitRowsBySkeletonRows) {
   add_row(store, "main", "module-old", "module");
   add_row(store, "main", "module-kept", "module");
   add_row(store, "main", "module-old-part-1", "part");
-  kodrune_test::StoreHost host(store, "main");
+  StoreHost host(store, "main");
 
   host._apply_replan({make_plan({.page_id = "module-kept", .source_files = {"k.py"}}),
                       make_plan({.page_id = "module-new", .source_files = {"n.py"}})});
