@@ -7,6 +7,7 @@
 #include <fstream>
 #include <map>
 #include <set>
+#include <sstream>
 
 #include "support/plans.hpp"
 #include "support/temp_dir.hpp"
@@ -88,35 +89,15 @@ TEST(PlanPages, BudgetSendsSmallestUnitsToTheCatchAllTiesByPath) {
 
 // A folder of a real compression library, 27 files.
 const std::vector<std::string> kCompress = [] {
-  const char* names[] = {"clevels.h",
-                         "fse_compress.c",
-                         "hist.c",
-                         "hist.h",
-                         "huf_compress.c",
-                         "zstd_compress.c",
-                         "zstd_compress_internal.h",
-                         "zstd_compress_literals.c",
-                         "zstd_compress_literals.h",
-                         "zstd_compress_sequences.c",
-                         "zstd_compress_sequences.h",
-                         "zstd_compress_superblock.c",
-                         "zstd_compress_superblock.h",
-                         "zstd_cwksp.h",
-                         "zstd_double_fast.c",
-                         "zstd_double_fast.h",
-                         "zstd_fast.c",
-                         "zstd_fast.h",
-                         "zstd_lazy.c",
-                         "zstd_lazy.h",
-                         "zstd_ldm.c",
-                         "zstd_ldm.h",
-                         "zstd_ldm_geartab.h",
-                         "zstd_opt.c",
-                         "zstd_opt.h",
-                         "zstdmt_compress.c",
-                         "zstdmt_compress.h"};
+  std::istringstream names(
+      "clevels.h fse_compress.c hist.c hist.h huf_compress.c zstd_compress.c "
+      "zstd_compress_internal.h zstd_compress_literals.c zstd_compress_literals.h "
+      "zstd_compress_sequences.c zstd_compress_sequences.h zstd_compress_superblock.c "
+      "zstd_compress_superblock.h zstd_cwksp.h zstd_double_fast.c zstd_double_fast.h zstd_fast.c "
+      "zstd_fast.h zstd_lazy.c zstd_lazy.h zstd_ldm.c zstd_ldm.h zstd_ldm_geartab.h zstd_opt.c "
+      "zstd_opt.h zstdmt_compress.c zstdmt_compress.h");
   std::vector<std::string> files;
-  for (const char* name : names) files.push_back(std::string("lib/compress/") + name);
+  for (std::string name; names >> name;) files.push_back("lib/compress/" + name);
   return files;
 }();
 

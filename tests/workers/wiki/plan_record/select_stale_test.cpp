@@ -1,31 +1,59 @@
-// Which pages a build writes, and the stale mark on synthesis pages.
+// The plan of record's store side: skeleton rows for a first plan (which
+// plans get one, the exact row, one transaction per call), which pages a
+// build writes, the stale mark on synthesis pages, retiring pages and
+// applying a replan. (That a first plan's skeleton pins every page on the
+// next build is walked end to end: e2e/race_test.cpp logs one bootstrap
+// over many first plans, e2e/plan_series_test.cpp records a family once.)
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <stdexcept>
+
 #include "harness/recording_host.hpp"
+#include "support/forwarding_store.hpp"
+#include "support/plans.hpp"
 #include "support/store_backends.hpp"
-#include "support/temp_dir.hpp"
-#include "workers/wiki/plan_record/store_test_host.hpp"
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/page_retirement.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
 // Against a real store of each backend.
-class MarkSynthesisStaleInStore : public kodrune_test::StoreBackendTest {};
+class PlanRecordInStore : public kodrune_test::StoreBackendTest {};
+
+// A host over the test's store: the branch's rows come from the store; no
+// file exists and there is no steering text.
+class StoreHost final : public PlanRecordMixin {
+ public:
+  StoreHost(WikiStore& store, std::string branch) : store_(store), branch_(std::move(branch)) {
+    reload();
+  }
+  const std::string& branch() const override { return branch_; }
+  const std::filesystem::path& pages_dir() const override { return pages_dir_; }
+  const Existing& _existing() const override { return existing_; }
+  WikiStore& repository() override { return store_; }
+  Json _source_hashes(const std::vector<std::string>&) override { return Json::object(); }
+  void reload() { existing_ = store_.load_pages(branch_); }
+
+ protected:
+  std::string _steering_text() override { return ""; }
+  void _reload_existing() override { reload(); }
+
+ private:
+  WikiStore& store_;
+  std::string branch_;
+  std::filesystem::path pages_dir_ = "pages";
+  Existing existing_;
+};
+
+using kodrune_test::ids_of;
 
 using kodrune_cli::RecordingHost;
 using Ids = std::set<std::string>;
 
 PlanList plans_of(const char* json) { return plans_from_json(Json::parse(json)); }
-
-Existing existing_from_rows(const char* json) {
-  Existing existing;
-  const Json rows = Json::parse(json);
-  for (auto it = rows.begin(); it != rows.end(); ++it) existing.emplace(it.key(), it.value());
-  return existing;
-}
 
 // The files each `_hashes_with_steering` call was given, in call order.
 std::vector<Json> hashed_files(const RecordingHost& host) {
@@ -35,43 +63,6 @@ std::vector<Json> hashed_files(const RecordingHost& host) {
     files.push_back(call["files"]);
   }
   return files;
-}
-
-TEST(SelectStale, ForcedOrEmptyStoreSelectsEveryPlanWithoutHashing) {
-  const char* host_json = R"({"files": {"a.py": "ha"}})";
-  const PlanList plans = plans_of(R"([{"page_id": "module-a", "source_files": ["a.py"]},
-                                      {"page_id": "overview", "level": "overview"}])");
-  const Existing current = existing_from_rows(R"({"module-a": {"source_hashes": {"a.py": "ha"}}})");
-  {
-    RecordingHost host(Json::parse(host_json));
-    EXPECT_EQ(host._select_stale(plans, current, true), (Ids{"module-a", "overview"}));
-    EXPECT_EQ(host.calls(), Json::array());
-  }
-  {
-    RecordingHost host(Json::parse(host_json));
-    EXPECT_EQ(host._select_stale(plans, Existing{}, false), (Ids{"module-a", "overview"}));
-    EXPECT_EQ(host.calls(), Json::array());
-  }
-  RecordingHost host(Json::parse(host_json));
-  EXPECT_EQ(host._select_stale({}, current, false), Ids{});
-}
-
-TEST(SelectStale, ComparesStoredHashesWhateverTheirOrderOrStatus) {
-  RecordingHost host(Json::parse(
-      R"({"files": {"a.py": "ha", "b.py": "hb", "c.py": "hc2"}, "steering_hash": "s1"})"));
-  const PlanList plans = plans_of(R"([
-      {"page_id": "module-same", "source_files": ["b.py", "a.py", "b.py"]},
-      {"page_id": "module-changed", "source_files": ["c.py"]},
-      {"page_id": "module-new", "source_files": ["a.py"]},
-      {"page_id": "module-same", "source_files": ["b.py", "a.py", "b.py"]}])");
-  const Existing existing = existing_from_rows(R"({
-      "module-same": {"status": "stale", "source_hashes": {"__steering__": "s1", "b.py": "hb", "a.py": "ha"}},
-      "module-changed": {"status": "written", "source_hashes": {"c.py": "hc1", "__steering__": "s1"}}})");
-  EXPECT_EQ(host._select_stale(plans, existing, false), (Ids{"module-changed", "module-new"}));
-  // One hash mapping per plan with a row; none for the plan without one.
-  EXPECT_EQ(hashed_files(host), (std::vector<Json>{Json::parse(R"(["b.py", "a.py", "b.py"])"),
-                                                   Json::parse(R"(["c.py"])"),
-                                                   Json::parse(R"(["b.py", "a.py", "b.py"])")}));
 }
 
 TEST(SelectStale, MappingsCompareByKeyWhereverTheirOrdersPart) {
@@ -124,16 +115,8 @@ TEST(SelectStale, MappingsCompareByKeyWhereverTheirOrdersPart) {
   }
 }
 
-TEST(SelectStale, SkeletonAndMarkedRowsStayStaleUntilSaved) {
-  RecordingHost host(Json::parse(R"({"files": {"a.py": "ha"}})"));
-  const PlanList plans = plans_of(R"([{"page_id": "module-a", "source_files": ["a.py"]},
-                                      {"page_id": "module-parent", "children": ["module-a"]}])");
-  const Existing existing = existing_from_rows(R"({
-      "module-a": {"source_files": ["a.py"], "source_hashes": {"__stale__": "pending"}},
-      "module-parent": {"source_files": [], "source_hashes": {"__stale__": "pending"}}})");
-  EXPECT_EQ(host._select_stale(plans, existing, false), (Ids{"module-a", "module-parent"}));
-}
-
+// Row files hashed for a plan without files, a changed steering and an empty
+// row are golden cases (store_select_stale).
 TEST(SelectStale, PlanWithoutFilesIsHashedOverItsRowFiles) {
   struct Case {
     const char* name;
@@ -143,16 +126,10 @@ TEST(SelectStale, PlanWithoutFilesIsHashedOverItsRowFiles) {
     bool stale;
   };
   const Case cases[] = {
-      {"row files are hashed", R"({"files": {"a.py": "ha", "b.py": "hb"}})",
-       R"({"source_files": ["a.py", "b.py"], "source_hashes": {"a.py": "ha", "b.py": "hb"}})",
-       R"(["a.py", "b.py"])", false},
       {"synthesis parent over no file, same steering", R"({"steering_hash": "s1"})",
        R"({"source_files": [], "source_hashes": {"__steering__": "s1"}})", "[]", false},
-      {"synthesis parent over no file, steering changed", R"({"steering_hash": "s2"})",
-       R"({"source_files": [], "source_hashes": {"__steering__": "s1"}})", "[]", true},
       {"missing hashes equal an empty current mapping", "{}", R"({"source_files": []})", "[]",
        false},
-      {"an empty row is compared like any other", "{}", "{}", "[]", false},
       {"null files read as none", "{}", R"({"source_files": null, "source_hashes": {}})", "[]",
        false},
       {"null hashes are never equal", "{}", R"({"source_files": [], "source_hashes": null})", "[]",
@@ -170,19 +147,7 @@ TEST(SelectStale, PlanWithoutFilesIsHashedOverItsRowFiles) {
   }
 }
 
-TEST(MarkSynthesisStale, OneStatementOverTheDistinctSortedIds) {
-  RecordingHost host(Json::parse(R"({"branch": "main"})"));
-  host._mark_synthesis_stale({"b", "a", "b"});
-  EXPECT_EQ(
-      host.calls().dump(),
-      R"j([{"call":"execute","sql":"UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?)","params":["{\"__stale__\": \"pending\"}","main","a","b"]}])j");
-
-  RecordingHost idle(Json::parse(R"({"branch": "main"})"));
-  idle._mark_synthesis_stale({});
-  EXPECT_EQ(idle.calls(), Json::array());
-}
-
-TEST_P(MarkSynthesisStaleInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
+TEST_P(PlanRecordInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
   const auto owned = open_store();
   WikiStore& store = *owned;
   WikiPageColumns saved;
@@ -192,7 +157,7 @@ TEST_P(MarkSynthesisStaleInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelecte
     store.upsert_wiki_page(branch, "module-parent", "Parent", saved);
     store.upsert_wiki_page(branch, "module-other", "Other", saved);
   }
-  kodrune_test::StoreHost host(store, "main");
+  StoreHost host(store, "main");
   const PlanList plans = plans_of(R"([{"page_id": "module-parent", "children": ["x"]},
                                       {"page_id": "module-other", "children": ["y"]}])");
   EXPECT_EQ(host._select_stale(plans, host._existing(), false), Ids{});
@@ -210,7 +175,123 @@ TEST_P(MarkSynthesisStaleInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelecte
   EXPECT_EQ(host._select_stale(plans, host._existing(), false), Ids{"module-parent"});
 }
 
-KODRUNE_ON_EVERY_BACKEND(MarkSynthesisStaleInStore);
+// A first plan: a family with two parts, a plain unit, and pages no skeleton
+// is written for.
+PlanList first_plan() {
+  return {
+      make_plan(
+          {.page_id = "overview", .title = "Overview", .level = "overview", .importance = "high"}),
+      make_plan({.page_id = "module-core",
+                 .title = "src/core",
+                 .importance = "high",
+                 .description = "The core",
+                 .children = {"module-core-part-1", "module-core-part-2"},
+                 .related_pages = {"module-util"}}),
+      make_plan({.page_id = "module-core-part-1",
+                 .title = "src/core (1)",
+                 .level = "part",
+                 .importance = "",
+                 .source_files = {"src/core/b.cpp", "src/core/a.cpp", "src/core/b.cpp"}}),
+      make_plan({.page_id = "module-core-part-2",
+                 .title = "src/core (2)",
+                 .level = "part",
+                 .source_files = {"src/core/c.cpp"}}),
+      make_plan({.page_id = "module-util",
+                 .title = "src/util",
+                 .source_files = {"src/util/u.cpp"},
+                 .related_pages = {"overview"},
+                 .parent_section = "Helpers",
+                 .type = "other-code"}),
+      make_plan({.page_id = "custom-guide", .title = "Guide", .source_files = {"docs/g.md"}}),
+      make_plan({.page_id = "module-empty", .title = "src/empty"}),
+      make_plan({.page_id = "notes", .title = "Notes", .level = "note", .source_files = {"n.py"}}),
+  };
+}
+
+TEST_P(PlanRecordInStore, SkeletonRowsReadBackWithListsAndTheStaleMarker) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
+  StoreHost host(store, "main");
+  EXPECT_EQ(host._persist_plan_skeleton(first_plan()), 4);
+  const Existing rows = store.load_pages("main");
+  ASSERT_EQ(rows.size(), 4u);
+  EXPECT_EQ(
+      rows.at("module-util").dump(),
+      R"j({"branch":"main","page_id":"module-util","title":"src/util","description":"","importance":"medium","level":"module","parent_section":"Helpers","rel_path":"pages/module-util.md","source_files":["src/util/u.cpp"],"source_hashes":{"__stale__":"pending"},"related_pages":["overview"],"status":"stale","page_type":"other-code","content_hash":null,"build_cache":{}})j");
+  EXPECT_EQ(rows.at("module-core")["related_pages"],
+            Json::parse(R"j(["module-core-part-1", "module-core-part-2"])j"));
+  EXPECT_EQ(rows.at("module-core")["source_files"], Json::array());
+}
+
+// Fails the n-th upsert, passing everything else to the real store.
+class FailingStore final : public kodrune_test::ForwardingStore {
+ public:
+  FailingStore(WikiStore& inner, int fail_at) : ForwardingStore(inner), fail_at_(fail_at) {}
+  void upsert_wiki_page(const std::string& branch, const std::string& page_id,
+                        const std::string& title, const WikiPageColumns& columns) override {
+    if (++upserts_ == fail_at_) throw StoreError("disk full while writing " + page_id);
+    ForwardingStore::upsert_wiki_page(branch, page_id, title, columns);
+  }
+
+ private:
+  int fail_at_;
+  int upserts_ = 0;
+};
+
+TEST_P(PlanRecordInStore, SkeletonFailurePartWayLeavesNoRowOfTheCall) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
+  store.upsert_wiki_page("main", "overview", "Overview", WikiPageColumns{});
+  FailingStore failing(store, 4);
+  StoreHost host(failing, "main");
+  EXPECT_THROW(host._persist_plan_skeleton(first_plan()), StoreError);
+  const Existing rows = store.load_pages("main");
+  ASSERT_EQ(rows.size(), 1u);
+  EXPECT_TRUE(rows.contains("overview"));
+}
+
+void add_row(WikiStore& store, const std::string& branch, const std::string& id,
+             const std::string& level) {
+  WikiPageColumns columns;
+  columns.level = level;
+  columns.source_files = {id + ".py"};
+  columns.status = "written";
+  store.upsert_wiki_page(branch, id, id, columns);
+}
+
+TEST_P(PlanRecordInStore, RetiringDeletesOnlyTheHostBranchRows) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
+  for (const char* branch : {"main", "dev"}) {
+    add_row(store, branch, "module-a", "module");
+    add_row(store, branch, "module-b", "module");
+  }
+  StoreHost host(store, "main");
+  host._retire_pages({"module-a", "module-unknown", "module-a"});
+  EXPECT_EQ(ids_of(store.load_pages("main")), (std::vector<std::string>{"module-b"}));
+  EXPECT_EQ(ids_of(store.load_pages("dev")), (std::vector<std::string>{"module-a", "module-b"}));
+}
+
+TEST_P(PlanRecordInStore, ReplanReplacesUnplannedCodeUnitRowsBySkeletonRows) {
+  const auto owned = open_store();
+  WikiStore& store = *owned;
+  add_row(store, "main", "overview", "overview");
+  add_row(store, "main", "module-old", "module");
+  add_row(store, "main", "module-kept", "module");
+  add_row(store, "main", "module-old-part-1", "part");
+  StoreHost host(store, "main");
+
+  host._apply_replan({make_plan({.page_id = "module-kept", .source_files = {"k.py"}}),
+                      make_plan({.page_id = "module-new", .source_files = {"n.py"}})});
+
+  const Existing rows = store.load_pages("main");
+  EXPECT_EQ(ids_of(rows), (std::vector<std::string>{"overview", "module-kept", "module-new"}));
+  // A kept page keeps its row; only the new page gets a skeleton.
+  EXPECT_EQ(rows.at("module-kept")["status"], "written");
+  EXPECT_EQ(rows.at("module-new")["status"], "stale");
+}
+
+KODRUNE_ON_EVERY_BACKEND(PlanRecordInStore);
 
 }  // namespace
 }  // namespace zenthar_kodrune::workers::wiki
