@@ -74,9 +74,17 @@ std::string rpc_respond(const OpTable& ops, std::string_view line) {
     return dump(error_response(id, "invalid_request", "a request needs \"args\" as an object"));
   }
   try {
+    RpcResult result = found->second(*args);
+    if (result.json_text) {
+      // The same bytes as dumping {"id": ..., "result": ...} would give.
+      std::string line = "{\"id\":" + dump(id) + ",\"result\":";
+      line += *result.json_text;
+      line += '}';
+      return line;
+    }
     Json response = Json::object();
     response["id"] = id;
-    response["result"] = found->second(*args);
+    response["result"] = std::move(result.value);
     return dump(response);
   } catch (const InvalidRequest& e) {
     return dump(error_response(id, "invalid_request", e.what()));

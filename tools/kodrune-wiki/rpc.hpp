@@ -9,6 +9,7 @@
 #include <iosfwd>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -20,10 +21,23 @@ namespace kodrune_cli {
 
 using zenthar_kodrune::workers::wiki::Json;
 
+// What an op answers: the "result" value, or that value's compact JSON text
+// already written, for an answer too large to build as a value first.
+struct RpcResult {
+  RpcResult(Json result) : value(std::move(result)) {}  // NOLINT: ops return a Json
+  static RpcResult text(std::string json_text) {
+    RpcResult result(nullptr);
+    result.json_text = std::move(json_text);
+    return result;
+  }
+  Json value;
+  std::optional<std::string> json_text;
+};
+
 // An op takes the request's "args" object and returns the "result" value.
 // The args are the request's own and are dropped after the op, so an op may
 // take large values out of them rather than copy them.
-using RpcOp = std::function<Json(Json& args)>;
+using RpcOp = std::function<RpcResult(Json& args)>;
 using OpTable = std::map<std::string, RpcOp, std::less<>>;
 
 // Thrown by ops for a request they cannot serve (missing args, bad shapes);

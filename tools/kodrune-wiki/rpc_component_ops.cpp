@@ -13,20 +13,25 @@ namespace wiki = zenthar_kodrune::workers::wiki;
 namespace {
 
 // The stored rows and live paths are taken out of the request: a large
-// branch's rows would otherwise be held twice.
-Json pin_plan_op(Json& args) {
+// branch's rows would otherwise be held twice. The plans of the answer are
+// written as text, never built as values.
+RpcResult pin_plan_op(Json& args) {
   const wiki::PlanList fresh_plans = plans_arg(args, "fresh_plans");
   const wiki::Existing existing = existing_from_json(std::move(require_arg(args, "existing")));
   const wiki::PathSet live_paths =
       paths_from_json(std::move(require_arg(args, "live_paths")), "live_paths");
   const bool replan = bool_arg(args, "replan", false);
   const wiki::PinResult pinned = wiki::pin_plan(fresh_plans, existing, live_paths, replan);
-  Json result = Json::object();
-  result["plans"] = wiki::plans_to_json(pinned.plans);
-  result["amendments"] = Json::array();
-  for (const auto& record : pinned.amendments) result["amendments"].push_back(record);
-  result["remap"] = pinned.remap.to_json();
-  return result;
+  std::string text = "{\"plans\":";
+  wiki::append_plans_json(pinned.plans, text);
+  Json amendments = Json::array();
+  for (const auto& record : pinned.amendments) amendments.push_back(record);
+  text += ",\"amendments\":";
+  text += amendments.dump(-1, ' ', false, Json::error_handler_t::replace);
+  text += ",\"remap\":";
+  text += pinned.remap.to_json().dump(-1, ' ', false, Json::error_handler_t::replace);
+  text += '}';
+  return RpcResult::text(std::move(text));
 }
 
 Json drift_signal_op(const Json& args) {

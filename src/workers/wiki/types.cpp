@@ -415,6 +415,72 @@ Json plans_to_json(const PlanList& plans) {
   return out;
 }
 
+namespace {
+
+// A text as dump writes it. Most texts of a plan are printable ASCII with
+// nothing to escape and are copied; any other goes through the library's own
+// escaping, so both ways write the same bytes.
+void append_text(std::string& out, const std::string& text) {
+  const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+    const auto byte = static_cast<unsigned char>(c);
+    return byte >= 0x20 && byte < 0x7f && c != '"' && c != '\\';
+  });
+  if (plain) {
+    out += '"';
+    out += text;
+    out += '"';
+    return;
+  }
+  out += Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+void append_texts(std::string& out, const std::vector<std::string>& texts) {
+  out += '[';
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    if (i > 0) out += ',';
+    append_text(out, texts[i]);
+  }
+  out += ']';
+}
+
+// One plan, its members in plan_to_json's order.
+void append_plan_json(const PagePlan& plan, std::string& out) {
+  out += "{\"page_id\":";
+  append_text(out, plan.page_id);
+  out += ",\"title\":";
+  append_text(out, plan.title);
+  out += ",\"level\":";
+  append_text(out, plan.level);
+  out += ",\"importance\":";
+  append_text(out, plan.importance);
+  out += ",\"description\":";
+  append_text(out, plan.description);
+  out += ",\"topic\":";
+  append_text(out, plan.topic);
+  out += ",\"source_files\":";
+  append_texts(out, plan.source_files);
+  out += ",\"children\":";
+  append_texts(out, plan.children);
+  out += ",\"related_pages\":";
+  append_texts(out, plan.related_pages);
+  out += ",\"parent_section\":";
+  append_text(out, plan.parent_section);
+  out += ",\"type\":";
+  append_text(out, plan.type);
+  out += plan.catch_all ? ",\"catch_all\":true}" : ",\"catch_all\":false}";
+}
+
+}  // namespace
+
+void append_plans_json(const PlanList& plans, std::string& out) {
+  out += '[';
+  for (std::size_t i = 0; i < plans.size(); ++i) {
+    if (i > 0) out += ',';
+    append_plan_json(*plans[i], out);
+  }
+  out += ']';
+}
+
 PlanList plans_from_json(const Json& value) {
   if (!value.is_array())
     throw TypeError(std::string("plans must be a list, not ") + value.type_name());

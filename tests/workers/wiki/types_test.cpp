@@ -271,5 +271,24 @@ TEST(ParseJson, BadTextOrWhatCannotBeHeldSafelyIsAValueErrorSayingWhatWasWrong) 
   }
 }
 
+// The rpc answer writes plans as text without building them; it must give
+// the very bytes the library's dump gives, whatever the texts hold.
+TEST(PlansJson, TextWrittenDirectlyIsTheDumpOfTheValues) {
+  PagePlan odd;
+  odd.page_id = "module-a\"b\\c";
+  odd.title = "tab\there, line\nfeed, \x01 and \x7f";
+  odd.description = "caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9a";
+  odd.topic = "bad \xff\xfe utf-8 \xc3";
+  odd.source_files = {"src/a.py", "src/\xc3\xa9.py", ""};
+  odd.children = {"module-x-part-start"};
+  odd.catch_all = true;
+  const PlanList plans = {make_plan(PagePlan{}), make_plan(std::move(odd))};
+  for (const PlanList& list : {PlanList{}, plans}) {
+    std::string text;
+    append_plans_json(list, text);
+    EXPECT_EQ(text, plans_to_json(list).dump(-1, ' ', false, Json::error_handler_t::replace));
+  }
+}
+
 }  // namespace
 }  // namespace zenthar_kodrune::workers::wiki

@@ -113,6 +113,10 @@ Json plan_to_json(const PagePlan& plan);
 // `PagePlan`; a value of the wrong type is a TypeError naming the field.
 PlanPtr plan_from_json(const Json& value);
 Json plans_to_json(const PlanList& plans);
+// The compact JSON text of plans_to_json(plans), as dump(-1, ' ', false,
+// replace) writes it, appended to `out` without building the values: a
+// large answer's plans are most of its time and memory.
+void append_plans_json(const PlanList& plans, std::string& out);
 PlanList plans_from_json(const Json& value);
 
 // ---- reading optional values out of rows and records ----
