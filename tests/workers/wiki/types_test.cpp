@@ -22,18 +22,11 @@
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
-TEST(CitationKey, ParsesDecimalTextAndDefaultsMissingToZero) {
-  EXPECT_EQ(citation_key(Json{{"path", "a.py"}, {"line_start", "12"}, {"line_end", 14}}),
-            (CitationKey{"a.py", 12, 14}));
+// Which texts read as line numbers is golden (sections_map); here are the
+// values of those no link can cite.
+TEST(CitationKey, SignedTextAndMissingNumbers) {
   EXPECT_EQ(citation_key(Json{{"line_start", "-3"}, {"line_end", "+4"}}), (CitationKey{"", -3, 4}));
   EXPECT_EQ(citation_key(Json::object()), (CitationKey{"", 0, 0}));
-}
-
-TEST(CitationKey, RejectsTextThatIsNotAWholeDecimalNumber) {
-  for (const char* bad : {"12a", " 12", "", "+", "1.5"}) {
-    EXPECT_THROW(citation_key(Json{{"path", "a.py"}, {"line_start", bad}}), ValueError) << bad;
-  }
-  EXPECT_THROW(citation_key(Json{{"path", "a.py"}, {"line_end", nullptr}}), TypeError);
 }
 
 TEST(SectionOf, FallsBackByLevel) {
@@ -64,9 +57,8 @@ TEST(PageIds, CatchAllPatternMatchesTheWholeIdOnly) {
 TEST(PageIds, PlannerAndPinningBuildOneCatchAllPage) {
   // Thirty loose files in thirty folders: too small for pages of their own,
   // so the planner hands them to the catch-all page.
-  std::vector<std::string> files;
-  for (int i = 29; i >= 0; --i) files.push_back("d" + std::to_string(i) + "/f.c");
-  std::vector<std::string> sorted = files;
+  std::vector<std::string> sorted;
+  for (int i = 0; i < 30; ++i) sorted.push_back("d" + std::to_string(i) + "/f.c");
   std::sort(sorted.begin(), sorted.end());
   PlannerSettings settings;
   settings.page_budget = 2;
@@ -78,13 +70,6 @@ TEST(PageIds, PlannerAndPinningBuildOneCatchAllPage) {
   EXPECT_EQ(plan_to_json(**found), plan_to_json(*built));
   EXPECT_EQ(built->description, "Remaining modules and files (" +
                                     std::to_string(built->source_files.size()) + " files).");
-
-  // Files out of order come back sorted; a stored row's id and title stay.
-  const PlanPtr stored = catch_all_page(files, "module-additional-2", "Leftovers");
-  EXPECT_TRUE(std::is_sorted(stored->source_files.begin(), stored->source_files.end()));
-  EXPECT_EQ(stored->page_id, "module-additional-2");
-  EXPECT_EQ(stored->title, "Leftovers");
-  EXPECT_EQ(page_rel_path(stored->page_id), "pages/module-additional-2.md");
 }
 
 std::string key(int i) {

@@ -156,28 +156,24 @@ TEST_F(AppendPlanLog, RotatesToLastThousandOnlyPastTwoThousandLines) {
   }
 }
 
-TEST_F(AppendPlanLog, RecordNotUtf8ThrowsAndWritesNothing) {
+TEST_F(AppendPlanLog, TextNotUtf8) {
+  // A record that is not UTF-8 throws and writes nothing, not even the folder.
   const fs::path wiki_dir = tmp_.path() / "wiki";
-  Amendments bad = {Json{{"action", "add"}, {"page_id", "caf\xe9"}}};
-
+  const Amendments bad = {Json{{"action", "add"}, {"page_id", "caf\xe9"}}};
   EXPECT_THROW(append_plan_log(wiki_dir, bad, false), ValueError);
   EXPECT_FALSE(fs::exists(wiki_dir));
 
-  prefill(wiki_dir, 3);
-  const std::string before = read_file(wiki_dir / "plan-log.jsonl");
-  EXPECT_THROW(append_plan_log(wiki_dir, bad, false), ValueError);
-  EXPECT_EQ(read_file(wiki_dir / "plan-log.jsonl"), before);
-  EXPECT_TRUE(warnings().empty());
-}
-
-TEST_F(AppendPlanLog, LineNotUtf8NeitherStopsAppendsNorSurvivesRotation) {
-  prefill(tmp_.path(), 2000);
-  const fs::path log = tmp_.path() / "plan-log.jsonl";
+  // A line that is not UTF-8 neither stops appends nor survives rotation.
+  prefill(wiki_dir, 2000);
+  const fs::path log = wiki_dir / "plan-log.jsonl";
   std::string text = read_file(log);
   text[text.find("old-1500")] = '\xff';
   std::ofstream(log, std::ios::binary | std::ios::trunc) << text;
+  EXPECT_THROW(append_plan_log(wiki_dir, bad, false), ValueError);
+  EXPECT_EQ(read_file(log), text);
+  EXPECT_TRUE(warnings().empty());
 
-  append_plan_log(tmp_.path(), one("newest"), false);
+  append_plan_log(wiki_dir, one("newest"), false);
   const auto lines = split_lines(read_file(log));
   ASSERT_EQ(lines.size(), 999u);  // the kept 1000, less the line that is not UTF-8
   EXPECT_EQ(first_page_id(lines.front()), "old-1001");

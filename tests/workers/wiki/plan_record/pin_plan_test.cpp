@@ -37,17 +37,9 @@ TEST(PinPlan, ResultPlansAreTheCallersObjectsChangedInPlace) {
   EXPECT_NE(result.plans[2].get(), catch_all.get());
 }
 
-TEST(ByImportance, ReordersACopyOfTheCallersObjects) {
-  const PlanList plans = {make_plan({.page_id = "low", .importance = "low"}),
-                          make_plan({.page_id = "high", .importance = "high"})};
-  const PlanList ordered = _by_importance(plans);
-  ASSERT_EQ(ids_of(ordered), (Files{"high", "low"}));
-  EXPECT_EQ(ordered[0].get(), plans[1].get());
-  EXPECT_EQ(ids_of(plans), (Files{"low", "high"}));
-}
-
-TEST(DemoteUnrecordedFamilies, PartsAreTheCallersObjectsGivenTheParentsSection) {
+TEST(PlanOrderAndDemotion, ReturnTheCallersObjectsAndLeaveItsListAlone) {
   auto parent = make_plan({.page_id = "module-ports",
+                           .importance = "low",
                            .children = {"module-ports-part-1", "module-ports-part-2"},
                            .parent_section = "Packages"});
   auto part1 = make_plan(
@@ -55,13 +47,17 @@ TEST(DemoteUnrecordedFamilies, PartsAreTheCallersObjectsGivenTheParentsSection) 
   auto part2 = make_plan(
       {.page_id = "module-ports-part-2", .level = "part", .source_files = {"ports/b.py"}});
   const PlanList caller = {parent, part1, part2};
+  const PlanList ordered = _by_importance(caller);
+  ASSERT_EQ(ids_of(ordered), (Files{"module-ports-part-1", "module-ports-part-2", "module-ports"}));
+  EXPECT_EQ(ordered[0].get(), part1.get());
+  // Demoted parts are changed in place: they take the dropped parent's section.
   const PlanList out = _demote_unrecorded_families(
       caller, rows_of({{"module-ports-src", Json{{"source_files", {"ports/b.py"}}}}}));
   ASSERT_EQ(ids_of(out), (Files{"module-ports-part-1", "module-ports-part-2"}));
   EXPECT_EQ(out[0].get(), part1.get());
   EXPECT_EQ(part1->parent_section, "Packages");
   EXPECT_EQ(part2->parent_section, "Packages");
-  EXPECT_EQ(ids_of(caller).size(), 3u);
+  EXPECT_EQ(ids_of(caller), (Files{"module-ports", "module-ports-part-1", "module-ports-part-2"}));
   EXPECT_EQ(parent->children.size(), 2u);
 }
 

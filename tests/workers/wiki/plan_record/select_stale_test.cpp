@@ -6,8 +6,6 @@
 // e2e/race_test.cpp and e2e/plan_series_test.cpp.)
 #include <gtest/gtest.h>
 
-#include <stdexcept>
-
 #include "support/forwarding_store.hpp"
 #include "support/plans.hpp"
 #include "support/store_backends.hpp"
@@ -47,10 +45,7 @@ class StoreHost final : public PlanRecordMixin {
 };
 
 using kodrune_test::ids_of;
-
 using Ids = std::set<std::string>;
-
-PlanList plans_of(const char* json) { return plans_from_json(Json::parse(json)); }
 
 TEST_P(PlanRecordInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
   const auto owned = open_store();
@@ -63,8 +58,9 @@ TEST_P(PlanRecordInStore, MarksOnlyTheHostBranchAndMarkedPagesAreSelected) {
     store.upsert_wiki_page(branch, "module-other", "Other", saved);
   }
   StoreHost host(store, "main");
-  const PlanList plans = plans_of(R"([{"page_id": "module-parent", "children": ["x"]},
-                                      {"page_id": "module-other", "children": ["y"]}])");
+  const PlanList plans =
+      plans_from_json(Json::parse(R"([{"page_id": "module-parent", "children": ["x"]},
+                                      {"page_id": "module-other", "children": ["y"]}])"));
   EXPECT_EQ(host._select_stale(plans, host._existing(), false), Ids{});
 
   host._mark_synthesis_stale({"module-parent", "module-gone"});
