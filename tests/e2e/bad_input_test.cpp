@@ -101,34 +101,6 @@ TEST(BadInput, CorruptDatabaseIsReportedAndLeftAsItWas) {
   EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/main/plan-log.jsonl"));
 }
 
-TEST(BadInput, RpcAnswersHostileLinesAndServesTheNext) {
-  GitRepo repo;
-  const fs::path requests = repo.scratch() / "requests.jsonl";
-  {
-    std::ofstream out(requests, std::ios::binary);
-    out << "{\"id\": 1, \"op\": \"drift_signal\", \"args\": {\"plan_size\": 1e400}}\n";
-    out << std::string(100000, '[') << "\n";
-    out << "{\"id\": 3, \"op\": \"drift_signal\", \"args\": {\"amendments\": " +
-               std::string(60000, '[') + "}}\n";
-    out << "{\"id\": 4, \"op\": \"drift_signal\", \"args\": {\"amendments\": [], "
-           "\"plan_size\": 10}}\n";
-  }
-  const RunResult result = repo.run("rpc < " + quoted(requests.string()));
-  ASSERT_EQ(result.code, 0) << result.err;
-  std::vector<Json> answers;
-  std::istringstream lines(result.out);
-  for (std::string line; std::getline(lines, line);) answers.push_back(Json::parse(line));
-  ASSERT_EQ(answers.size(), 4u) << result.out;
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(answers[i]["error"]["kind"], "invalid_request") << answers[i];
-  }
-  EXPECT_NE(answers[0]["error"]["message"].get<std::string>().find("number overflow"),
-            std::string::npos);
-  EXPECT_NE(answers[1]["error"]["message"].get<std::string>().find("deeper than 512"),
-            std::string::npos);
-  EXPECT_EQ(answers[3], Json::parse("{\"id\": 4, \"result\": null}"));
-}
-
 TEST(BadInput, UnknownOptionsAndMissingArgumentsAreUsageErrors) {
   GitRepo repo;
   repo.seed_src();

@@ -2,9 +2,7 @@
 #pragma once
 
 #include <initializer_list>
-#include <stdexcept>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -24,13 +22,6 @@ inline std::vector<std::string> ids_of(const wiki::Existing& rows) {
   std::vector<std::string> ids;
   for (const auto& [id, row] : rows) ids.push_back(id);
   return ids;
-}
-
-inline const wiki::PagePlan& find_plan(const wiki::PlanList& plans, std::string_view id) {
-  for (const auto& plan : plans) {
-    if (plan->page_id == id) return *plan;
-  }
-  throw std::runtime_error("no plan " + std::string(id));
 }
 
 // Stored rows in the given order, each row given its "page_id".

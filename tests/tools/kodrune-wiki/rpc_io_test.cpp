@@ -1,9 +1,11 @@
 // The rpc loop over file descriptors: lines cut from large blocks, whatever
-// their length and however the input ends, answered in order.
+// their length and however the input ends, answered in order; a line that is
+// hostile JSON is refused and the next one served.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -49,20 +51,32 @@ TEST(RpcIo, AnswersEveryLineInOrderWhateverItsLengthAndEnding) {
   EXPECT_EQ(serve(input), (std::vector<std::string>{answer(1), answer(2), answer(3), answer(4),
                                                     answer(5), answer(6)}));
   EXPECT_TRUE(serve("").empty());
-  // Many short lines in one block, one of them not JSON.
+  // Many short lines in one block; some are not JSON, or are JSON no parser
+  // should hold (a number past a double's range, nesting past any request).
+  const std::pair<int, std::string> bad[] = {
+      {777, "{not json"},
+      {778, R"({"id": 1, "op": "drift_signal", "args": {"plan_size": 1e400}})"},
+      {779, std::string(100000, '[')},
+      {780, R"({"id": 3, "op": "drift_signal", "args": {"amendments": )" + std::string(60000, '[') +
+                "}}"}};
   std::string many;
   std::vector<std::string> expected;
   for (int id = 0; id < 20000; ++id) {
-    many += id == 777 ? "{not json\n" : drift(id) + "\n";
+    const auto found = std::find_if(std::begin(bad), std::end(bad),
+                                    [&](const auto& entry) { return entry.first == id; });
+    many += (found == std::end(bad) ? drift(id) : found->second) + "\n";
     expected.push_back(answer(id));
   }
   const auto answers = serve(many);
   ASSERT_EQ(answers.size(), expected.size());
-  EXPECT_NE(answers[777].find(
-                "\"id\":null,\"error\":{\"kind\":\"invalid_request\",\"message\":\"malformed JSON"),
-            std::string::npos)
-      << answers[777];
-  expected[777] = answers[777];
+  const std::string refused = R"({"id":null,"error":{"kind":"invalid_request","message":)";
+  for (const auto& [id, line] : bad) {
+    EXPECT_EQ(answers[id].rfind(refused + "\"malformed JSON", 0), 0u) << answers[id];
+    expected[id] = answers[id];
+  }
+  EXPECT_NE(answers[778].find("number overflow"), std::string::npos) << answers[778];
+  EXPECT_NE(answers[779].find("deeper than 512 levels"), std::string::npos) << answers[779];
+  EXPECT_NE(answers[780].find("deeper than 512 levels"), std::string::npos) << answers[780];
   EXPECT_EQ(answers, expected);
 }
 

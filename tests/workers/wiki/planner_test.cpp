@@ -8,6 +8,7 @@
 #include <map>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 #include "support/plans.hpp"
 #include "support/temp_dir.hpp"
@@ -18,7 +19,10 @@ namespace {
 using kodrune_test::ids_of;
 
 const PagePlan& find(const PlanList& plans, const std::string& id) {
-  return kodrune_test::find_plan(plans, id);
+  for (const auto& plan : plans) {
+    if (plan->page_id == id) return *plan;
+  }
+  throw std::runtime_error("no plan " + id);
 }
 
 // n files named f00.cpp, f01.cpp, ... in `folder`.

@@ -1,5 +1,6 @@
-// Path normal form, the one rule for repository paths, content hashes, and
-// the steering entry of a page's hash mapping.
+// The one rule for repository paths, file content hashes, and the steering
+// entry of a page's hash mapping. (Path normal form and the hash of a text
+// show in the golden sections cases.)
 #include "workers/wiki/repo_facts.hpp"
 
 #include <gtest/gtest.h>
@@ -16,24 +17,6 @@ namespace {
 
 constexpr const char* kHashOfAbc =
     "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
-
-TEST(Norm, DropsEmptyAndDotSegmentsAndKeepsDotDot) {
-  const std::pair<const char*, const char*> cases[] = {
-      {"./src//x.cpp", "src/x.cpp"},
-      {"a/./b/", "a/b"},
-      {"/x", "x"},
-      {"src\\win\\y.cpp", "src/win/y.cpp"},
-      {"a/../b", "a/../b"},
-      {"", ""},
-      {"./", ""},
-  };
-  for (const auto& [path, normal] : cases) EXPECT_EQ(_norm(path), normal) << path;
-}
-
-TEST(TextHash, IsLowercaseHexSha256OfTheBytes) {
-  EXPECT_EQ(_text_hash(""), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
-  EXPECT_EQ(_text_hash("abc"), kHashOfAbc);
-}
 
 TEST(FileContentHash, HashesRegularFilesUnderTheRootOnly) {
   kodrune_test::TempDir tmp;
@@ -68,44 +51,26 @@ TEST(RepoPath, AbsoluteAndDotDotPathsAreRefusedByEveryReader) {
   EXPECT_EQ(hasher.hashes({"./src//a.txt", "src/none.txt"}), (Json{{"src/a.txt", kHashOfAbc}}));
 }
 
-class Host final : public SteeringMixin {
- public:
-  explicit Host(std::string steering) : steering_(std::move(steering)) {}
-  const std::string& branch() const override { return branch_; }
-  const std::filesystem::path& pages_dir() const override { return pages_dir_; }
-  const Existing& _existing() const override { return existing_; }
-  WikiStore& repository() override { throw std::logic_error("no store"); }
-  Json _source_hashes(const std::vector<std::string>& paths) override {
-    asked.push_back(paths);
-    Json hashes = Json::object();
-    for (const auto& path : paths) {
-      if (path != "gone.py") hashes[path] = "h-" + path;
-    }
-    return hashes;
-  }
-  std::vector<std::vector<std::string>> asked;
-
- protected:
-  std::string _steering_text() override { return steering_; }
-
- private:
-  std::string steering_;
-  std::string branch_ = "main";
-  std::filesystem::path pages_dir_;
-  Existing existing_;
-};
-
 TEST(HashesWithSteering, HashesDistinctSortedFilesThenAnySteeringEntry) {
-  Host host("Write for operators.");
-  const Json hashes = host._hashes_with_steering({"b.py", "gone.py", "a.py", "b.py"});
-  EXPECT_EQ(host.asked, (std::vector<std::vector<std::string>>{{"a.py", "b.py", "gone.py"}}));
-  EXPECT_EQ(hashes.dump(),
-            R"({"a.py":"h-a.py","b.py":"h-b.py","__steering__":")" +
-                std::string("e602dc1d73126f3be7d7ddb7396dc15796c8a54495c90b49c4de202049261aed") +
-                "\"}");
-  Host unsteered("");
+  kodrune_test::TempDir tmp;
+  std::filesystem::create_directories(tmp.path() / "memory/orvane");
+  std::ofstream(tmp.path() / "b.py", std::ios::binary) << "abc";
+  std::ofstream(tmp.path() / "a.py", std::ios::binary) << "";
+  WikiGeneratorOptions options;
+  options.progress = false;
+  WikiGenerator unsteered(tmp.path(), "main", nullptr, options);
   EXPECT_EQ(unsteered._hashes_with_steering({}).dump(), "{}");
-  EXPECT_EQ(unsteered._hashes_with_steering({"a.py"}).dump(), R"({"a.py":"h-a.py"})");
+  EXPECT_EQ(unsteered._hashes_with_steering({"b.py"}), (Json{{"b.py", kHashOfAbc}}));
+
+  std::ofstream(tmp.path() / "memory/orvane/steering.md", std::ios::binary)
+      << "Write for operators.";
+  WikiGenerator steered(tmp.path(), "main", nullptr, options);
+  EXPECT_EQ(
+      steered._hashes_with_steering({"b.py", "gone.py", "a.py", "b.py"}).dump(),
+      R"({"a.py":"e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855",)"
+      R"("b.py":")" +
+          std::string(kHashOfAbc) +
+          R"(","__steering__":"e602dc1d73126f3be7d7ddb7396dc15796c8a54495c90b49c4de202049261aed"})");
 }
 
 }  // namespace

@@ -344,9 +344,9 @@ TEST(SqliteWikiStore, FileHashCacheRowOfTheWrongShapeIsAnError) {
   }
 }
 
-// Statements are kept prepared between calls; each test here breaks off or
-// overlaps a use of one and checks that the next use starts clean.
-TEST(SqliteDatabase, StatementRunsCleanAfterAFailedUse) {
+// Statements are kept prepared between calls: a use that failed, stopped
+// early or overlaps another leaves the next use starting clean.
+TEST(SqliteDatabase, KeptStatementRunsCleanAfterAFailedOrOverlappingUse) {
   kodrune_test::TempDir tmp;
   SqliteDatabase db(tmp.path() / "db.sqlite");
   db.execute("CREATE TABLE t (x INTEGER PRIMARY KEY)");
@@ -371,24 +371,17 @@ TEST(SqliteDatabase, StatementRunsCleanAfterAFailedUse) {
   EXPECT_EQ(db.query(select, {std::int64_t{3}}).size(), 2u);
   db.execute(insert, {std::int64_t{6}});
   EXPECT_EQ(db.query(select, {std::int64_t{3}}).size(), 3u);
-}
 
-TEST(SqliteDatabase, StatementInUseIsNotSharedNorDropped) {
-  kodrune_test::TempDir tmp;
-  SqliteDatabase db(tmp.path() / "db.sqlite");
-  db.execute("CREATE TABLE t (x INTEGER)");
-  for (std::int64_t x : {1, 2, 3}) db.execute("INSERT INTO t (x) VALUES (?)", {x});
-  const std::string select = "SELECT x FROM t ORDER BY x";
-
+  // A statement in use is neither shared nor dropped: the same SQL again,
+  // and more distinct statements than are kept, while its rows are read.
   std::vector<std::int64_t> outer;
   std::size_t inner_rows = 0;
-  db.for_each_row(select, {}, [&](sqlite3_stmt* row) {
+  db.for_each_row(select, {std::int64_t{3}}, [&](sqlite3_stmt* row) {
     outer.push_back(sqlite3_column_int64(row, 0));
-    // The same SQL again, and more distinct statements than are kept.
-    inner_rows += db.query(select).size();
+    inner_rows += db.query(select, {std::int64_t{3}}).size();
     for (int i = 0; i < 100; ++i) db.query("SELECT " + std::to_string(i));
   });
-  EXPECT_EQ(outer, (std::vector<std::int64_t>{1, 2, 3}));
+  EXPECT_EQ(outer, (std::vector<std::int64_t>{4, 5, 6}));
   EXPECT_EQ(inner_rows, 9u);
 }
 
@@ -509,18 +502,18 @@ TEST_F(PostgresStoreTest, ServerLostMidTransactionLeavesTheLastCommittedState) {
 
 TEST_F(PostgresStoreTest, PendingLogLinesAreKeptPerBranchInOrder) {
   PostgresWikiStore store(uri_);
-  store.add_pending_log_line("main", "one");
-  store.add_pending_log_line("dev", "elsewhere");
-  store.add_pending_log_line("main", "two");
-  auto lines = store.pending_log_lines("main");
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_EQ(lines[0].second, "one");
-  EXPECT_EQ(lines[1].second, "two");
-  store.clear_pending_log_lines("main", lines[0].first);
-  lines = store.pending_log_lines("main");
-  ASSERT_EQ(lines.size(), 1u);
-  EXPECT_EQ(lines[0].second, "two");
-  EXPECT_EQ(store.pending_log_lines("dev").size(), 1u);
+  for (const auto& [branch, line] :
+       {std::pair{"main", "one"}, {"dev", "elsewhere"}, {"main", "two"}})
+    store.add_pending_log_line(branch, line);
+  const auto texts = [&](const char* branch) {
+    std::vector<std::string> out;
+    for (const auto& [id, line] : store.pending_log_lines(branch)) out.push_back(line);
+    return out;
+  };
+  EXPECT_EQ(texts("main"), (std::vector<std::string>{"one", "two"}));
+  store.clear_pending_log_lines("main", store.pending_log_lines("main").at(0).first);
+  EXPECT_EQ(texts("main"), std::vector<std::string>{"two"});
+  EXPECT_EQ(texts("dev"), std::vector<std::string>{"elsewhere"});
 }
 
 TEST(StoreUrl, ReadsEachFormAndNeverRepeatsAPassword) {
