@@ -4,7 +4,10 @@
 #include <libpq-fe.h>
 #include <spdlog/spdlog.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <exception>
 #include <set>
 
 #include "row_codec.hpp"
@@ -111,18 +114,40 @@ std::string numbered_placeholders(std::string_view sql, int& count) {
   return out;
 }
 
-// Owns one PGresult.
-class Result {
+// The parameters of one statement as libpq takes them: text or null.
+class BoundValues {
  public:
-  explicit Result(PGresult* result) : result_(result) {}
-  ~Result() { PQclear(result_); }
-  Result(const Result&) = delete;
-  Result& operator=(const Result&) = delete;
-  PGresult* get() const { return result_; }
+  explicit BoundValues(const std::vector<SqlValue>& params) {
+    // Reserved whole: a number's text must not move once pointed at.
+    numbers_.reserve(params.size());
+    values_.reserve(params.size());
+    for (const auto& param : params) {
+      if (const auto* number = std::get_if<std::int64_t>(&param)) {
+        values_.push_back(numbers_.emplace_back(std::to_string(*number)).c_str());
+      } else if (const auto* value = std::get_if<std::string>(&param)) {
+        values_.push_back(value->c_str());
+      } else {
+        values_.push_back(nullptr);
+      }
+    }
+  }
+  int size() const { return static_cast<int>(values_.size()); }
+  const char* const* data() const { return values_.data(); }
 
  private:
-  PGresult* result_;
+  std::vector<std::string> numbers_;
+  std::vector<const char*> values_;
 };
+
+// Distinct statements prepared per connection. Past this many (a delete
+// names its ids one placeholder each, so its text varies) a statement runs
+// unnamed, as every statement once did.
+constexpr std::size_t kMaxPrepared = 64;
+
+// Writes sent in one pipeline at most: the server's answers to them must fit
+// its socket buffer while this side is still sending, and the waiting rows
+// stay few in memory.
+constexpr std::size_t kPipelineWrites = 1024;
 
 constexpr std::string_view kSchema[] = {
     R"sql(CREATE TABLE IF NOT EXISTS wiki_pages (
@@ -169,7 +194,10 @@ std::string select_pages_sql() {
     if (i > 0) sql += ", ";
     sql += kColumns[i].name;
   }
-  sql += " FROM wiki_pages WHERE branch = ? ORDER BY insertion_order";
+  // Ordered here, not by the server: unless the planner walks the index in
+  // order, it sorts whole rows, mappings included, which past its work_mem
+  // (4 MB by default: a few thousand rows) goes through files on disk.
+  sql += ", insertion_order FROM wiki_pages WHERE branch = ?";
   return sql;
 }
 
@@ -190,8 +218,15 @@ PostgresDatabase::PostgresDatabase(const std::string& uri) : uri_(uri) {
 
 PostgresDatabase::~PostgresDatabase() { PQfinish(connection_); }
 
+void PostgresDatabase::drop_connection() {
+  PQfinish(connection_);
+  connection_ = nullptr;
+}
+
 void PostgresDatabase::connect() {
   if (connection_ != nullptr) PQfinish(connection_);
+  // A new session knows none of the old one's prepared statements.
+  for (auto& [sql, statement] : statements_) statement.prepared = false;
   connection_ = PQconnectdb(uri_.c_str());
   if (PQstatus(connection_) == CONNECTION_OK) {
     // libpq prints the server's notices on stderr by default: a server that
@@ -231,51 +266,87 @@ void PostgresDatabase::fail(std::string_view what, const std::string& detail) co
                    one_line(detail, password_));
 }
 
-std::vector<PostgresDatabase::Row> PostgresDatabase::query(std::string_view sql,
-                                                           const std::vector<SqlValue>& params) {
-  int count = 0;
-  const std::string text = numbered_placeholders(sql, count);
-  if (count != static_cast<int>(params.size())) {
-    throw StoreError("wiki store: " + quote_text(sql) + " takes " + std::to_string(count) +
-                     " parameters, " + std::to_string(params.size()) + " given");
+PostgresDatabase::Result::~Result() { PQclear(result_); }
+
+PostgresDatabase::Statement& PostgresDatabase::statement(std::string_view sql, Statement& spare) {
+  if (const auto found = statements_.find(sql); found != statements_.end()) return found->second;
+  Statement made;
+  made.text = numbered_placeholders(sql, made.count);
+  if (statements_.size() >= kMaxPrepared) {
+    spare = std::move(made);
+    return spare;
   }
+  made.name = "kodrune_" + std::to_string(statements_.size());
+  return statements_.emplace(std::string(sql), std::move(made)).first->second;
+}
+
+void PostgresDatabase::check_params(std::string_view sql, const Statement& statement,
+                                    const std::vector<SqlValue>& params) const {
+  if (statement.count != static_cast<int>(params.size())) {
+    throw StoreError("wiki store: " + quote_text(sql) + " takes " +
+                     std::to_string(statement.count) + " parameters, " +
+                     std::to_string(params.size()) + " given");
+  }
+  for (const auto& param : params) {
+    const auto* value = std::get_if<std::string>(&param);
+    if (value != nullptr && value->find('\0') != std::string::npos) {
+      throw StoreError("wiki store: PostgreSQL text cannot hold a NUL byte: " +
+                       quote_text(std::string_view(value->c_str())));
+    }
+  }
+}
+
+void PostgresDatabase::prepare(std::string_view sql, Statement& statement) {
+  if (statement.prepared || statement.name.empty()) return;
+  const Result result(
+      PQprepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr));
+  if (PQresultStatus(result.get()) != PGRES_COMMAND_OK) {
+    const char* message = PQresultErrorMessage(result.get());
+    fail("cannot run " + quote_text(sql),
+         message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_));
+  }
+  statement.prepared = true;
+}
+
+PostgresDatabase::Statement& PostgresDatabase::ready(std::string_view sql,
+                                                     const std::vector<SqlValue>& params,
+                                                     Statement& spare) {
+  Statement& statement = this->statement(sql, spare);
+  check_params(sql, statement, params);
+  // Whatever waits was written before this statement and must be seen by it.
+  flush();
   if (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK) {
     // Outside a transaction nothing is lost by connecting again; inside one
     // the server has already rolled it back.
     if (!scopes_.empty()) fail("the connection was lost", "the transaction was rolled back");
     connect();
   }
-  std::vector<std::string> numbers;
-  numbers.reserve(params.size());
-  std::vector<const char*> values;
-  values.reserve(params.size());
-  for (const auto& param : params) {
-    if (const auto* number = std::get_if<std::int64_t>(&param)) {
-      numbers.push_back(std::to_string(*number));
-    }
-  }
-  std::size_t next_number = 0;
-  for (const auto& param : params) {
-    if (std::holds_alternative<std::int64_t>(param)) {
-      values.push_back(numbers[next_number++].c_str());
-    } else if (const auto* value = std::get_if<std::string>(&param)) {
-      if (value->find('\0') != std::string::npos) {
-        throw StoreError("wiki store: PostgreSQL text cannot hold a NUL byte: " +
-                         quote_text(std::string_view(value->c_str())));
-      }
-      values.push_back(value->c_str());
-    } else {
-      values.push_back(nullptr);
-    }
-  }
-  const Result result(PQexecParams(connection_, text.c_str(), static_cast<int>(values.size()),
-                                   nullptr, values.data(), nullptr, nullptr, 0));
+  prepare(sql, statement);
+  return statement;
+}
+
+PostgresDatabase::Result PostgresDatabase::run(std::string_view sql,
+                                               const std::vector<SqlValue>& params) {
+  Statement spare;
+  const Statement& statement = ready(sql, params, spare);
+  const BoundValues values(params);
+  Result result(statement.prepared
+                    ? PQexecPrepared(connection_, statement.name.c_str(), values.size(),
+                                     values.data(), nullptr, nullptr, 0)
+                    : PQexecParams(connection_, statement.text.c_str(), values.size(), nullptr,
+                                   values.data(), nullptr, nullptr, 0));
   const ExecStatusType status = PQresultStatus(result.get());
   if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
     const char* message = PQresultErrorMessage(result.get());
     fail("cannot run " + quote_text(sql),
          message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_));
   }
+  return result;
+}
+
+std::vector<PostgresDatabase::Row> PostgresDatabase::query(std::string_view sql,
+                                                           const std::vector<SqlValue>& params) {
+  const Result result = run(sql, params);
   std::vector<Row> rows;
   const int row_count = PQntuples(result.get());
   const int column_count = PQnfields(result.get());
@@ -296,8 +367,138 @@ std::vector<PostgresDatabase::Row> PostgresDatabase::query(std::string_view sql,
   return rows;
 }
 
+void PostgresDatabase::read(std::string_view sql, const std::vector<SqlValue>& params,
+                            const std::function<void(PGresult*)>& each) {
+  Statement spare;
+  const Statement& statement = ready(sql, params, spare);
+  const BoundValues values(params);
+  const int sent = statement.prepared
+                       ? PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
+                                             values.data(), nullptr, nullptr, 0)
+                       : PQsendQueryParams(connection_, statement.text.c_str(), values.size(),
+                                           nullptr, values.data(), nullptr, nullptr, 0);
+  if (sent != 1) fail("cannot run " + quote_text(sql), PQerrorMessage(connection_));
+  PQsetSingleRowMode(connection_);
+  // The whole answer is read whatever happens: a connection left with part
+  // of it unread would refuse the next statement.
+  std::optional<std::string> failure;
+  std::exception_ptr thrown;
+  for (PGresult* answer = PQgetResult(connection_); answer != nullptr;
+       answer = PQgetResult(connection_)) {
+    const Result result(answer);
+    const ExecStatusType status = PQresultStatus(answer);
+    if (status == PGRES_SINGLE_TUPLE || status == PGRES_TUPLES_OK) {
+      if (thrown || failure) continue;
+      try {
+        each(answer);
+      } catch (...) {
+        thrown = std::current_exception();
+      }
+    } else if (!failure) {
+      const char* message = PQresultErrorMessage(answer);
+      failure = message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_);
+    }
+  }
+  if (failure) fail("cannot run " + quote_text(sql), *failure);
+  if (thrown) std::rethrow_exception(thrown);
+}
+
+void PostgresDatabase::write(std::string_view sql, std::vector<SqlValue> params) {
+  if (scopes_.empty()) {
+    run(sql, params);
+    return;
+  }
+  Statement spare;
+  check_params(sql, statement(sql, spare), params);
+  pending_.push_back(Pending{std::string(sql), std::move(params)});
+  if (pending_.size() >= kPipelineWrites) flush();
+}
+
+void PostgresDatabase::flush() {
+  if (pending_.empty()) return;
+  const std::vector<Pending> batch = std::move(pending_);
+  pending_.clear();
+  // Waiting writes exist only inside a transaction, which a lost connection
+  // has ended.
+  if (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK) {
+    fail("cannot run " + quote_text(batch.front().sql),
+         "the connection was lost; the transaction was rolled back");
+  }
+  if (PQenterPipelineMode(connection_) != 1) {
+    fail("cannot run " + quote_text(batch.front().sql), PQerrorMessage(connection_));
+  }
+  // What each answer of the pipeline is for: the write it belongs to and,
+  // for the preparation of a statement new to this connection (sent in
+  // place, so a failure is still named in the order written), the statement.
+  struct Answer {
+    std::size_t write;
+    Statement* prepared;
+  };
+  std::vector<Answer> answers;
+  answers.reserve(batch.size() + 4);
+  std::vector<Statement> spares(batch.size());
+  std::vector<const Statement*> preparing;
+  // The first write that failed and why; those after it were not run.
+  std::optional<std::pair<std::size_t, std::string>> failure;
+  for (std::size_t i = 0; i < batch.size() && !failure; ++i) {
+    Statement& statement = this->statement(batch[i].sql, spares[i]);
+    const bool named = !statement.name.empty();
+    if (named && !statement.prepared &&
+        std::find(preparing.begin(), preparing.end(), &statement) == preparing.end()) {
+      if (PQsendPrepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr) !=
+          1) {
+        failure.emplace(i, PQerrorMessage(connection_));
+        break;
+      }
+      preparing.push_back(&statement);
+      answers.push_back(Answer{i, &statement});
+    }
+    const BoundValues values(batch[i].params);
+    const int queued = named
+                           ? PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
+                                                 values.data(), nullptr, nullptr, 0)
+                           : PQsendQueryParams(connection_, statement.text.c_str(), values.size(),
+                                               nullptr, values.data(), nullptr, nullptr, 0);
+    if (queued != 1) failure.emplace(i, PQerrorMessage(connection_));
+    answers.push_back(Answer{i, nullptr});
+  }
+  bool broken = failure.has_value() || PQpipelineSync(connection_) != 1;
+  if (broken && !failure) failure.emplace(batch.size() - 1, PQerrorMessage(connection_));
+  for (std::size_t a = 0; a < answers.size() && !broken; ++a) {
+    const std::size_t i = answers[a].write;
+    // One statement's answers end with a null result.
+    PGresult* answer = PQgetResult(connection_);
+    if (answer == nullptr) broken = true;
+    while (answer != nullptr) {
+      const ExecStatusType status = PQresultStatus(answer);
+      if (status == PGRES_FATAL_ERROR && !failure) {
+        const char* message = PQresultErrorMessage(answer);
+        failure.emplace(
+            i, message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_));
+      }
+      if (status == PGRES_COMMAND_OK && answers[a].prepared != nullptr) {
+        answers[a].prepared->prepared = true;
+      }
+      PQclear(answer);
+      answer = PQgetResult(connection_);
+    }
+    if (PQstatus(connection_) != CONNECTION_OK) broken = true;
+    if (broken && !failure) failure.emplace(i, PQerrorMessage(connection_));
+  }
+  if (!broken) {
+    const Result sync(PQgetResult(connection_));
+    broken =
+        PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC || PQexitPipelineMode(connection_) != 1;
+    if (broken && !failure) failure.emplace(batch.size() - 1, PQerrorMessage(connection_));
+  }
+  // A connection left in the middle of a pipeline serves nothing more; the
+  // server rolls back the transaction it had open.
+  if (broken) drop_connection();
+  if (failure) fail("cannot run " + quote_text(batch[failure->first].sql), failure->second);
+}
+
 void PostgresDatabase::execute(std::string_view sql, const std::vector<SqlValue>& params) {
-  query(sql, params);
+  run(sql, params);
 }
 
 void PostgresDatabase::begin_transaction() {
@@ -315,6 +516,22 @@ void PostgresDatabase::begin_transaction() {
 
 void PostgresDatabase::end_transaction(bool error) {
   if (scopes_.empty()) throw StoreError("wiki store: a transaction was ended that was never begun");
+  if (error) {
+    // Every waiting write belongs to this scope (a savepoint is begun or
+    // released only after a flush), so the rollback would undo them anyway.
+    pending_.clear();
+  } else if (!pending_.empty()) {
+    try {
+      flush();
+    } catch (...) {
+      try {
+        end_transaction(true);
+      } catch (...) {
+        // The write that failed is the error the caller must see.
+      }
+      throw;
+    }
+  }
   const bool savepoint = scopes_.back();
   scopes_.pop_back();
   const bool connected = PQstatus(connection_) == CONNECTION_OK;
@@ -409,12 +626,12 @@ void PostgresWikiStore::upsert_wiki_page(const std::string& branch, const std::s
       "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
       "status = excluded.status, page_type = excluded.page_type, "
       "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
-  db_.execute(kUpsert, row_values(branch, page_id, title, columns));
+  db_.write(kUpsert, row_values(branch, page_id, title, columns));
 }
 
 void PostgresWikiStore::update_structure(const std::string& branch, const std::string& page_id,
                                          const std::string& title, const WikiPageColumns& columns) {
-  db_.execute(kUpdateStructure, structure_values(branch, page_id, title, columns));
+  db_.write(kUpdateStructure, structure_values(branch, page_id, title, columns));
 }
 
 void PostgresWikiStore::delete_pages(const std::string& branch,
@@ -428,34 +645,68 @@ void PostgresWikiStore::delete_pages(const std::string& branch,
     params.emplace_back(id);
   }
   sql += ")";
-  db_.execute(sql, params);
+  db_.write(sql, params);
   // A retired page's saved body goes with its row.
   sql.replace(0, std::string_view("DELETE FROM wiki_pages").size(), "DELETE FROM wiki_page_bodies");
-  db_.execute(sql, params);
+  db_.write(sql, std::move(params));
 }
 
 Existing PostgresWikiStore::load_pages(const std::string& branch) {
   static const std::string kSelect = select_pages_sql();
-  Existing pages;
-  for (auto& values : db_.query(kSelect, {branch})) {
-    std::string page_id = text_of(values[1]);
-    Json row(Json::value_t::object);
-    auto& fields = row.get_ref<Json::object_t&>();
-    fields.reserve(std::size(kColumns));
-    for (std::size_t i = 0; i < std::size(kColumns); ++i) {
-      const auto& column = kColumns[i];
-      auto& value = values[i];
-      if (!value) {
-        fields.emplace(std::string(column.name), nullptr);
-      } else if (column.shape == Shape::Text) {
-        fields.emplace(std::string(column.name), Json(std::move(*value)));
-      } else {
-        fields.emplace(std::string(column.name),
-                       decode(*value, column.shape, branch, page_id, column.name));
+  struct Loaded {
+    std::int64_t order;
+    std::string page_id;
+    Json row;
+  };
+  std::vector<Loaded> loaded;
+  // The first undecodable row in insertion order is the one named, as if
+  // the rows had come in that order.
+  std::optional<std::pair<std::int64_t, std::exception_ptr>> undecodable;
+  constexpr int kOrderColumn = static_cast<int>(std::size(kColumns));
+  // Decoded straight from each row's result as it arrives: 32k rows would
+  // otherwise wait for the last one, and copy every value once more.
+  db_.read(kSelect, {branch}, [&](PGresult* result) {
+    const int row_count = PQntuples(result);
+    for (int r = 0; r < row_count; ++r) {
+      const auto text = [&](int c) {
+        return std::string_view(PQgetvalue(result, r, c),
+                                static_cast<std::size_t>(PQgetlength(result, r, c)));
+      };
+      std::int64_t order = 0;
+      const std::string_view order_text = text(kOrderColumn);
+      std::from_chars(order_text.data(), order_text.data() + order_text.size(), order);
+      std::string page_id(text(1));
+      Json row(Json::value_t::object);
+      auto& fields = row.get_ref<Json::object_t&>();
+      fields.reserve(std::size(kColumns));
+      try {
+        for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+          const auto& column = kColumns[i];
+          const int c = static_cast<int>(i);
+          if (PQgetisnull(result, r, c) != 0) {
+            fields.emplace(std::string(column.name), nullptr);
+          } else if (column.shape == Shape::Text) {
+            fields.emplace(std::string(column.name), Json(std::string(text(c))));
+          } else {
+            fields.emplace(std::string(column.name),
+                           decode(text(c), column.shape, branch, page_id, column.name));
+          }
+        }
+      } catch (const StoreError&) {
+        if (!undecodable || order < undecodable->first) {
+          undecodable.emplace(order, std::current_exception());
+        }
+        continue;
       }
+      loaded.push_back(Loaded{order, std::move(page_id), std::move(row)});
     }
-    pages.insert_or_assign(std::move(page_id), std::move(row));
-  }
+  });
+  if (undecodable) std::rethrow_exception(undecodable->second);
+  std::sort(loaded.begin(), loaded.end(),
+            [](const Loaded& a, const Loaded& b) { return a.order < b.order; });
+  Existing pages;
+  pages.reserve(loaded.size());
+  for (auto& page : loaded) pages.insert_or_assign(std::move(page.page_id), std::move(page.row));
   return pages;
 }
 
@@ -475,7 +726,7 @@ void PostgresWikiStore::save_file_hashes(
 
 void PostgresWikiStore::put_page_body(const std::string& branch, const std::string& page_id,
                                       const std::string& body) {
-  db_.execute(
+  db_.write(
       "INSERT INTO wiki_page_bodies (branch, page_id, body) VALUES (?, ?, ?) "
       "ON CONFLICT (branch, page_id) DO UPDATE SET body = excluded.body",
       {branch, page_id, body});
@@ -510,7 +761,7 @@ std::optional<std::vector<std::string>> PostgresWikiStore::plan_log_lines(
 }
 
 void PostgresWikiStore::add_pending_log_line(const std::string& branch, const std::string& line) {
-  db_.execute("INSERT INTO plan_log_pending (branch, line) VALUES (?, ?)", {branch, line});
+  db_.write("INSERT INTO plan_log_pending (branch, line) VALUES (?, ?)", {branch, line});
 }
 
 std::vector<WikiStore::PendingLogLine> PostgresWikiStore::pending_log_lines(

@@ -16,23 +16,31 @@
 // machine: it stays local, in an SQLite file of the worker's own.
 //
 // Every value is bound as a parameter, never spliced into SQL text; the
-// "?" placeholders of `db().execute` become $1, $2, ... Errors are
-// StoreErrors naming the server's host and the database, never the
-// password of the connection URI.
+// "?" placeholders of `db().execute` become $1, $2, ... Each distinct
+// statement is prepared once per connection. Inside a transaction the rows a
+// build writes are not sent one at a time: they wait, and go to the server
+// together in one pipeline before the next read, the next statement of any
+// other kind or the end of the transaction, so a read still sees every
+// earlier write. Errors are StoreErrors naming the server's host and the
+// database, never the password of the connection URI; a queued write that
+// fails names its own statement, as it would have run alone.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
 struct pg_conn;
+struct pg_result;
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -56,6 +64,21 @@ class PostgresDatabase final : public Database {
   // Result rows, every value as text or null.
   using Row = std::vector<std::optional<std::string>>;
   std::vector<Row> query(std::string_view sql, const std::vector<SqlValue>& params = {});
+  // Hands the rows of a read to `each` as the server sends them, a result of
+  // one row at a time, so they are decoded while the server still sends the
+  // next ones instead of after it sent them all. An exception from `each`
+  // reaches the caller once the rest of the answer has been read.
+  void read(std::string_view sql, const std::vector<SqlValue>& params,
+            const std::function<void(pg_result*)>& each);
+
+  // A write whose result nobody reads. Outside a transaction it runs now;
+  // inside one it waits for `flush`, which comes before any other statement
+  // and before the transaction ends. A parameter count that does not match
+  // or a text the server cannot hold is refused here, before it waits.
+  void write(std::string_view sql, std::vector<SqlValue> params);
+  // Sends the waiting writes in one pipeline and reads their answers; the
+  // first that failed is a StoreError naming its statement.
+  void flush();
 
   // Outermost scope: BEGIN; inner scopes: SAVEPOINTs.
   void begin_transaction() override;
@@ -64,15 +87,63 @@ class PostgresDatabase final : public Database {
   bool in_transaction() const { return !scopes_.empty(); }
   const std::string& location() const { return location_; }
 
+  // Owns one PGresult.
+  class Result {
+   public:
+    explicit Result(pg_result* result) : result_(result) {}
+    ~Result();
+    Result(Result&& other) noexcept : result_(std::exchange(other.result_, nullptr)) {}
+    Result(const Result&) = delete;
+    Result& operator=(const Result&) = delete;
+    Result& operator=(Result&&) = delete;
+    pg_result* get() const { return result_; }
+
+   private:
+    pg_result* result_;
+  };
+
  private:
+  // A statement as the server knows it: its text with $n placeholders and,
+  // once prepared on this connection, its name.
+  struct Statement {
+    std::string name;
+    std::string text;
+    int count = 0;
+    bool prepared = false;
+  };
+  // A write waiting for `flush`.
+  struct Pending {
+    std::string sql;
+    std::vector<SqlValue> params;
+  };
+
   void connect();
+  void drop_connection();
   [[noreturn]] void fail(std::string_view what, const std::string& detail) const;
+  // The statement of `sql`, from the cache or, once the cache is full, in
+  // `spare` and never prepared.
+  Statement& statement(std::string_view sql, Statement& spare);
+  void check_params(std::string_view sql, const Statement& statement,
+                    const std::vector<SqlValue>& params) const;
+  void prepare(std::string_view sql, Statement& statement);
+  // The statement of `sql` checked against `params`, the waiting writes
+  // flushed, connected and prepared: ready to run.
+  Statement& ready(std::string_view sql, const std::vector<SqlValue>& params, Statement& spare);
+  Result run(std::string_view sql, const std::vector<SqlValue>& params);
 
   std::string uri_;
   std::string location_;
   std::string password_;
   pg_conn* connection_ = nullptr;
   std::vector<bool> scopes_;
+  struct TextHash {
+    using is_transparent = void;
+    std::size_t operator()(std::string_view text) const {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  std::unordered_map<std::string, Statement, TextHash, std::equal_to<>> statements_;
+  std::vector<Pending> pending_;
 };
 
 class PostgresWikiStore final : public WikiStore {

@@ -477,16 +477,23 @@ TEST_F(PostgresStoreTest, ServerLostMidTransactionLeavesTheLastCommittedState) {
     PostgresWikiStore store(uri_);
     store.upsert_wiki_page("main", "committed", "C", {});
     auto& cluster = PostgresCluster::instance();
-    EXPECT_THROW(
-        {
-          auto scope = store.db().transaction();
-          store.lock_branch("main");
-          store.upsert_wiki_page("main", "half-built", "H", {});
-          store.delete_pages("main", {"committed"});
-          cluster.stop();
-          store.upsert_wiki_page("main", "never", "N", {});
-        },
-        StoreError);
+    std::string error;
+    try {
+      auto scope = store.db().transaction();
+      store.lock_branch("main");
+      store.upsert_wiki_page("main", "half-built", "H", {});
+      store.delete_pages("main", {"committed"});
+      cluster.stop();
+      store.upsert_wiki_page("main", "never", "N", {});
+    } catch (const StoreError& e) {
+      error = e.what();
+    }
+    // The writes went out together when the transaction ended: the first of
+    // them is the one named.
+    EXPECT_THAT(error, AllOf(HasSubstr("cannot run \"INSERT INTO wiki_pages"),
+                             HasSubstr("database " + database_),
+                             Not(HasSubstr(std::string(PostgresCluster::kPassword)))));
+    EXPECT_EQ(error.find('\n'), std::string::npos) << error;
     cluster.start();
     ASSERT_TRUE(cluster.running()) << cluster.failure();
     // The same store object connects again for its next transaction.
@@ -498,6 +505,53 @@ TEST_F(PostgresStoreTest, ServerLostMidTransactionLeavesTheLastCommittedState) {
   const Existing pages = reopened.load_pages("main");
   ASSERT_EQ(pages.size(), 1u);
   EXPECT_EQ(pages.begin()->first, "committed");
+}
+
+TEST_F(PostgresStoreTest, WritesSentTogetherAreReadBackAndTheFirstRefusedOneNamesItself) {
+  PostgresWikiStore store(uri_);
+  {
+    // More rows than one pipeline carries, read back by the transaction that
+    // wrote them, in the order written.
+    auto scope = store.db().transaction();
+    for (int i = 0; i < 2500; ++i) store.upsert_wiki_page("main", "p" + std::to_string(i), "", {});
+    store.update_structure("main", "p7", "Seven", {});
+    const Existing pages = store.load_pages("main");
+    ASSERT_EQ(pages.size(), 2500u);
+    EXPECT_EQ(pages.begin()->first, "p0");
+    EXPECT_EQ(std::prev(pages.end())->first, "p2499");
+    EXPECT_EQ(pages.at("p7")["title"], "Seven");
+  }
+  store.db().execute("ALTER TABLE wiki_pages ADD CONSTRAINT no_bad_title CHECK (title <> 'bad')");
+  std::string error;
+  try {
+    auto scope = store.db().transaction();
+    store.delete_pages("main", {"p0"});
+    store.upsert_wiki_page("main", "refused", "bad", {});
+    store.upsert_wiki_page("main", "after", "", {});
+  } catch (const StoreError& e) {
+    error = e.what();
+  }
+  EXPECT_THAT(error, AllOf(HasSubstr("cannot run \"INSERT INTO wiki_pages"),
+                           HasSubstr("no_bad_title"), HasSubstr("database " + database_)));
+  {
+    // A refused write rolls back its own scope only.
+    auto outer = store.db().transaction();
+    store.upsert_wiki_page("main", "kept", "", {});
+    EXPECT_THROW(
+        {
+          auto inner = store.db().transaction();
+          store.upsert_wiki_page("main", "refused-inner", "bad", {});
+        },
+        StoreError);
+    store.upsert_wiki_page("main", "kept-too", "", {});
+    // A text the server cannot hold is refused at once, not when sent.
+    EXPECT_THROW(store.upsert_wiki_page("main", std::string("n\0l", 3), "", {}), StoreError);
+  }
+  const Existing pages = store.load_pages("main");
+  EXPECT_EQ(pages.size(), 2502u);
+  EXPECT_EQ(pages.count("p0"), 1u);
+  EXPECT_EQ(pages.count("after") + pages.count("refused-inner"), 0u);
+  EXPECT_EQ(std::prev(pages.end())->first, "kept-too");
 }
 
 TEST_F(PostgresStoreTest, PendingLogLinesAreKeptPerBranchInOrder) {
