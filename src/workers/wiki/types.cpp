@@ -445,28 +445,35 @@ void append_texts(std::string& out, const std::vector<std::string>& texts) {
 
 // One plan, its members in plan_to_json's order.
 void append_plan_json(const PagePlan& plan, std::string& out) {
-  out += "{\"page_id\":";
-  append_text(out, plan.page_id);
-  out += ",\"title\":";
-  append_text(out, plan.title);
-  out += ",\"level\":";
-  append_text(out, plan.level);
-  out += ",\"importance\":";
-  append_text(out, plan.importance);
-  out += ",\"description\":";
-  append_text(out, plan.description);
-  out += ",\"topic\":";
-  append_text(out, plan.topic);
-  out += ",\"source_files\":";
-  append_texts(out, plan.source_files);
-  out += ",\"children\":";
-  append_texts(out, plan.children);
-  out += ",\"related_pages\":";
-  append_texts(out, plan.related_pages);
-  out += ",\"parent_section\":";
-  append_text(out, plan.parent_section);
-  out += ",\"type\":";
-  append_text(out, plan.type);
+  struct Member {
+    const char* key;
+    const std::string PagePlan::*text;
+    const std::vector<std::string> PagePlan::*texts;
+  };
+  static constexpr Member kMembers[] = {{"page_id", &PagePlan::page_id, nullptr},
+                                        {"title", &PagePlan::title, nullptr},
+                                        {"level", &PagePlan::level, nullptr},
+                                        {"importance", &PagePlan::importance, nullptr},
+                                        {"description", &PagePlan::description, nullptr},
+                                        {"topic", &PagePlan::topic, nullptr},
+                                        {"source_files", nullptr, &PagePlan::source_files},
+                                        {"children", nullptr, &PagePlan::children},
+                                        {"related_pages", nullptr, &PagePlan::related_pages},
+                                        {"parent_section", &PagePlan::parent_section, nullptr},
+                                        {"type", &PagePlan::type, nullptr}};
+  char separator = '{';
+  for (const Member& member : kMembers) {
+    out += separator;
+    separator = ',';
+    out += '"';
+    out += member.key;
+    out += "\":";
+    if (member.text != nullptr) {
+      append_text(out, plan.*member.text);
+    } else {
+      append_texts(out, plan.*member.texts);
+    }
+  }
   out += plan.catch_all ? ",\"catch_all\":true}" : ",\"catch_all\":false}";
 }
 
