@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "kodrune-wiki/rpc.hpp"
-#include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "workers/wiki/page_ids.hpp"
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 
