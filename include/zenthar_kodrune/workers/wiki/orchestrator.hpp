@@ -356,6 +356,8 @@ class WikiGenerator : public PlanRecordMixin {
   void collect_prefetch();
   // Waits for a prefetch a failed build left running, dropping its result.
   void abandon_prefetch() noexcept;
+  // Drops the hashes, steering text and rows read so far.
+  void forget_reads();
   void save_hash_cache();
 
   std::filesystem::path checkout_root_;

@@ -195,10 +195,16 @@ void WikiGenerator::flush_pending_log(const SafeDir& wiki) {
   repository_->clear_pending_log_lines(branch_, pending.back().first);
 }
 
-Derivation WikiGenerator::derive(bool replan, bool prefetch) {
+void WikiGenerator::forget_reads() {
   abandon_prefetch();
   hasher_.begin_build();
   steering_memo_.reset();
+  // What another process wrote since is seen.
+  mirror_->forget();
+}
+
+Derivation WikiGenerator::derive(bool replan, bool prefetch) {
+  forget_reads();
   index_ = index_repository(checkout_root_, options_.planner);
   if (prefetch) {
     // The hasher, the index and the cache are left to the prefetch thread
@@ -206,8 +212,6 @@ Derivation WikiGenerator::derive(bool replan, bool prefetch) {
     // the cache over a connection of its own.
     prefetch_ = std::async(std::launch::async, [this] { prefetch_hashes(); });
   }
-  // What another process wrote since the last derivation is seen.
-  mirror_->forget();
   const Existing& existing = _existing();
   Derivation derivation;
   derivation.first_plan = existing.empty();
@@ -365,10 +369,7 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
 }
 
 void WikiGenerator::refresh() {
-  abandon_prefetch();
-  hasher_.begin_build();
-  steering_memo_.reset();
-  mirror_->forget();
+  forget_reads();
   // A file whose stamp the cache holds is not read again.
   if (!cache_loaded_) hasher_.load_cache(repository_->load_file_hash_cache());
   cache_loaded_ = true;
