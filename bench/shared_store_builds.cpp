@@ -28,6 +28,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -96,16 +97,24 @@ struct Outcome {
   double seconds = 0;
 };
 
+// "<prefix><n>", built by appending: GCC 12 at -O3 warns falsely on a short
+// literal added to std::to_string's result.
+std::string numbered(std::string_view prefix, long n) {
+  std::string text(prefix);
+  text += std::to_string(n);
+  return text;
+}
+
 Outcome run_workload(const Options& options, const std::string& store_url, const fs::path& work) {
   const int workers = options.workers;
   const std::string tag = std::to_string(::getpid());
   const std::string branches[] = {"main-" + tag, "feature/load-" + tag};
   std::vector<fs::path> repos;
   for (int w = 0; w < workers; ++w) {
-    const fs::path root = work / ("worker-" + std::to_string(w)) / "repo";
+    const fs::path root = work / numbered("worker-", w) / "repo";
     fs::create_directories(root);
     must("git -C " + quoted(root.string()) + " init -q -b main");
-    for (int u = 0; u < workers; ++u) write_unit(root, "u" + std::to_string(u), 3);
+    for (int u = 0; u < workers; ++u) write_unit(root, numbered("u", u), 3);
     write(root / "common/c01.cpp", "int c01;\n");
     write(root / "common/c02.cpp", "int c02;\n");
     commit(root, "seed");
@@ -118,13 +127,13 @@ Outcome run_workload(const Options& options, const std::string& store_url, const
   for (int round = 0; round < options.rounds; ++round) {
     if (round > 0) {
       for (const auto& root : repos) {
-        const std::string folder = "n" + std::to_string(round);
+        const std::string folder = numbered("n", round);
         write(root / folder / "a.cpp", "int a;\n");
         write(root / folder / "b.cpp", "int b;\n");
-        write(root / ("common/r" + std::to_string(round) + ".cpp"), "int r;\n");
-        write(root / ("u" + std::to_string(round % workers) + "/f01.cpp"),
-              "int edited_" + std::to_string(round) + ";\n");
-        commit(root, "round " + std::to_string(round));
+        write(root / (numbered("common/r", round) + ".cpp"), "int r;\n");
+        write(root / numbered("u", round % workers) / "f01.cpp",
+              numbered("int edited_", round) + ";\n");
+        commit(root, numbered("round ", round));
       }
     }
     const auto start = std::chrono::steady_clock::now();
@@ -134,8 +143,7 @@ Outcome run_workload(const Options& options, const std::string& store_url, const
         const fs::path& root = repos[static_cast<std::size_t>(w)];
         const fs::path scratch = root.parent_path();
         const fs::path body = scratch / "body.md";
-        write(body,
-              "Page of worker " + std::to_string(w) + ", round " + std::to_string(round) + ".\n");
+        write(body, numbered("Page of worker ", w) + numbered(", round ", round) + ".\n");
         const std::string branch = " --branch " + quoted(branches[w % 2]);
         const std::string prefix = "cd " + quoted(root.string()) +
                                    " && KODRUNE_WIKI_STORE=" + quoted(store_url) + " " +
@@ -149,8 +157,7 @@ Outcome run_workload(const Options& options, const std::string& store_url, const
           std::string line;
           std::getline(in, line);
           const std::lock_guard<std::mutex> lock(mutex);
-          failure =
-              "worker " + std::to_string(w) + ", round " + std::to_string(round) + ": " + line;
+          failure = numbered("worker ", w) + numbered(", round ", round) + ": " + line;
         }
       });
     }
