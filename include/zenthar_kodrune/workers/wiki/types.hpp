@@ -13,12 +13,14 @@
 #pragma once
 
 #include <tsl/ordered_map.h>
+#include <tsl/ordered_set.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "zenthar_kodrune/workers/wiki/json.hpp"
@@ -27,8 +29,20 @@ namespace zenthar_kodrune::workers::wiki {
 
 // The branch's stored rows by page id, in first-insertion order (O(1) lookup).
 using Existing = tsl::ordered_map<std::string, Json>;
-// Repository-relative source paths that exist now.
-using PathSet = std::unordered_set<std::string>;
+// A path's hash, for lookups by any text type.
+struct PathHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view path) const noexcept {
+    return std::hash<std::string_view>{}(path);
+  }
+};
+// Repository-relative source paths that exist now, in the order given. The
+// paths lie in one vector, with no node per path, so a large repository's
+// paths are stored and hashed once, and a path has a position (its
+// iterator's distance from begin()) by which reconciliation keeps what it
+// knows of each path.
+using PathSet = tsl::ordered_set<std::string, PathHash, std::equal_to<>, std::allocator<std::string>,
+                                 std::vector<std::string>>;
 // Amendment records in the order they were made.
 using Amendments = std::vector<Json>;
 

@@ -76,11 +76,8 @@ enum class PathState : std::uint8_t {
   kCatchAll,  // the catch-all page documents it
 };
 
-// The keys view the caller's `live_paths`, which outlives the call.
-using LiveIndex = tsl::ordered_map<std::string_view, PathState, std::hash<std::string_view>,
-                                   std::equal_to<std::string_view>,
-                                   std::allocator<std::pair<std::string_view, PathState>>,
-                                   std::vector<std::pair<std::string_view, PathState>>>;
+// Where a path is not among the live paths.
+constexpr std::size_t kNotLive = static_cast<std::size_t>(-1);
 
 // The row's page id when _plan_from_row would build a plan from it; raises
 // what _plan_from_row raises, in the order it reads the keys. A pinned row
@@ -123,8 +120,7 @@ class PinnedAssembly {
         facts_(facts),
         live_paths_(live_paths),
         amendments_(amendments) {
-    live_.reserve(live_paths.size());
-    for (const auto& path : live_paths) live_.emplace(path, PathState::kNew);
+    states_.assign(live_paths.size(), PathState::kNew);
     plans_ = c.passthrough;
     plans_.reserve(c.passthrough.size() + c.pinned_existing.size() + c.stored_families.size() + 1);
     plan_rows_.assign(plans_.size(), kNoRow);
@@ -154,14 +150,20 @@ class PinnedAssembly {
   // few misses in a table far larger than the cache, then overlap.
   void cover(const std::vector<std::string>& files) {
     hashes_.clear();
-    for (const auto& path : files) hashes_.push_back(std::hash<std::string_view>{}(path));
+    for (const auto& path : files) hashes_.push_back(PathHash{}(path));
     for (std::size_t i = 0; i < files.size(); ++i) {
-      auto found = live_.find(files[i], hashes_[i]);
-      if (found != live_.end() && found.value() == PathState::kNew) {
-        found.value() = PathState::kCovered;
-      }
+      const std::size_t at = live_index(files[i], hashes_[i]);
+      if (at != kNotLive && states_[at] == PathState::kNew) states_[at] = PathState::kCovered;
     }
   }
+
+  // The position of `path` among the live paths, or kNotLive.
+  std::size_t live_index(std::string_view path, std::size_t hash) const {
+    const auto found = live_paths_.find(path, hash);
+    return found == live_paths_.end() ? kNotLive
+                                      : static_cast<std::size_t>(found - live_paths_.begin());
+  }
+  std::size_t live_index(std::string_view path) const { return live_index(path, PathHash{}(path)); }
 
   // `plans_` keeps the first plan of each id findable as it grows, so an
   // extension finds its page without a scan.
@@ -244,8 +246,8 @@ class PinnedAssembly {
   void keep_catch_all_files() {
     if (catch_all_row_ == nullptr) return;
     for (const auto& path : row_text_list(*catch_all_row_, "source_files")) {
-      auto found = live_.find(path);
-      if (found != live_.end()) found.value() = PathState::kCatchAll;
+      const std::size_t at = live_index(path);
+      if (at != kNotLive) states_[at] = PathState::kCatchAll;
     }
   }
 
@@ -254,8 +256,8 @@ class PinnedAssembly {
   // catch-all page. Fresh plans that claim nothing are dropped.
   void hand_out_new_files() {
     std::size_t new_count = 0;
-    for (const auto& [path, state] : live_) new_count += state == PathState::kNew ? 1 : 0;
-    std::vector<LiveIndex::iterator> own_new;
+    for (const PathState state : states_) new_count += state == PathState::kNew ? 1 : 0;
+    std::vector<std::size_t> own_new;  // positions among the live paths
     for (std::size_t i = 0; i < c_.fresh_modules.size(); ++i) {
       if (new_count == 0) break;
       // A plan kept as a page's content had all its files covered then, and
@@ -264,12 +266,13 @@ class PinnedAssembly {
       const PlanPtr& plan = c_.fresh_modules[i];
       own_new.clear();
       for (const auto& path : plan->source_files) {
-        auto found = live_.find(path);
-        if (found != live_.end() && found->second == PathState::kNew) own_new.push_back(found);
+        const std::size_t at = live_index(path);
+        if (at != kNotLive && states_[at] == PathState::kNew) own_new.push_back(at);
       }
       if (own_new.empty()) continue;
+      const auto& live = live_paths_.values_container();
       std::sort(own_new.begin(), own_new.end(),
-                [](const auto& a, const auto& b) { return a->first < b->first; });
+                [&](std::size_t a, std::size_t b) { return live[a] < live[b]; });
       own_new.erase(std::unique(own_new.begin(), own_new.end()), own_new.end());
 
       PathState taken = PathState::kCatchAll;
@@ -277,17 +280,17 @@ class PinnedAssembly {
         taken = PathState::kClaimed;
         admit(plan, own_new);
       }
-      for (auto& entry : own_new) entry.value() = taken;
+      for (const std::size_t at : own_new) states_[at] = taken;
       new_count -= own_new.size();
     }
   }
 
   // A fresh plan with enough new files: it extends the kept page of its id,
   // or becomes a page holding only the files no kept page holds.
-  void admit(const PlanPtr& plan, const std::vector<LiveIndex::iterator>& own_new) {
+  void admit(const PlanPtr& plan, const std::vector<std::size_t>& own_new) {
     std::vector<std::string> files;
     files.reserve(own_new.size());
-    for (const auto& entry : own_new) files.emplace_back(entry->first);
+    for (const std::size_t at : own_new) files.push_back(live_paths_.values_container()[at]);
     const std::string count = std::to_string(files.size());
     if (is_kept(plan->page_id)) {
       if (PagePlan* page = ids_.at(plan->page_id).first_in_plans) {
@@ -304,9 +307,10 @@ class PinnedAssembly {
 
   void place_catch_all() {
     std::vector<std::string> catch_all_files;
-    for (const auto& [path, state] : live_) {
-      if (state == PathState::kNew || state == PathState::kCatchAll)
-        catch_all_files.emplace_back(path);
+    const auto& live = live_paths_.values_container();
+    for (std::size_t at = 0; at < live.size(); ++at) {
+      if (states_[at] == PathState::kNew || states_[at] == PathState::kCatchAll)
+        catch_all_files.push_back(live[at]);
     }
     if (!catch_all_files.empty()) {
       add_plan(catch_all_row_ == nullptr
@@ -344,7 +348,7 @@ class PinnedAssembly {
   const PathSet& live_paths_;
   Amendments& amendments_;
 
-  LiveIndex live_;
+  std::vector<PathState> states_;  // by position among the live paths
   std::vector<std::size_t> hashes_;
   PlanList plans_;
   // The stored row of each plan of `plans_` where the plan came from the row
