@@ -4,13 +4,18 @@
 
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
+#include <memory>
+#include <new>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <utility>
@@ -47,12 +52,71 @@ std::string dump(const Json& value) {
   return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
+// The answer to a request whose op and id are known: the op's result, or the
+// error it raised in the protocol's kinds. NotReadAsParseJson passes through.
+template <class Call>
+std::string answer(const Json& id, Call&& call) {
+  try {
+    RpcResult result = call();
+    if (result.json_text) {
+      // The same bytes as dumping {"id": ..., "result": ...} would give,
+      // written around the op's text rather than copying it.
+      std::string& line = *result.json_text;
+      std::string head = "{\"id\":";
+      head += dump(id);
+      head += ",\"result\":";
+      line.insert(0, head);
+      line += '}';
+      return std::move(line);
+    }
+    Json response = Json::object();
+    response["id"] = id;
+    response["result"] = std::move(result.value);
+    return dump(response);
+  } catch (const InvalidRequest& e) {
+    return dump(error_response(id, "invalid_request", e.what()));
+  } catch (const wiki::Error& e) {
+    return dump(error_response(id, protocol_kind(e.kind()), e.what()));
+  } catch (const Json::type_error& e) {
+    return dump(error_response(id, "type_error", e.what()));
+  } catch (const Json::exception& e) {
+    return dump(error_response(id, "value_error", e.what()));
+  } catch (const std::exception& e) {
+    return dump(error_response(id, "os_error", e.what()));
+  }
+}
+
+// The answer of an op that reads its args from the document, when the
+// request is well formed and names such an op; nothing otherwise, and the
+// request is then answered from its value.
+std::optional<std::string> answer_from_document(const OpTable& ops,
+                                                const wiki::JsonDocument& document) {
+  const simdjson::dom::element* root = document.root();
+  if (root == nullptr || !root->is_object()) return std::nullopt;
+  const simdjson::dom::object request(*root);
+  const auto op = find_arg(request, "op");
+  if (!op || !op->is_string()) return std::nullopt;
+  const auto found = ops.find(std::string_view(*op));
+  if (found == ops.end() || !found->second.from_document) return std::nullopt;
+  const auto args = find_arg(request, "args");
+  if (!args || !args->is_object()) return std::nullopt;
+  try {
+    const auto id_value = find_arg(request, "id");
+    const Json id = id_value ? wiki::json_from_dom(*id_value) : Json(nullptr);
+    return answer(id, [&] { return found->second.from_document(simdjson::dom::object(*args)); });
+  } catch (const wiki::NotReadAsParseJson&) {
+    return std::nullopt;
+  }
+}
+
 }  // namespace
 
-std::string rpc_respond(const OpTable& ops, std::string_view line) {
+std::string rpc_respond(const OpTable& ops, std::string_view line, bool padded) {
+  const wiki::JsonDocument document(line, padded);
+  if (auto answered = answer_from_document(ops, document)) return std::move(*answered);
   Json request;
   try {
-    request = wiki::parse_json(line);
+    request = document.value();
   } catch (const wiki::ValueError& e) {
     return dump(
         error_response(nullptr, "invalid_request", std::string("malformed JSON: ") + e.what()));
@@ -73,39 +137,21 @@ std::string rpc_respond(const OpTable& ops, std::string_view line) {
   if (args == request.end() || !args->is_object()) {
     return dump(error_response(id, "invalid_request", "a request needs \"args\" as an object"));
   }
-  try {
-    RpcResult result = found->second(*args);
-    if (result.json_text) {
-      // The same bytes as dumping {"id": ..., "result": ...} would give.
-      std::string line = "{\"id\":" + dump(id) + ",\"result\":";
-      line += *result.json_text;
-      line += '}';
-      return line;
-    }
-    Json response = Json::object();
-    response["id"] = id;
-    response["result"] = std::move(result.value);
-    return dump(response);
-  } catch (const InvalidRequest& e) {
-    return dump(error_response(id, "invalid_request", e.what()));
-  } catch (const wiki::Error& e) {
-    return dump(error_response(id, protocol_kind(e.kind()), e.what()));
-  } catch (const Json::type_error& e) {
-    return dump(error_response(id, "type_error", e.what()));
-  } catch (const Json::exception& e) {
-    return dump(error_response(id, "value_error", e.what()));
-  } catch (const std::exception& e) {
-    return dump(error_response(id, "os_error", e.what()));
-  }
+  return answer(id, [&] { return found->second.from_values(*args); });
 }
 
 namespace {
 
-// One line's answer to the output, taking what the line held.
-bool serve_line(const OpTable& ops, std::string_view line, std::string& pending) {
+// One line's answer to the output.
+bool serve_line(const OpTable& ops, std::string_view line, bool padded, std::string& pending) {
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   if (line.find_first_not_of(" \t") == std::string_view::npos) return false;
-  pending += rpc_respond(ops, line);
+  std::string answer = rpc_respond(ops, line, padded);
+  if (pending.empty()) {
+    pending = std::move(answer);
+  } else {
+    pending += answer;
+  }
   pending += '\n';
   return true;
 }
@@ -122,6 +168,62 @@ bool write_all(int fd, std::string_view bytes) {
   return true;
 }
 
+// The input not yet served. Its room doubles as it fills, is never filled
+// with zeros first, and grows in place: mremap moves the pages, not the
+// bytes, so a request of tens of megabytes is neither copied nor touched
+// again as it arrives. (A pipe hands over 64 KiB per read; zero-filling the
+// room before each read once made a large request's reading quadratic.)
+// Past its bytes there is always room for the padding the document reader
+// may read, so every line is parsed where it lies.
+class InputBuffer {
+ public:
+  InputBuffer() = default;
+  InputBuffer(const InputBuffer&) = delete;
+  InputBuffer& operator=(const InputBuffer&) = delete;
+  ~InputBuffer() {
+    if (data_ != nullptr) ::munmap(data_, capacity_);
+  }
+
+  std::string_view bytes() const { return {data_, size_}; }
+
+  // Reads once from `fd` into room of at least `block` bytes; the bytes
+  // read, 0 at the end of input, or -1 (errno says why).
+  ssize_t read_from(int fd, std::size_t block) {
+    if (capacity_ - size_ < block + simdjson::SIMDJSON_PADDING) {
+      grow(std::max(capacity_ * 2, size_ + block + simdjson::SIMDJSON_PADDING));
+    }
+    ssize_t got;
+    do {
+      got = ::read(fd, data_ + size_, capacity_ - simdjson::SIMDJSON_PADDING - size_);
+    } while (got < 0 && errno == EINTR);
+    if (got > 0) size_ += static_cast<std::size_t>(got);
+    return got;
+  }
+
+  // Forgets the first `count` bytes.
+  void drop(std::size_t count) {
+    std::memmove(data_, data_ + count, size_ - count);
+    size_ -= count;
+  }
+
+ private:
+  void grow(std::size_t capacity) {
+    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
+    capacity = (capacity + page - 1) / page * page;
+    void* room = data_ == nullptr
+                     ? ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
+                     : ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
+    if (room == MAP_FAILED) throw std::bad_alloc();
+    data_ = static_cast<char*>(room);
+    capacity_ = capacity;
+  }
+
+  char* data_ = nullptr;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
+
 }  // namespace
 
 int serve_rpc(const OpTable& ops, std::istream& in, std::ostream& out) {
@@ -129,7 +231,7 @@ int serve_rpc(const OpTable& ops, std::istream& in, std::ostream& out) {
   std::string answer;
   while (std::getline(in, line)) {
     answer.clear();
-    if (!serve_line(ops, line, answer)) continue;
+    if (!serve_line(ops, line, false, answer)) continue;
     out << answer;
     out.flush();
   }
@@ -142,37 +244,33 @@ int serve_rpc_fd(const OpTable& ops, int in, int out) {
   // written together before the next read, so a client that sends a request
   // and waits gets its answer at once, and a piped batch takes few writes.
   constexpr std::size_t kBlock = std::size_t{1} << 20;
-  std::string buffer;
+  InputBuffer buffer;
   std::string pending;
   std::size_t start = 0;  // first byte of the unserved part of `buffer`
   bool at_end = false;
   while (!at_end) {
-    if (start > 0 && start * 2 >= buffer.size()) {
-      buffer.erase(0, start);
+    if (start > 0 && start * 2 >= buffer.bytes().size()) {
+      buffer.drop(start);
       start = 0;
     }
-    const std::size_t filled = buffer.size();
-    buffer.resize(filled + std::max(kBlock, filled / 2));
-    ssize_t got;
-    do {
-      got = ::read(in, buffer.data() + filled, buffer.size() - filled);
-    } while (got < 0 && errno == EINTR);
+    const std::size_t filled = buffer.bytes().size();
+    const ssize_t got = buffer.read_from(in, kBlock);
     if (got < 0) {
       std::perror("rpc: cannot read the input");
       return 1;
     }
-    buffer.resize(filled + static_cast<std::size_t>(got));
     at_end = got == 0;
+    const std::string_view bytes = buffer.bytes();
     // Lines completed by this read.
     std::size_t search = std::max(start, filled);
-    for (std::size_t newline; (newline = buffer.find('\n', search)) != std::string::npos;) {
-      serve_line(ops, std::string_view(buffer).substr(start, newline - start), pending);
+    for (std::size_t newline; (newline = bytes.find('\n', search)) != std::string_view::npos;) {
+      serve_line(ops, bytes.substr(start, newline - start), true, pending);
       start = newline + 1;
       search = start;
     }
-    if (at_end && start < buffer.size()) {
-      serve_line(ops, std::string_view(buffer).substr(start), pending);
-      start = buffer.size();
+    if (at_end && start < bytes.size()) {
+      serve_line(ops, bytes.substr(start), true, pending);
+      start = bytes.size();
     }
     if (!pending.empty()) {
       if (!write_all(out, pending)) {
@@ -273,7 +371,10 @@ bool bool_arg(const Json& args, std::string_view key, bool fallback) {
 }
 
 wiki::PlanList plans_arg(const Json& args, std::string_view key) {
-  const Json& value = require_arg(args, key);
+  return plan_list_from_json(require_arg(args, key), key);
+}
+
+wiki::PlanList plan_list_from_json(const Json& value, std::string_view key) {
   if (!value.is_array())
     throw InvalidRequest("\"" + std::string(key) + "\" must be a list of plans");
   return wiki::plans_from_json(value);

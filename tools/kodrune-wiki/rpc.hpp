@@ -14,6 +14,7 @@
 #include <string_view>
 #include <vector>
 
+#include "workers/wiki/json_document.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
@@ -38,7 +39,22 @@ struct RpcResult {
 // The args are the request's own and are dropped after the op, so an op may
 // take large values out of them rather than copy them.
 using RpcOp = std::function<RpcResult(Json& args)>;
-using OpTable = std::map<std::string, RpcOp, std::less<>>;
+
+// The same op reading its args straight from the request's document, for
+// requests too large to build as values first: it takes only the values it
+// needs, into its own types. It must answer exactly as the op over values
+// does; where the document cannot stand for the values it throws
+// NotReadAsParseJson, and the loop gives the op the values instead.
+using RpcDocumentOp = std::function<RpcResult(simdjson::dom::object args)>;
+
+struct RpcHandler {
+  RpcHandler(RpcOp op) : from_values(std::move(op)) {}  // NOLINT: tables list plain ops
+  RpcHandler(RpcOp op, RpcDocumentOp document_op)
+      : from_values(std::move(op)), from_document(std::move(document_op)) {}
+  RpcOp from_values;
+  RpcDocumentOp from_document;  // empty for most ops
+};
+using OpTable = std::map<std::string, RpcHandler, std::less<>>;
 
 // Thrown by ops for a request they cannot serve (missing args, bad shapes);
 // answered with the kind "invalid_request".
@@ -60,8 +76,10 @@ using GeneratorOpener =
 // op's error; the next such op tries again). See the README for the table.
 OpTable product_rpc_ops(GeneratorOpener open);
 
-// Answers one request line from `ops` (never throws for bad input).
-std::string rpc_respond(const OpTable& ops, std::string_view line);
+// Answers one request line from `ops` (never throws for bad input). With
+// `padded`, the simdjson::SIMDJSON_PADDING bytes after the line are
+// readable and the line is parsed where it lies.
+std::string rpc_respond(const OpTable& ops, std::string_view line, bool padded = false);
 
 // Serves lines from `in` until end of input. Returns 0.
 int serve_rpc(const OpTable& ops, std::istream& in, std::ostream& out);
@@ -110,9 +128,30 @@ bool bool_arg(const Json& args, std::string_view key);
 bool bool_arg(const Json& args, std::string_view key, bool fallback);
 // A list of plans under `key`.
 zenthar_kodrune::workers::wiki::PlanList plans_arg(const Json& args, std::string_view key);
+// The list of plans `value` found under `key`.
+zenthar_kodrune::workers::wiki::PlanList plan_list_from_json(const Json& value,
+                                                             std::string_view key);
 // A list of texts under `key` (page ids).
 std::vector<std::string> texts_arg(const Json& args, std::string_view key);
 // The text under "body"; a value of another type is a TypeError.
 const std::string& body_arg(const Json& args);
+
+// ---- the same readers over a request's document ----
+// Each reads the common shapes itself and hands any other value, built as
+// a Json value, to its twin above: the errors, and the readings of rarer
+// shapes, are the twin's own. Where a key repeats, the last value counts,
+// as in the value parse_json builds.
+
+// The value under `key`, or nullptr.
+std::optional<simdjson::dom::element> find_arg(simdjson::dom::object args, std::string_view key);
+simdjson::dom::element require_arg(simdjson::dom::object args, std::string_view key);
+zenthar_kodrune::workers::wiki::PlanList plan_list_from_document(simdjson::dom::element value,
+                                                                 std::string_view key);
+// Rows keep only the columns reconciliation reads: a large branch's rows
+// are built once, at a fraction of their size.
+zenthar_kodrune::workers::wiki::Existing existing_from_document(simdjson::dom::element value);
+zenthar_kodrune::workers::wiki::PathSet paths_from_document(simdjson::dom::element value,
+                                                            std::string_view what);
+bool bool_arg(simdjson::dom::object args, std::string_view key, bool fallback);
 
 }  // namespace kodrune_cli

@@ -2,6 +2,10 @@
 // drift signal and the section map. They touch no store, so the product and
 // the test harness serve them alike.
 #include <cstdint>
+#include <exception>
+#include <optional>
+#include <thread>
+#include <utility>
 
 #include "kodrune-wiki/rpc.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -12,15 +16,9 @@ namespace wiki = zenthar_kodrune::workers::wiki;
 
 namespace {
 
-// The stored rows and live paths are taken out of the request: a large
-// branch's rows would otherwise be held twice. The plans of the answer are
-// written as text, never built as values.
-RpcResult pin_plan_op(Json& args) {
-  const wiki::PlanList fresh_plans = plans_arg(args, "fresh_plans");
-  const wiki::Existing existing = existing_from_json(std::move(require_arg(args, "existing")));
-  const wiki::PathSet live_paths =
-      paths_from_json(std::move(require_arg(args, "live_paths")), "live_paths");
-  const bool replan = bool_arg(args, "replan", false);
+// The plans of the answer are written as text, never built as values.
+RpcResult pinned(const wiki::PlanList& fresh_plans, const wiki::Existing& existing,
+                 const wiki::PathSet& live_paths, bool replan) {
   const wiki::PinResult pinned = wiki::pin_plan(fresh_plans, existing, live_paths, replan);
   std::string text = "{\"plans\":";
   wiki::append_plans_json(pinned.plans, text);
@@ -32,6 +30,57 @@ RpcResult pin_plan_op(Json& args) {
   text += pinned.remap.to_json().dump(-1, ' ', false, Json::error_handler_t::replace);
   text += '}';
   return RpcResult::text(std::move(text));
+}
+
+// The stored rows and live paths are taken out of the request: a large
+// branch's rows would otherwise be held twice.
+RpcResult pin_plan_op(Json& args) {
+  const wiki::PlanList fresh_plans = plans_arg(args, "fresh_plans");
+  const wiki::Existing existing = existing_from_json(std::move(require_arg(args, "existing")));
+  const wiki::PathSet live_paths =
+      paths_from_json(std::move(require_arg(args, "live_paths")), "live_paths");
+  return pinned(fresh_plans, existing, live_paths, bool_arg(args, "replan", false));
+}
+
+// A part of a request read on its own: its value, or what reading it threw.
+template <class T>
+struct ReadPart {
+  template <class Read>
+  explicit ReadPart(Read&& read) {
+    try {
+      value.emplace(read());
+    } catch (...) {
+      error = std::current_exception();
+    }
+  }
+  T take() {
+    if (error) std::rethrow_exception(error);
+    return std::move(*value);
+  }
+  std::optional<T> value;
+  std::exception_ptr error;
+};
+
+// The same, read from the request's document: a large request is never
+// built as values. The stored rows are read on one thread while the fresh
+// plans and the live paths are read on another; a part's error is raised
+// in the order the op over values reads them.
+RpcResult pin_plan_document_op(simdjson::dom::object args) {
+  std::optional<ReadPart<wiki::PlanList>> fresh_plans;
+  std::optional<ReadPart<wiki::PathSet>> live_paths;
+  std::thread plans_and_paths([&] {
+    fresh_plans.emplace(
+        [&] { return plan_list_from_document(require_arg(args, "fresh_plans"), "fresh_plans"); });
+    live_paths.emplace(
+        [&] { return paths_from_document(require_arg(args, "live_paths"), "live_paths"); });
+  });
+  ReadPart<wiki::Existing> existing(
+      [&] { return existing_from_document(require_arg(args, "existing")); });
+  plans_and_paths.join();
+  const wiki::PlanList plans = fresh_plans->take();
+  const wiki::Existing rows = existing.take();
+  const wiki::PathSet paths = live_paths->take();
+  return pinned(plans, rows, paths, bool_arg(args, "replan", false));
 }
 
 Json drift_signal_op(const Json& args) {
@@ -56,7 +105,7 @@ Json section_map_op(const Json& args) {
 }  // namespace
 
 void register_component_ops(OpTable& ops) {
-  ops.emplace("pin_plan", pin_plan_op);
+  ops.emplace("pin_plan", RpcHandler(pin_plan_op, pin_plan_document_op));
   ops.emplace("drift_signal", drift_signal_op);
   ops.emplace("section_map", section_map_op);
 }

@@ -25,31 +25,37 @@ namespace zenthar_kodrune::workers::wiki {
 // ASCII digits only.
 const Regex _CATCH_ALL_RE("^module-additional(-\\d+)?$", PCRE2_DOLLAR_ENDONLY);
 
+namespace {
+
+// The columns reconciliation reads, and where each goes in a row's facts.
+constexpr std::pair<std::string_view, const Json* RowFacts::*> kFactColumns[] = {
+    {"page_id", &RowFacts::page_id},
+    {"title", &RowFacts::title},
+    {"level", &RowFacts::level},
+    {"importance", &RowFacts::importance},
+    {"description", &RowFacts::description},
+    {"source_files", &RowFacts::source_files},
+    {"related_pages", &RowFacts::related_pages},
+    {"page_type", &RowFacts::page_type},
+    {"content_hash", &RowFacts::content_hash},
+};
+
+const Json* RowFacts::* fact_of(std::string_view column) {
+  for (const auto& [name, fact] : kFactColumns) {
+    if (name == column) return fact;
+  }
+  return nullptr;
+}
+
+}  // namespace
+
+bool is_reconciled_column(std::string_view column) { return fact_of(column) != nullptr; }
+
 RowFacts row_facts_of(const Json& row) {
   RowFacts facts;
   if (!row.is_object()) return facts;
   for (const auto& [name, value] : row.get_ref<const Json::object_t&>()) {
-    const std::string_view key = name;
-    const Json** slot = nullptr;
-    if (key == "page_id")
-      slot = &facts.page_id;
-    else if (key == "title")
-      slot = &facts.title;
-    else if (key == "level")
-      slot = &facts.level;
-    else if (key == "importance")
-      slot = &facts.importance;
-    else if (key == "description")
-      slot = &facts.description;
-    else if (key == "source_files")
-      slot = &facts.source_files;
-    else if (key == "related_pages")
-      slot = &facts.related_pages;
-    else if (key == "page_type")
-      slot = &facts.page_type;
-    else if (key == "content_hash")
-      slot = &facts.content_hash;
-    if (slot != nullptr) *slot = &value;
+    if (const auto fact = fact_of(name)) facts.*fact = &value;
   }
   if (facts.level != nullptr && !is_empty(*facts.level)) {
     facts.level_ok = facts.level->is_string();

@@ -36,6 +36,11 @@ struct RowFacts {
   bool pinned_level = true;
 };
 
+// Whether reconciliation reads the column `column` of a stored row: a row
+// holding only such columns (and its "page_id") reconciles as the whole row
+// does.
+bool is_reconciled_column(std::string_view column);
+
 // The facts of one row; of every row of `existing`, in its order.
 RowFacts row_facts_of(const Json& row);
 std::vector<RowFacts> row_facts(const Existing& existing);
