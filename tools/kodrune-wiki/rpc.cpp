@@ -13,8 +13,8 @@
 #include <cstring>
 #include <iostream>
 #include <memory>
-#include <new>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <string>
 #include <type_traits>
@@ -210,10 +210,9 @@ class InputBuffer {
   void grow(std::size_t capacity) {
     const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
     capacity = (capacity + page - 1) / page * page;
-    void* room = data_ == nullptr
-                     ? ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE,
-                              MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
-                     : ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
+    void* room = data_ == nullptr ? ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE,
+                                           MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
+                                  : ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
     if (room == MAP_FAILED) throw std::bad_alloc();
     data_ = static_cast<char*>(room);
     capacity_ = capacity;

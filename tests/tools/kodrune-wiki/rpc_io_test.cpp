@@ -1,6 +1,7 @@
 // The rpc loop over file descriptors: lines cut from large blocks, whatever
 // their length and however the input ends, answered in order; a line that is
-// hostile JSON is refused and the next one served.
+// hostile JSON is refused and the next one served. pin_plan read from the
+// request's document answers as the op over values does.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -78,6 +79,84 @@ TEST(RpcIo, AnswersEveryLineInOrderWhateverItsLengthAndEnding) {
   EXPECT_NE(answers[779].find("deeper than 512 levels"), std::string::npos) << answers[779];
   EXPECT_NE(answers[780].find("deeper than 512 levels"), std::string::npos) << answers[780];
   EXPECT_EQ(answers, expected);
+}
+
+std::string pin_request(const std::string& fresh, const std::string& existing,
+                        const std::string& live, const std::string& more = "") {
+  return R"({"id": 9, "op": "pin_plan", "args": {"fresh_plans": )" + fresh + R"(, "existing": )" +
+         existing + R"(, "live_paths": )" + live + more + "}}";
+}
+
+// Every odd shape the document reader hands to the reader over values, and
+// the common ones it reads itself: both must give the same bytes.
+TEST(RpcIo, PinPlanFromTheDocumentAnswersAsFromValues) {
+  const std::string plan_a =
+      R"({"page_id": "module-a", "title": "a", "level": "module", "source_files": ["a/1.py", "a/2.py", "a/3.py"]})";
+  const std::string plan_b =
+      R"({"page_id": "module-b", "title": "b", "source_files": ["b/1.py", "b/2.py", "b/3.py"], "catch_all": false, "children": [], "topic": "t"})";
+  const std::string fresh = "[" + plan_a + ", " + plan_b + "]";
+  const std::string row_a =
+      R"({"page_id": "module-a", "title": "A kept", "level": "module", "source_files": ["a/1.py", "a/2.py", "a/gone.py"], "status": "current", "rel_path": "pages/module-a.md", "extra": {"deep": [1, -0, 2.5]}})";
+  const std::string row_old =
+      R"({"page_id": "module-old", "title": "Old", "source_files": ["old/1.py"], "related_pages": ["module-a"], "content_hash": "c1"})";
+  const std::string existing = R"({"module-a": )" + row_a + R"(, "module-old": )" + row_old + "}";
+  const std::string live =
+      R"(["a/1.py", "a/2.py", "a/3.py", "b/1.py", "b/2.py", "b/3.py", "x.py"])";
+  const std::string requests[] = {
+      pin_request(fresh, existing, live),
+      pin_request(fresh, existing, live, R"(, "replan": 1)"),
+      pin_request(fresh, existing, live, R"(, "replan": "", "replan": null)"),
+      pin_request("[]", "{}", "[]"),
+      // Plans: nulls and repeated keys read as the value would hold them,
+      // and bad fields.
+      pin_request(R"([{"page_id": "module-a", "title": null, "source_files": ["a/1.py"]}])",
+                  existing, live),
+      pin_request(R"([{"page_id": "module-a", "title": 5, "title": "ok"}])", existing, live),
+      pin_request(R"([{"page_id": "module-a", "title": "ok", "title": 5}])", existing, live),
+      pin_request(R"([{"page_id": "module-a", "catch_all": "yes"}])", existing, live),
+      pin_request(R"([{"page_id": "module-a", "source_files": "a/1.py"}])", existing, live),
+      pin_request(R"([{"page_id": "module-a", "source_files": ["a/1.py", 2]}])", existing, live),
+      pin_request("[5]", existing, live),
+      pin_request(R"({"plans": []})", existing, live),
+      // Rows: not objects, repeated, without an id, with bad values, "-0".
+      pin_request(fresh, "[]", live),
+      pin_request(fresh, R"({"module-a": 5})", live),
+      pin_request(fresh, R"({"module-a": 5, "module-a": )" + row_a + "}", live),
+      pin_request(fresh, R"({"module-a": )" + row_a + R"(, "module-a": {"page_id": "module-a"}})",
+                  live),
+      pin_request(
+          fresh,
+          R"({"module-x": {"title": "no id", "status": "current", "source_files": ["x.py"]}})",
+          live),
+      pin_request(fresh,
+                  R"({"module-x": {"page_id": "module-x", "title": 7, "source_files": ["x.py"]}})",
+                  live),
+      pin_request(fresh,
+                  R"({"module-x": {"page_id": "module-x", "level": -0, "source_files": ["x.py"]}})",
+                  live),
+      pin_request(fresh, R"({"module-x": {"page_id": "module-x", "source_files": [1]}})", live),
+      // Paths, missing arguments, and which error comes first.
+      pin_request(fresh, existing, R"("a/1.py")"),
+      pin_request(fresh, existing, R"(["a/1.py", null])"),
+      R"({"id": 9, "op": "pin_plan", "args": {"fresh_plans": [], "existing": {}}})",
+      R"({"id": 9, "op": "pin_plan", "args": {"live_paths": 1, "existing": 2}})",
+      R"({"id": 9, "op": "pin_plan", "args": {"fresh_plans": 3, "live_paths": 1}})",
+      R"({"id": -0, "op": "pin_plan", "args": {"fresh_plans": [], "existing": {}, "live_paths": []}})",
+      R"({"op": "pin_plan", "id": [1, {"a": null}], "args": {"fresh_plans": [], "existing": {}, "live_paths": []}})",
+  };
+  OpTable ops;
+  register_component_ops(ops);
+  OpTable from_values;
+  from_values.emplace("pin_plan", RpcHandler(ops.at("pin_plan").from_values));
+  ASSERT_TRUE(ops.at("pin_plan").from_document);
+  int answered = 0;
+  for (const auto& request : requests) {
+    const std::string answer = rpc_respond(ops, request);
+    EXPECT_EQ(answer, rpc_respond(from_values, request)) << request;
+    answered += answer.find("\"result\":") != std::string::npos ? 1 : 0;
+  }
+  // Both kinds of answer are compared, not only errors.
+  EXPECT_GE(answered, 8);
 }
 
 }  // namespace

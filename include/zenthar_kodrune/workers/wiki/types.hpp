@@ -41,8 +41,8 @@ struct PathHash {
 // paths are stored and hashed once, and a path has a position (its
 // iterator's distance from begin()) by which reconciliation keeps what it
 // knows of each path.
-using PathSet = tsl::ordered_set<std::string, PathHash, std::equal_to<>, std::allocator<std::string>,
-                                 std::vector<std::string>>;
+using PathSet = tsl::ordered_set<std::string, PathHash, std::equal_to<>,
+                                 std::allocator<std::string>, std::vector<std::string>>;
 // Amendment records in the order they were made.
 using Amendments = std::vector<Json>;
 

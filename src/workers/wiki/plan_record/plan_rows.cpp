@@ -27,8 +27,11 @@ const Regex _CATCH_ALL_RE("^module-additional(-\\d+)?$", PCRE2_DOLLAR_ENDONLY);
 
 namespace {
 
-// The columns reconciliation reads, and where each goes in a row's facts.
-constexpr std::pair<std::string_view, const Json* RowFacts::*> kFactColumns[] = {
+// Where a column's value goes in a row's facts.
+using Fact = const Json* RowFacts::*;
+
+// The columns reconciliation reads.
+constexpr std::pair<std::string_view, Fact> kFactColumns[] = {
     {"page_id", &RowFacts::page_id},
     {"title", &RowFacts::title},
     {"level", &RowFacts::level},
@@ -40,7 +43,7 @@ constexpr std::pair<std::string_view, const Json* RowFacts::*> kFactColumns[] = 
     {"content_hash", &RowFacts::content_hash},
 };
 
-const Json* RowFacts::* fact_of(std::string_view column) {
+Fact fact_of(std::string_view column) {
   for (const auto& [name, fact] : kFactColumns) {
     if (name == column) return fact;
   }
