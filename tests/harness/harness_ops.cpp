@@ -9,6 +9,7 @@
 #include <iterator>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "harness/recording_host.hpp"
@@ -88,57 +89,73 @@ Json sections_op(const Json& args) {
 
 // ---- store side, on the recording host ----
 
-RecordingHost host_arg(const Json& args) { return RecordingHost(require_arg(args, "host")); }
+// The host of a request, which takes the rows and files out of it.
+RecordingHost host_arg(Json& args) { return RecordingHost(std::move(require_arg(args, "host"))); }
 
-Json persist_plan_skeleton_op(const Json& args) {
+Json persist_plan_skeleton_op(Json& args) {
   RecordingHost host = host_arg(args);
   const wiki::PlanList plans = plans_arg(args, "plans");
   const int count = host._persist_plan_skeleton(plans);
   Json result = Json::object();
   result["count"] = count;
-  result["calls"] = host.calls();
+  result["calls"] = host.take_calls();
   return result;
 }
 
-Json select_stale_op(const Json& args) {
-  RecordingHost host = host_arg(args);
-  const wiki::PlanList plans = plans_arg(args, "plans");
-  const wiki::Existing existing = existing_from_json(require_arg(args, "existing"));
-  const bool force = bool_arg(args, "force");
+// The set has no order of its own; sorted makes the response comparable.
+Json stale_answer(RecordingHost& host, const wiki::PlanList& plans, const wiki::Existing& existing,
+                  bool force) {
   const std::set<std::string> stale = host._select_stale(plans, existing, force);
   Json result = Json::object();
-  // The set has no order of its own; sorted makes the response comparable.
   result["stale"] = Json::array();
   for (const auto& id : stale) result["stale"].push_back(id);
-  result["calls"] = host.calls();
+  result["calls"] = host.take_calls();
   return result;
 }
 
-Json mark_synthesis_stale_op(const Json& args) {
+Json select_stale_op(Json& args) {
+  RecordingHost host = host_arg(args);
+  const wiki::PlanList plans = plans_arg(args, "plans");
+  const wiki::Existing existing = existing_from_json(std::move(require_arg(args, "existing")));
+  return stale_answer(host, plans, existing, bool_arg(args, "force"));
+}
+
+// The same, with the plans read from the request's document rather than
+// built as values first.
+kodrune_cli::RpcResult select_stale_document_op(simdjson::dom::object args) {
+  RecordingHost host(wiki::json_from_dom(require_arg(args, "host")));
+  const wiki::PlanList plans =
+      kodrune_cli::plan_list_from_document(require_arg(args, "plans"), "plans");
+  const wiki::Existing existing =
+      existing_from_json(wiki::json_from_dom(require_arg(args, "existing")));
+  return stale_answer(host, plans, existing, bool_arg(args, "force"));
+}
+
+Json mark_synthesis_stale_op(Json& args) {
   RecordingHost host = host_arg(args);
   host._mark_synthesis_stale(kodrune_cli::texts_arg(args, "page_ids"));
   Json result = Json::object();
-  result["calls"] = host.calls();
+  result["calls"] = host.take_calls();
   return result;
 }
 
-Json section_cache_op(const Json& args) {
+Json section_cache_op(Json& args) {
   RecordingHost host = host_arg(args);
   Json cache = host._section_cache(kodrune_cli::body_arg(args), require_arg(args, "citations"));
   Json out = Json::object();
   out["cache"] = std::move(cache);
-  out["calls"] = host.calls();
+  out["calls"] = host.take_calls();
   return out;
 }
 
-Json page_changes_op(const Json& args) {
+Json page_changes_op(Json& args) {
   RecordingHost host = host_arg(args);
   const wiki::PlanPtr plan = wiki::plan_from_json(require_arg(args, "plan"));
   const Json& row = require_arg(args, "row");
   Json changes = host._page_changes(*plan, row.is_null() ? nullptr : &row);
   Json out = Json::object();
   out["changes"] = std::move(changes);
-  out["calls"] = host.calls();
+  out["calls"] = host.take_calls();
   return out;
 }
 
@@ -154,7 +171,8 @@ const OpTable& harness_rpc_ops() {
     ops.emplace("append_plan_log", append_plan_log_op);
     ops.emplace("_sections", sections_op);
     ops.emplace("_persist_plan_skeleton", persist_plan_skeleton_op);
-    ops.emplace("_select_stale", select_stale_op);
+    ops.emplace("_select_stale",
+                kodrune_cli::RpcHandler(select_stale_op, select_stale_document_op));
     ops.emplace("_mark_synthesis_stale", mark_synthesis_stale_op);
     ops.emplace("_section_cache", section_cache_op);
     ops.emplace("_page_changes", page_changes_op);

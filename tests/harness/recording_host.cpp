@@ -2,6 +2,7 @@
 #include "harness/recording_host.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "kodrune-wiki/rpc.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
@@ -92,7 +93,7 @@ class RecordingHost::Store final : public wiki::WikiStore, public wiki::Database
   RecordingHost& host_;
 };
 
-RecordingHost::RecordingHost(const Json& host) : store_(std::make_unique<Store>(*this)) {
+RecordingHost::RecordingHost(Json host) : store_(std::make_unique<Store>(*this)) {
   if (!host.is_null() && !host.is_object()) {
     throw InvalidRequest("\"host\" must be an object");
   }
@@ -100,10 +101,10 @@ RecordingHost::RecordingHost(const Json& host) : store_(std::make_unique<Store>(
     if (!branch->is_string()) throw InvalidRequest("\"host\".\"branch\" must be text");
     branch_ = branch->get<std::string>();
   }
-  if (const Json* existing = optional_arg(host, "existing")) {
-    existing_ = existing_from_json(*existing);
+  if (Json* existing = optional_arg(host, "existing")) {
+    existing_ = existing_from_json(std::move(*existing));
   }
-  if (const Json* files = optional_arg(host, "files")) {
+  if (Json* files = optional_arg(host, "files")) {
     if (!files->is_object()) {
       throw InvalidRequest("\"host\".\"files\" must be an object of path to hash");
     }
@@ -112,7 +113,7 @@ RecordingHost::RecordingHost(const Json& host) : store_(std::make_unique<Store>(
         throw InvalidRequest("the hash of \"" + it.key() + "\" in \"host\".\"files\" must be text");
       }
     }
-    files_ = *files;
+    files_ = std::move(*files);
   }
   if (const Json* steering = optional_arg(host, "steering_hash")) {
     if (!steering->is_string()) {
@@ -154,6 +155,6 @@ Json RecordingHost::_hashes_with_steering(const std::vector<std::string>& files)
   return hashes;
 }
 
-Json RecordingHost::calls() const { return calls_; }
+Json RecordingHost::take_calls() { return std::exchange(calls_, Json::array()); }
 
 }  // namespace kodrune_cli

@@ -31,8 +31,9 @@ using zenthar_kodrune::workers::wiki::Json;
 
 class RecordingHost final : public zenthar_kodrune::workers::wiki::PlanRecordMixin {
  public:
-  // Reads the "host" argument; a member of the wrong shape is InvalidRequest.
-  explicit RecordingHost(const Json& host);
+  // Reads the "host" argument, taking its rows and files; a member of the
+  // wrong shape is InvalidRequest.
+  explicit RecordingHost(Json host);
   ~RecordingHost() override;
   // The store refers back to its host: a host stays where it was made.
   RecordingHost(const RecordingHost&) = delete;
@@ -49,8 +50,8 @@ class RecordingHost final : public zenthar_kodrune::workers::wiki::PlanRecordMix
   // steering_hash when that is not null; recorded once as called.
   Json _hashes_with_steering(const std::vector<std::string>& files) override;
 
-  // Every call recorded so far, in order.
-  Json calls() const;
+  // Every call recorded so far, in order; the record starts again empty.
+  Json take_calls();
 
  protected:
   std::string _steering_text() override { return {}; }

@@ -297,6 +297,10 @@ const Json* optional_arg(const Json& args, std::string_view key) {
   return value == nullptr || value->is_null() ? nullptr : value;
 }
 
+Json* optional_arg(Json& args, std::string_view key) {
+  return const_cast<Json*>(optional_arg(std::as_const(args), key));
+}
+
 namespace {
 
 // Rows copied from a request's "existing", or moved out of it.

@@ -111,6 +111,7 @@ const Json& require_arg(const Json& args, std::string_view key);
 Json& require_arg(Json& args, std::string_view key);
 // args[key] when present and not null, else nullptr.
 const Json* optional_arg(const Json& args, std::string_view key);
+Json* optional_arg(Json& args, std::string_view key);
 // An "existing" object -> Existing (key order kept); rows must be objects.
 zenthar_kodrune::workers::wiki::Existing existing_from_json(const Json& value);
 // The same, taking the rows out of `value` instead of copying them.
@@ -152,6 +153,7 @@ zenthar_kodrune::workers::wiki::PlanList plan_list_from_document(simdjson::dom::
 zenthar_kodrune::workers::wiki::Existing existing_from_document(simdjson::dom::element value);
 zenthar_kodrune::workers::wiki::PathSet paths_from_document(simdjson::dom::element value,
                                                             std::string_view what);
+bool bool_arg(simdjson::dom::object args, std::string_view key);
 bool bool_arg(simdjson::dom::object args, std::string_view key, bool fallback);
 
 }  // namespace kodrune_cli

@@ -151,6 +151,10 @@ wiki::PathSet paths_from_document(dom::element value, std::string_view what) {
   return paths;
 }
 
+bool bool_arg(dom::object args, std::string_view key) {
+  return !wiki::is_empty(wiki::json_from_dom(require_arg(args, key)));
+}
+
 bool bool_arg(dom::object args, std::string_view key, bool fallback) {
   const auto value = find_arg(args, key);
   if (!value) return fallback;

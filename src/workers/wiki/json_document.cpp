@@ -152,10 +152,12 @@ Json json_from_dom(simdjson::dom::element value, std::size_t depth) {
     }
     case element_type::OBJECT: {
       if (depth >= MAX_JSON_DEPTH) too_deep();
+      const simdjson::dom::object fields(value);
       Json out(Json::value_t::object);
       auto& object = out.get_ref<Json::object_t&>();
+      object.reserve(fields.size());
       // A repeated key keeps its first place and takes the last value.
-      for (const auto field : simdjson::dom::object(value)) {
+      for (const auto field : fields) {
         object.emplace(field.key).first->second = json_from_dom(field.value, depth + 1);
       }
       return out;

@@ -22,6 +22,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string_view>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -73,7 +74,9 @@ class IndexedOrderedMap {
     return std::min<size_type>(entries_.max_size(), kNoSlot - 1);
   }
   size_type capacity() const noexcept { return entries_.capacity(); }
-  void reserve(size_type n) { entries_.reserve(n); }
+  void reserve(size_type n) {
+    if (n > entries_.capacity()) relocate(n);
+  }
   void clear() noexcept {
     entries_.clear();
     slots_.clear();
@@ -118,6 +121,9 @@ class IndexedOrderedMap {
     const std::size_t hash = hash_of(name);
     const size_type at = position_of(name, hash);
     if (at != npos) return {entries_.begin() + static_cast<difference_type>(at), false};
+    if (entries_.size() == entries_.capacity()) {
+      relocate(std::max<size_type>(8, entries_.capacity() * 2));
+    }
     entries_.emplace_back(std::piecewise_construct,
                           std::forward_as_tuple(std::forward<KeyType>(key)),
                           std::forward_as_tuple(std::forward<Args>(args)...));
@@ -147,7 +153,7 @@ class IndexedOrderedMap {
   void insert(InputIt first, InputIt last) {
     if constexpr (std::is_base_of_v<std::forward_iterator_tag,
                                     typename std::iterator_traits<InputIt>::iterator_category>) {
-      entries_.reserve(entries_.size() + static_cast<size_type>(std::distance(first, last)));
+      reserve(entries_.size() + static_cast<size_type>(std::distance(first, last)));
     }
     for (; first != last; ++first) emplace(first->first, first->second);
   }
@@ -228,6 +234,21 @@ class IndexedOrderedMap {
       if (std::string_view(entries_[i].first) == key) return i;
     }
     return npos;
+  }
+
+  // Moves the members to room for `capacity` of them. A member's key is
+  // const, so its pair has no move that cannot throw, and a vector growing on
+  // its own copies every member, values and all (a request's object of 20k
+  // members copied its values over and over). Here keys are copied and
+  // values moved.
+  void relocate(size_type capacity) {
+    Container bigger(entries_.get_allocator());
+    bigger.reserve(capacity);
+    for (auto& entry : entries_) {
+      bigger.emplace_back(std::piecewise_construct, std::forward_as_tuple(entry.first),
+                          std::forward_as_tuple(std::move(entry.second)));
+    }
+    entries_.swap(bigger);
   }
 
   // The last member was just appended, with this key hash.
