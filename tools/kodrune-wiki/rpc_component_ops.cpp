@@ -20,14 +20,23 @@ namespace {
 RpcResult pinned(const wiki::PlanList& fresh_plans, const wiki::Existing& existing,
                  const wiki::PathSet& live_paths, bool replan) {
   const wiki::PinResult pinned = wiki::pin_plan(fresh_plans, existing, live_paths, replan);
-  std::string text = "{\"plans\":";
-  wiki::append_plans_json(pinned.plans, text);
   Json amendments = Json::array();
   for (const auto& record : pinned.amendments) amendments.push_back(record);
+  const std::string amendments_text =
+      amendments.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string remap_text =
+      pinned.remap.to_json().dump(-1, ' ', false, Json::error_handler_t::replace);
+  std::string text;
+  // Room for the plans, the rest and what the loop writes around the
+  // answer, made once.
+  text.reserve(wiki::plans_json_size(pinned.plans) + amendments_text.size() + remap_text.size() +
+               128);
+  text += "{\"plans\":";
+  wiki::append_plans_json(pinned.plans, text);
   text += ",\"amendments\":";
-  text += amendments.dump(-1, ' ', false, Json::error_handler_t::replace);
+  text += amendments_text;
   text += ",\"remap\":";
-  text += pinned.remap.to_json().dump(-1, ' ', false, Json::error_handler_t::replace);
+  text += remap_text;
   text += '}';
   return RpcResult::text(std::move(text));
 }
@@ -62,25 +71,26 @@ struct ReadPart {
 };
 
 // The same, read from the request's document: a large request is never
-// built as values. The stored rows are read on one thread while the fresh
-// plans and the live paths are read on another; a part's error is raised
+// built as values. The stored rows are read on this thread while the fresh
+// plans and the live paths are read on two others; a part's error is raised
 // in the order the op over values reads them.
 RpcResult pin_plan_document_op(simdjson::dom::object args) {
   std::optional<ReadPart<wiki::PlanList>> fresh_plans;
   std::optional<ReadPart<wiki::PathSet>> live_paths;
-  std::thread plans_and_paths([&] {
+  std::thread plans_reader([&] {
     fresh_plans.emplace(
         [&] { return plan_list_from_document(require_arg(args, "fresh_plans"), "fresh_plans"); });
+  });
+  std::thread paths_reader([&] {
     live_paths.emplace(
         [&] { return paths_from_document(require_arg(args, "live_paths"), "live_paths"); });
   });
   ReadPart<wiki::Existing> existing(
       [&] { return existing_from_document(require_arg(args, "existing")); });
-  plans_and_paths.join();
+  plans_reader.join();
+  paths_reader.join();
   const wiki::PlanList plans = fresh_plans->take();
-  const wiki::Existing rows = existing.take();
-  const wiki::PathSet paths = live_paths->take();
-  return pinned(plans, rows, paths, bool_arg(args, "replan", false));
+  return pinned(plans, existing.take(), live_paths->take(), bool_arg(args, "replan", false));
 }
 
 Json drift_signal_op(const Json& args) {

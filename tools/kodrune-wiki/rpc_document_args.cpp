@@ -4,6 +4,7 @@
 // paths and the columns reconciliation reads, and nothing else. A value of
 // any shape but the common one goes, built as a value, to the reader's twin
 // over values, so both give the same answers and the same errors.
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <utility>
@@ -92,16 +93,22 @@ std::optional<wiki::PagePlan> common_plan(dom::element value) {
 // A stored row with only the columns reconciliation reads. A row with no
 // "page_id" is kept whole: the error it raises shows the whole row.
 Json reconciled_columns(dom::element row) {
-  Json out(Json::value_t::object);
-  auto& columns = out.get_ref<Json::object_t&>();
+  std::size_t kept = 0;
   bool has_page_id = false;
   for (const auto field : dom::object(row)) {
     has_page_id = has_page_id || field.key == "page_id";
+    kept += wiki::is_reconciled_column(field.key) ? 1 : 0;
+  }
+  if (!has_page_id) return wiki::json_from_dom(row);
+  Json out(Json::value_t::object);
+  auto& columns = out.get_ref<Json::object_t&>();
+  columns.reserve(kept);
+  for (const auto field : dom::object(row)) {
     if (wiki::is_reconciled_column(field.key)) {
       columns.emplace(field.key).first->second = wiki::json_from_dom(field.value);
     }
   }
-  return has_page_id ? out : wiki::json_from_dom(row);
+  return out;
 }
 
 }  // namespace

@@ -222,14 +222,13 @@ void append_texts(std::string& out, const std::vector<std::string>& texts) {
   out += ']';
 }
 
-// One plan, its members in plan_to_json's order.
-void append_plan_json(const PagePlan& plan, std::string& out) {
-  struct Member {
-    const char* key;
-    const std::string PagePlan::*text;
-    const std::vector<std::string> PagePlan::*texts;
-  };
-  static constexpr Member kMembers[] = {{"page_id", &PagePlan::page_id, nullptr},
+// A plan's members in plan_to_json's order.
+struct Member {
+  std::string_view key;
+  const std::string PagePlan::*text;
+  const std::vector<std::string> PagePlan::*texts;
+};
+constexpr Member kMembers[] = {{"page_id", &PagePlan::page_id, nullptr},
                                         {"title", &PagePlan::title, nullptr},
                                         {"level", &PagePlan::level, nullptr},
                                         {"importance", &PagePlan::importance, nullptr},
@@ -240,6 +239,10 @@ void append_plan_json(const PagePlan& plan, std::string& out) {
                                         {"related_pages", nullptr, &PagePlan::related_pages},
                                         {"parent_section", &PagePlan::parent_section, nullptr},
                                         {"type", &PagePlan::type, nullptr}};
+constexpr std::string_view kCatchAllTrue = ",\"catch_all\":true}";
+constexpr std::string_view kCatchAllFalse = ",\"catch_all\":false}";
+
+void append_plan_json(const PagePlan& plan, std::string& out) {
   char separator = '{';
   for (const Member& member : kMembers) {
     out += separator;
@@ -253,10 +256,32 @@ void append_plan_json(const PagePlan& plan, std::string& out) {
       append_texts(out, plan.*member.texts);
     }
   }
-  out += plan.catch_all ? ",\"catch_all\":true}" : ",\"catch_all\":false}";
+  out += plan.catch_all ? kCatchAllTrue : kCatchAllFalse;
+}
+
+// What append_plan_json writes when no text needs escaping.
+std::size_t plan_json_size(const PagePlan& plan) {
+  std::size_t size = plan.catch_all ? kCatchAllTrue.size() : kCatchAllFalse.size();
+  for (const Member& member : kMembers) {
+    size += member.key.size() + 4;  // separator, quotes, colon
+    if (member.text != nullptr) {
+      size += (plan.*member.text).size() + 2;
+    } else {
+      const auto& texts = plan.*member.texts;
+      size += texts.empty() ? 2 : texts.size() + 1;  // brackets and commas
+      for (const auto& text : texts) size += text.size() + 2;
+    }
+  }
+  return size;
 }
 
 }  // namespace
+
+std::size_t plans_json_size(const PlanList& plans) {
+  std::size_t size = plans.empty() ? 2 : plans.size() + 1;
+  for (const auto& plan : plans) size += plan_json_size(*plan);
+  return size;
+}
 
 void append_plans_json(const PlanList& plans, std::string& out) {
   out += '[';

@@ -211,11 +211,21 @@ TEST(PlansJson, TextWrittenDirectlyIsTheDumpOfTheValues) {
   odd.source_files = {"src/a.py", "src/\xc3\xa9.py", ""};
   odd.children = {"module-x-part-start"};
   odd.catch_all = true;
+  PagePlan plain;
+  plain.page_id = "module-src";
+  plain.source_files = {"src/a.py", "src/b.py"};
+  plain.related_pages = {"module-lib"};
   const PlanList plans = {make_plan(PagePlan{}), make_plan(std::move(odd))};
-  for (const PlanList& list : {PlanList{}, plans}) {
+  const PlanList plain_plans = {make_plan(PagePlan{}), make_plan(std::move(plain))};
+  const std::pair<PlanList, bool> lists[] = {{{}, true}, {plans, false}, {plain_plans, true}};
+  for (const auto& [list, nothing_to_escape] : lists) {
     std::string text;
     append_plans_json(list, text);
     EXPECT_EQ(text, plans_to_json(list).dump(-1, ' ', false, Json::error_handler_t::replace));
+    // The size is exact where no text needs escaping.
+    if (nothing_to_escape) {
+      EXPECT_EQ(plans_json_size(list), text.size());
+    }
   }
 }
 

@@ -122,7 +122,7 @@ class IndexedOrderedMap {
     const size_type at = position_of(name, hash);
     if (at != npos) return {entries_.begin() + static_cast<difference_type>(at), false};
     if (entries_.size() == entries_.capacity()) {
-      relocate(std::max<size_type>(8, entries_.capacity() * 2));
+      relocate(std::max<size_type>(4, entries_.capacity() * 2));
     }
     entries_.emplace_back(std::piecewise_construct,
                           std::forward_as_tuple(std::forward<KeyType>(key)),

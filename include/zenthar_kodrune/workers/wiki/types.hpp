@@ -131,6 +131,10 @@ Json plans_to_json(const PlanList& plans);
 // replace) writes it, appended to `out` without building the values: a
 // large answer's plans are most of its time and memory.
 void append_plans_json(const PlanList& plans, std::string& out);
+// The bytes append_plans_json writes for `plans`, exact unless a text needs
+// escaping: room made once for a text of many megabytes, which grown by
+// doubling would be copied and touched twice over.
+std::size_t plans_json_size(const PlanList& plans);
 PlanList plans_from_json(const Json& value);
 
 // ---- reading optional values out of rows and records ----
