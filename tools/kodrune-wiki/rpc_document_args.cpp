@@ -5,6 +5,7 @@
 // any shape but the common one goes, built as a value, to the reader's twin
 // over values, so both give the same answers and the same errors.
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <utility>
@@ -90,23 +91,51 @@ std::optional<wiki::PagePlan> common_plan(dom::element value) {
   return plan;
 }
 
-// A stored row with only the columns reconciliation reads. A row with no
+// Whether `value` is "empty" as is_empty reads it once built.
+bool empty_value(dom::element value) {
+  switch (value.type()) {
+    case dom::element_type::NULL_VALUE:
+      return true;
+    case dom::element_type::BOOL:
+      return !bool(value);
+    case dom::element_type::INT64:
+      return std::int64_t(value) == 0;
+    case dom::element_type::UINT64:
+      return std::uint64_t(value) == 0;
+    case dom::element_type::DOUBLE:
+      return double(value) == 0.0;
+    case dom::element_type::STRING:
+      return std::string_view(value).empty();
+    case dom::element_type::ARRAY:
+      return dom::array(value).size() == 0;
+    case dom::element_type::OBJECT:
+      return dom::object(value).size() == 0;
+  }
+  return false;
+}
+
+// A stored row with only the columns reconciliation reads, and of those only
+// the ones that are not empty: every reader of a column takes an empty value
+// as a missing one ("page_id" aside, which is always kept). A row with no
 // "page_id" is kept whole: the error it raises shows the whole row.
 Json reconciled_columns(dom::element row) {
   std::size_t kept = 0;
   bool has_page_id = false;
   for (const auto field : dom::object(row)) {
     has_page_id = has_page_id || field.key == "page_id";
-    kept += wiki::is_reconciled_column(field.key) ? 1 : 0;
+    kept += wiki::is_reconciled_column(field.key) && !empty_value(field.value) ? 1 : 0;
   }
   if (!has_page_id) return wiki::json_from_dom(row);
   Json out(Json::value_t::object);
   auto& columns = out.get_ref<Json::object_t&>();
-  columns.reserve(kept);
+  columns.reserve(kept + 1);
   for (const auto field : dom::object(row)) {
-    if (wiki::is_reconciled_column(field.key)) {
-      columns.emplace(field.key).first->second = wiki::json_from_dom(field.value);
+    if (!wiki::is_reconciled_column(field.key)) continue;
+    // An empty value still replaces an earlier one of the same key.
+    if (field.key != "page_id" && empty_value(field.value) && !columns.contains(field.key)) {
+      continue;
     }
+    columns.emplace(field.key).first->second = wiki::json_from_dom(field.value);
   }
   return out;
 }

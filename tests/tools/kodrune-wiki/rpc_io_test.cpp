@@ -135,6 +135,23 @@ TEST(RpcIo, PinPlanFromTheDocumentAnswersAsFromValues) {
                   R"({"module-x": {"page_id": "module-x", "level": -0, "source_files": ["x.py"]}})",
                   live),
       pin_request(fresh, R"({"module-x": {"page_id": "module-x", "source_files": [1]}})", live),
+      // Empty values read as missing ones, unless they replace a value.
+      pin_request(
+          fresh,
+          R"({"module-a": {"page_id": "module-a", "title": "", "level": "", "importance": null, "description": 0, "page_type": false, "related_pages": [], "content_hash": {}, "source_files": ["a/1.py"]}})",
+          live),
+      pin_request(
+          fresh,
+          R"({"module-a": {"page_id": "module-a", "title": "Kept", "title": "", "content_hash": "c", "source_files": ["a/1.py"]}})",
+          live),
+      pin_request(
+          R"([{"page_id": "module-a", "title": "a", "source_files": ["a/1.py"]}])",
+          R"({"module-a": {"page_id": "module-a", "title": "Kept", "content_hash": "c", "content_hash": 0, "source_files": ["a/1.py"]}})",
+          live),
+      pin_request(
+          R"([{"page_id": "module-a", "title": "a", "source_files": ["a/1.py"]}])",
+          R"({"module-a": {"page_id": "module-a", "title": "Kept", "content_hash": "", "content_hash": "c", "level": 0, "level": "file", "source_files": ["a/1.py"]}})",
+          live),
       // Paths, missing arguments, and which error comes first.
       pin_request(fresh, existing, R"("a/1.py")"),
       pin_request(fresh, existing, R"(["a/1.py", null])"),
