@@ -1,7 +1,9 @@
 // What must hold of the rpc harness's answer to any line, shared by the fuzz
 // target and the test that replays its saved corpus: one line of JSON, an
 // object with "id" and either "result" or an "error" whose kind is one of the
-// protocol's. A line that crashes the process fails before any check runs.
+// protocol's, and the same bytes whether an op read its args from the
+// request's document or from its value. A line that crashes the process
+// fails before any check runs.
 #pragma once
 
 #include <string>
@@ -16,8 +18,17 @@ inline std::string rpc_check_failure(std::string_view line) {
   using kodrune_cli::Json;
   // The one op that writes files, at a path the request names.
   if (line.find("append_plan_log") != std::string_view::npos) return "";
-  const std::string answer = kodrune_cli::rpc_respond(kodrune_harness::harness_rpc_ops(), line);
+  const kodrune_cli::OpTable& ops = kodrune_harness::harness_rpc_ops();
+  const std::string answer = kodrune_cli::rpc_respond(ops, line);
   if (answer.find('\n') != std::string::npos) return "the answer spans lines: " + answer;
+  static const kodrune_cli::OpTable from_values = [&] {
+    kodrune_cli::OpTable table;
+    for (const auto& [name, handler] : ops) table.emplace(name, handler.from_values);
+    return table;
+  }();
+  if (const std::string other = kodrune_cli::rpc_respond(from_values, line); other != answer) {
+    return "read from the document: " + answer + "\nread from the value: " + other;
+  }
   Json parsed;
   try {
     parsed = Json::parse(answer);
