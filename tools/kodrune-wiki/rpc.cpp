@@ -2,9 +2,11 @@
 // and the loop goes on.
 #include "kodrune-wiki/rpc.hpp"
 
+#include <fcntl.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -243,6 +245,14 @@ int serve_rpc_fd(const OpTable& ops, int in, int out) {
   // written together before the next read, so a client that sends a request
   // and waits gets its answer at once, and a piped batch takes few writes.
   constexpr std::size_t kBlock = std::size_t{1} << 20;
+  // A pipe holds 64 KiB unless asked for more: a request of tens of
+  // megabytes then arrives in hundreds of reads, each waiting on the writer.
+  // A pipe of a block's size (the system's limit, unless raised) takes a
+  // hundredth of them; where the size cannot be set, the pipe stays as it is.
+  struct stat input {};
+  if (::fstat(in, &input) == 0 && S_ISFIFO(input.st_mode)) {
+    ::fcntl(in, F_SETPIPE_SZ, static_cast<int>(kBlock));
+  }
   InputBuffer buffer;
   std::string pending;
   std::size_t start = 0;  // first byte of the unserved part of `buffer`
