@@ -10,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <string_view>
+#include <thread>
 #include <vector>
 
 #include "kodrune-wiki/rpc.hpp"
@@ -18,16 +20,33 @@
 namespace kodrune_cli {
 namespace {
 
-std::vector<std::string> serve(const std::string& input) {
+// The answers to `input`, read from a file or, `piped`, from a pipe that
+// another thread writes in small pieces.
+std::vector<std::string> serve(const std::string& input, bool piped = false) {
   OpTable ops;
   register_component_ops(ops);
   kodrune_test::TempDir dir;
   const auto in_path = dir.path() / "in";
   const auto out_path = dir.path() / "out";
   std::ofstream(in_path, std::ios::binary) << input;
-  const int in = ::open(in_path.c_str(), O_RDONLY);
+  int in = ::open(in_path.c_str(), O_RDONLY);
+  std::thread writer;
+  if (piped) {
+    ::close(in);
+    int ends[2];
+    EXPECT_EQ(::pipe(ends), 0);
+    in = ends[0];
+    writer = std::thread([&input, end = ends[1]] {
+      for (std::size_t at = 0; at < input.size(); at += 4000) {
+        const std::string_view piece = std::string_view(input).substr(at, 4000);
+        EXPECT_EQ(::write(end, piece.data(), piece.size()), static_cast<ssize_t>(piece.size()));
+      }
+      ::close(end);
+    });
+  }
   const int out = ::open(out_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
   EXPECT_EQ(serve_rpc_fd(ops, in, out), 0);
+  if (writer.joinable()) writer.join();
   ::close(in);
   ::close(out);
   std::ifstream answers(out_path, std::ios::binary);
@@ -49,8 +68,10 @@ TEST(RpcIo, AnswersEveryLineInOrderWhateverItsLengthAndEnding) {
   const std::string input = drift(1) + "\n\n  \t\n" + drift(2, 3u << 20) + "\r\n" + drift(3) +
                             "\n" + drift(4, (1u << 20) - 40) + "\n" + drift(5, 1u << 19) + "\n" +
                             drift(6);
-  EXPECT_EQ(serve(input), (std::vector<std::string>{answer(1), answer(2), answer(3), answer(4),
-                                                    answer(5), answer(6)}));
+  const std::vector<std::string> expected_six = {answer(1), answer(2), answer(3),
+                                                 answer(4), answer(5), answer(6)};
+  EXPECT_EQ(serve(input), expected_six);
+  EXPECT_EQ(serve(input, true), expected_six);
   EXPECT_TRUE(serve("").empty());
   // Many short lines in one block; some are not JSON, or are JSON no parser
   // should hold (a number past a double's range, nesting past any request).
