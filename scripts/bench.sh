@@ -3,9 +3,10 @@
 # Google Benchmark suite (pin_plan, section_map, _select_stale, the store on
 # SQLite and on a throwaway PostgreSQL cluster), builds per second of worker
 # processes sharing one store (SQLite beside PostgreSQL), generated requests
-# piped through `kodrune-wiki rpc` (and the recording-host cases through
-# `kodrune-wiki-harness rpc`) beside the time
-# simdjson alone takes to parse the same bytes, then `kodrune-wiki plan` on a
+# written through a pipe into `kodrune-wiki rpc` (and the recording-host cases
+# into `kodrune-wiki-harness rpc`), timed to their answer and to the process's
+# exit, beside the time simdjson alone takes to parse the same bytes, then
+# `kodrune-wiki plan` on a
 # generated repository of 100k files against `git status` on the same tree. Peak memory of the largest case of
 # each workload is measured by /usr/bin/time -v on a run of that case alone.
 #
@@ -44,7 +45,8 @@ if ! {
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF \
     -DKODRUNE_BUILD_BENCH=ON "-DCMAKE_CXX_FLAGS=$cxxflags" &&
     cmake --build "$build" -j "$jobs" --target kodrune_bench kodrune_bench_make_repo kodrune_bench_make_request \
-      kodrune_bench_parse_floor kodrune_bench_shared_store kodrune-wiki kodrune-wiki-harness
+      kodrune_bench_parse_floor kodrune_bench_rpc_time kodrune_bench_shared_store kodrune-wiki \
+      kodrune-wiki-harness
 } >"$out/build.log" 2>&1; then
   tail -n 40 "$out/build.log"
   echo "bench: the Release build failed; the whole log is $out/build.log" >&2
@@ -80,26 +82,12 @@ section_map_10k_files section_map_hashes 10000 wiki
 section_map_20k_files section_map_hashes 20000 wiki
 section_map_40k_files section_map_hashes 40000 wiki'
 
-# Medians over $runs runs of `BINARY rpc` answering one request file,
-# from the process's start to its exit: wall time and CPU time (user + system)
-# in ms, "WALL CPU". The CPU time is the one to read on a busy machine.
-rpc_median_ms() {
-  local walls=() cpus=()
-  for _ in $(seq "$runs"); do
-    /usr/bin/time -f '%e %U %S' -o "$out/rpc-time.txt" "$2" rpc <"$1" >/dev/null
-    read -r wall user sys <"$out/rpc-time.txt"
-    walls+=("$(awk -v w="$wall" 'BEGIN {printf "%.0f", w * 1000}')")
-    cpus+=("$(awk -v u="$user" -v s="$sys" 'BEGIN {printf "%.0f", (u + s) * 1000}')")
-  done
-  local median='sort -n | awk "{a[NR] = \$1} END {print a[int((NR + 1) / 2)]}"'
-  echo "$(printf '%s\n' "${walls[@]}" | eval "$median") $(printf '%s\n' "${cpus[@]}" | eval "$median")"
-}
-
 run_rpc() {
   local requests=$build/bench-requests
   mkdir -p "$requests"
-  echo "== rpc: a request piped in, time to its answer (median of $runs runs) =="
-  printf '%-26s %-8s %7s %7s %8s %8s %9s\n' request binary "in MB" "out MB" "wall ms" "cpu ms" "floor ms"
+  echo "== rpc: a request written through a pipe, time to its answer (median of $runs runs) =="
+  printf '%-26s %-8s %7s %7s %9s %7s %7s %9s\n' request binary "in MB" "out MB" "answer ms" \
+    "exit ms" "cpu ms" "floor ms"
   while read -r name kind size serves; do
     local file=$requests/$name.jsonl
     local binary=$wiki
@@ -111,8 +99,8 @@ run_rpc() {
       return 1
     fi
     local times
-    times=$(rpc_median_ms "$file" "$binary")
-    printf '%-26s %-8s %7.1f %7.1f %8s %8s %9s\n' "$name" "$serves" \
+    times=$("$build/bench/kodrune_bench_rpc_time" "$binary" "$file" "$runs")
+    printf '%-26s %-8s %7.1f %7.1f %9s %7s %7s %9s\n' "$name" "$serves" \
       "$(awk -v b="$(stat -c %s "$file")" 'BEGIN {print b / 1e6}')" \
       "$(awk -v b="$(stat -c %s "$out/$name.out")" 'BEGIN {print b / 1e6}')" \
       ${times} "$("$build/bench/kodrune_bench_parse_floor" "$file" "$runs")"
