@@ -87,8 +87,13 @@ Json parse_json_slowly(std::string_view text) {
 }  // namespace
 
 // One parser and one padded copy of the text: both keep the room of the
-// largest text read, so a series of requests allocates once.
+// largest text read, up to kKeptRoom, so a series of requests allocates once.
+// The room of a larger text (tens of megabytes of tape and strings for a
+// large request) is given back once its document is done: a long-lived
+// server does not hold it between requests.
 struct JsonDocument::Reader {
+  static constexpr std::size_t kKeptRoom = std::size_t{4} << 20;
+
   Reader() {
     // simdjson refuses exactly the texts nested deeper than MAX_JSON_DEPTH;
     // nlohmann's reading then gives them their message. A document thus
@@ -103,13 +108,15 @@ struct JsonDocument::Reader {
   bool busy = false;
 };
 
+thread_local std::unique_ptr<JsonDocument::Reader> JsonDocument::thread_reader_;
+
 JsonDocument::JsonDocument(std::string_view text, bool padded) : text_(text) {
-  thread_local Reader thread_reader;
-  if (thread_reader.busy) {
+  if (thread_reader_ && thread_reader_->busy) {
     own_reader_ = std::make_unique<Reader>();
     reader_ = own_reader_.get();
   } else {
-    reader_ = &thread_reader;
+    if (!thread_reader_) thread_reader_ = std::make_unique<Reader>();
+    reader_ = thread_reader_.get();
   }
   reader_->busy = true;
   if (!padded) {
@@ -124,7 +131,10 @@ JsonDocument::JsonDocument(std::string_view text, bool padded) : text_(text) {
   }
 }
 
-JsonDocument::~JsonDocument() { reader_->busy = false; }
+JsonDocument::~JsonDocument() {
+  reader_->busy = false;
+  if (reader_ == thread_reader_.get() && text_.size() > Reader::kKeptRoom) thread_reader_.reset();
+}
 
 Json JsonDocument::value() const {
   if (root_) {

@@ -41,6 +41,9 @@ class JsonDocument {
 
  private:
   struct Reader;
+  // This thread's reader, made on first use.
+  static thread_local std::unique_ptr<Reader> thread_reader_;
+
   std::string_view text_;
   // This thread's reader, or one of the document's own while another
   // document of this thread holds that one.
