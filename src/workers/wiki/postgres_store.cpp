@@ -1,7 +1,6 @@
 // The PostgreSQL wiki store. See postgres_store.hpp for the promises it keeps.
 #include "workers/wiki/postgres_store.hpp"
 
-#include <libpq-fe.h>
 #include <spdlog/spdlog.h>
 
 #include <algorithm>
@@ -11,6 +10,7 @@
 #include <set>
 
 #include "row_codec.hpp"
+#include "workers/wiki/libpq.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
@@ -39,10 +39,10 @@ struct ConnectionInfo {
 
 ConnectionInfo parse_uri(const std::string& uri) {
   char* error = nullptr;
-  PQconninfoOption* options = PQconninfoParse(uri.c_str(), &error);
+  PQconninfoOption* options = libpq().PQconninfoParse(uri.c_str(), &error);
   if (options == nullptr) {
     // libpq's message may quote part of the URI, the password among it.
-    PQfreemem(error);
+    libpq().PQfreemem(error);
     throw StoreError("wiki store: the PostgreSQL URI is not one libpq can read");
   }
   ConnectionInfo info;
@@ -54,7 +54,7 @@ ConnectionInfo parse_uri(const std::string& uri) {
     if (keyword == "user") info.user = option->val;
     if (keyword == "password") info.password = option->val;
   }
-  PQconninfoFree(options);
+  libpq().PQconninfoFree(options);
   return info;
 }
 
@@ -216,23 +216,23 @@ PostgresDatabase::PostgresDatabase(const std::string& uri) : uri_(uri) {
   connect();
 }
 
-PostgresDatabase::~PostgresDatabase() { PQfinish(connection_); }
+PostgresDatabase::~PostgresDatabase() { libpq().PQfinish(connection_); }
 
 void PostgresDatabase::drop_connection() {
-  PQfinish(connection_);
+  libpq().PQfinish(connection_);
   connection_ = nullptr;
 }
 
 void PostgresDatabase::connect() {
-  if (connection_ != nullptr) PQfinish(connection_);
+  if (connection_ != nullptr) libpq().PQfinish(connection_);
   // A new session knows none of the old one's prepared statements.
   for (auto& [sql, statement] : statements_) statement.prepared = false;
-  connection_ = PQconnectdb(uri_.c_str());
-  if (PQstatus(connection_) == CONNECTION_OK) {
+  connection_ = libpq().PQconnectdb(uri_.c_str());
+  if (libpq().PQstatus(connection_) == CONNECTION_OK) {
     // libpq prints the server's notices on stderr by default: a server that
     // shuts down warns every session, which would put a second line beside
     // the one error the command reports.
-    PQsetNoticeProcessor(
+    libpq().PQsetNoticeProcessor(
         connection_,
         [](void* self, const char* message) {
           const auto* db = static_cast<const PostgresDatabase*>(self);
@@ -242,8 +242,8 @@ void PostgresDatabase::connect() {
         this);
     return;
   }
-  const std::string message = one_line(PQerrorMessage(connection_), password_);
-  PQfinish(connection_);
+  const std::string message = one_line(libpq().PQerrorMessage(connection_), password_);
+  libpq().PQfinish(connection_);
   connection_ = nullptr;
   const bool refused = message.find("authentication failed") != std::string::npos ||
                        message.find("no password supplied") != std::string::npos ||
@@ -266,7 +266,7 @@ void PostgresDatabase::fail(std::string_view what, const std::string& detail) co
                    one_line(detail, password_));
 }
 
-PostgresDatabase::Result::~Result() { PQclear(result_); }
+PostgresDatabase::Result::~Result() { libpq().PQclear(result_); }
 
 PostgresDatabase::Statement& PostgresDatabase::statement(std::string_view sql, Statement& spare) {
   if (const auto found = statements_.find(sql); found != statements_.end()) return found->second;
@@ -299,11 +299,11 @@ void PostgresDatabase::check_params(std::string_view sql, const Statement& state
 void PostgresDatabase::prepare(std::string_view sql, Statement& statement) {
   if (statement.prepared || statement.name.empty()) return;
   const Result result(
-      PQprepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr));
-  if (PQresultStatus(result.get()) != PGRES_COMMAND_OK) {
-    const char* message = PQresultErrorMessage(result.get());
+      libpq().PQprepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr));
+  if (libpq().PQresultStatus(result.get()) != PGRES_COMMAND_OK) {
+    const char* message = libpq().PQresultErrorMessage(result.get());
     fail("cannot run " + quote_text(sql),
-         message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_));
+         message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_));
   }
   statement.prepared = true;
 }
@@ -315,7 +315,7 @@ PostgresDatabase::Statement& PostgresDatabase::ready(std::string_view sql,
   check_params(sql, statement, params);
   // Whatever waits was written before this statement and must be seen by it.
   flush();
-  if (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK) {
+  if (connection_ == nullptr || libpq().PQstatus(connection_) != CONNECTION_OK) {
     // Outside a transaction nothing is lost by connecting again; inside one
     // the server has already rolled it back.
     if (!scopes_.empty()) fail("the connection was lost", "the transaction was rolled back");
@@ -331,15 +331,15 @@ PostgresDatabase::Result PostgresDatabase::run(std::string_view sql,
   const Statement& statement = ready(sql, params, spare);
   const BoundValues values(params);
   Result result(statement.prepared
-                    ? PQexecPrepared(connection_, statement.name.c_str(), values.size(),
-                                     values.data(), nullptr, nullptr, 0)
-                    : PQexecParams(connection_, statement.text.c_str(), values.size(), nullptr,
-                                   values.data(), nullptr, nullptr, 0));
-  const ExecStatusType status = PQresultStatus(result.get());
+                    ? libpq().PQexecPrepared(connection_, statement.name.c_str(), values.size(),
+                                             values.data(), nullptr, nullptr, 0)
+                    : libpq().PQexecParams(connection_, statement.text.c_str(), values.size(),
+                                           nullptr, values.data(), nullptr, nullptr, 0));
+  const ExecStatusType status = libpq().PQresultStatus(result.get());
   if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-    const char* message = PQresultErrorMessage(result.get());
+    const char* message = libpq().PQresultErrorMessage(result.get());
     fail("cannot run " + quote_text(sql),
-         message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_));
+         message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_));
   }
   return result;
 }
@@ -348,18 +348,19 @@ std::vector<PostgresDatabase::Row> PostgresDatabase::query(std::string_view sql,
                                                            const std::vector<SqlValue>& params) {
   const Result result = run(sql, params);
   std::vector<Row> rows;
-  const int row_count = PQntuples(result.get());
-  const int column_count = PQnfields(result.get());
+  const int row_count = libpq().PQntuples(result.get());
+  const int column_count = libpq().PQnfields(result.get());
   rows.reserve(static_cast<std::size_t>(row_count));
   for (int r = 0; r < row_count; ++r) {
     Row row;
     row.reserve(static_cast<std::size_t>(column_count));
     for (int c = 0; c < column_count; ++c) {
-      if (PQgetisnull(result.get(), r, c) != 0) {
+      if (libpq().PQgetisnull(result.get(), r, c) != 0) {
         row.emplace_back(std::nullopt);
       } else {
-        row.emplace_back(std::string(PQgetvalue(result.get(), r, c),
-                                     static_cast<std::size_t>(PQgetlength(result.get(), r, c))));
+        row.emplace_back(
+            std::string(libpq().PQgetvalue(result.get(), r, c),
+                        static_cast<std::size_t>(libpq().PQgetlength(result.get(), r, c))));
       }
     }
     rows.push_back(std::move(row));
@@ -372,21 +373,22 @@ void PostgresDatabase::read(std::string_view sql, const std::vector<SqlValue>& p
   Statement spare;
   const Statement& statement = ready(sql, params, spare);
   const BoundValues values(params);
-  const int sent = statement.prepared
-                       ? PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
-                                             values.data(), nullptr, nullptr, 0)
-                       : PQsendQueryParams(connection_, statement.text.c_str(), values.size(),
-                                           nullptr, values.data(), nullptr, nullptr, 0);
-  if (sent != 1) fail("cannot run " + quote_text(sql), PQerrorMessage(connection_));
-  PQsetSingleRowMode(connection_);
+  const int sent =
+      statement.prepared
+          ? libpq().PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
+                                        values.data(), nullptr, nullptr, 0)
+          : libpq().PQsendQueryParams(connection_, statement.text.c_str(), values.size(), nullptr,
+                                      values.data(), nullptr, nullptr, 0);
+  if (sent != 1) fail("cannot run " + quote_text(sql), libpq().PQerrorMessage(connection_));
+  libpq().PQsetSingleRowMode(connection_);
   // The whole answer is read whatever happens: a connection left with part
   // of it unread would refuse the next statement.
   std::optional<std::string> failure;
   std::exception_ptr thrown;
-  for (PGresult* answer = PQgetResult(connection_); answer != nullptr;
-       answer = PQgetResult(connection_)) {
+  for (PGresult* answer = libpq().PQgetResult(connection_); answer != nullptr;
+       answer = libpq().PQgetResult(connection_)) {
     const Result result(answer);
-    const ExecStatusType status = PQresultStatus(answer);
+    const ExecStatusType status = libpq().PQresultStatus(answer);
     if (status == PGRES_SINGLE_TUPLE || status == PGRES_TUPLES_OK) {
       if (thrown || failure) continue;
       try {
@@ -395,8 +397,9 @@ void PostgresDatabase::read(std::string_view sql, const std::vector<SqlValue>& p
         thrown = std::current_exception();
       }
     } else if (!failure) {
-      const char* message = PQresultErrorMessage(answer);
-      failure = message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_);
+      const char* message = libpq().PQresultErrorMessage(answer);
+      failure =
+          message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_);
     }
   }
   if (failure) fail("cannot run " + quote_text(sql), *failure);
@@ -420,12 +423,12 @@ void PostgresDatabase::flush() {
   pending_.clear();
   // Waiting writes exist only inside a transaction, which a lost connection
   // has ended.
-  if (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK) {
+  if (connection_ == nullptr || libpq().PQstatus(connection_) != CONNECTION_OK) {
     fail("cannot run " + quote_text(batch.front().sql),
          "the connection was lost; the transaction was rolled back");
   }
-  if (PQenterPipelineMode(connection_) != 1) {
-    fail("cannot run " + quote_text(batch.front().sql), PQerrorMessage(connection_));
+  if (libpq().PQenterPipelineMode(connection_) != 1) {
+    fail("cannot run " + quote_text(batch.front().sql), libpq().PQerrorMessage(connection_));
   }
   // What each answer of the pipeline is for: the write it belongs to and,
   // for the preparation of a statement new to this connection (sent in
@@ -445,51 +448,52 @@ void PostgresDatabase::flush() {
     const bool named = !statement.name.empty();
     if (named && !statement.prepared &&
         std::find(preparing.begin(), preparing.end(), &statement) == preparing.end()) {
-      if (PQsendPrepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr) !=
-          1) {
-        failure.emplace(i, PQerrorMessage(connection_));
+      if (libpq().PQsendPrepare(connection_, statement.name.c_str(), statement.text.c_str(), 0,
+                                nullptr) != 1) {
+        failure.emplace(i, libpq().PQerrorMessage(connection_));
         break;
       }
       preparing.push_back(&statement);
       answers.push_back(Answer{i, &statement});
     }
     const BoundValues values(batch[i].params);
-    const int queued = named
-                           ? PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
-                                                 values.data(), nullptr, nullptr, 0)
-                           : PQsendQueryParams(connection_, statement.text.c_str(), values.size(),
-                                               nullptr, values.data(), nullptr, nullptr, 0);
-    if (queued != 1) failure.emplace(i, PQerrorMessage(connection_));
+    const int queued =
+        named ? libpq().PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
+                                            values.data(), nullptr, nullptr, 0)
+              : libpq().PQsendQueryParams(connection_, statement.text.c_str(), values.size(),
+                                          nullptr, values.data(), nullptr, nullptr, 0);
+    if (queued != 1) failure.emplace(i, libpq().PQerrorMessage(connection_));
     answers.push_back(Answer{i, nullptr});
   }
-  bool broken = failure.has_value() || PQpipelineSync(connection_) != 1;
-  if (broken && !failure) failure.emplace(batch.size() - 1, PQerrorMessage(connection_));
+  bool broken = failure.has_value() || libpq().PQpipelineSync(connection_) != 1;
+  if (broken && !failure) failure.emplace(batch.size() - 1, libpq().PQerrorMessage(connection_));
   for (std::size_t a = 0; a < answers.size() && !broken; ++a) {
     const std::size_t i = answers[a].write;
     // One statement's answers end with a null result.
-    PGresult* answer = PQgetResult(connection_);
+    PGresult* answer = libpq().PQgetResult(connection_);
     if (answer == nullptr) broken = true;
     while (answer != nullptr) {
-      const ExecStatusType status = PQresultStatus(answer);
+      const ExecStatusType status = libpq().PQresultStatus(answer);
       if (status == PGRES_FATAL_ERROR && !failure) {
-        const char* message = PQresultErrorMessage(answer);
-        failure.emplace(
-            i, message != nullptr && *message != '\0' ? message : PQerrorMessage(connection_));
+        const char* message = libpq().PQresultErrorMessage(answer);
+        failure.emplace(i, message != nullptr && *message != '\0'
+                               ? message
+                               : libpq().PQerrorMessage(connection_));
       }
       if (status == PGRES_COMMAND_OK && answers[a].prepared != nullptr) {
         answers[a].prepared->prepared = true;
       }
-      PQclear(answer);
-      answer = PQgetResult(connection_);
+      libpq().PQclear(answer);
+      answer = libpq().PQgetResult(connection_);
     }
-    if (PQstatus(connection_) != CONNECTION_OK) broken = true;
-    if (broken && !failure) failure.emplace(i, PQerrorMessage(connection_));
+    if (libpq().PQstatus(connection_) != CONNECTION_OK) broken = true;
+    if (broken && !failure) failure.emplace(i, libpq().PQerrorMessage(connection_));
   }
   if (!broken) {
-    const Result sync(PQgetResult(connection_));
-    broken =
-        PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC || PQexitPipelineMode(connection_) != 1;
-    if (broken && !failure) failure.emplace(batch.size() - 1, PQerrorMessage(connection_));
+    const Result sync(libpq().PQgetResult(connection_));
+    broken = libpq().PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC ||
+             libpq().PQexitPipelineMode(connection_) != 1;
+    if (broken && !failure) failure.emplace(batch.size() - 1, libpq().PQerrorMessage(connection_));
   }
   // A connection left in the middle of a pipeline serves nothing more; the
   // server rolls back the transaction it had open.
@@ -502,10 +506,11 @@ void PostgresDatabase::execute(std::string_view sql, const std::vector<SqlValue>
 }
 
 void PostgresDatabase::begin_transaction() {
-  if (scopes_.empty() && (connection_ == nullptr || PQstatus(connection_) != CONNECTION_OK)) {
+  if (scopes_.empty() &&
+      (connection_ == nullptr || libpq().PQstatus(connection_) != CONNECTION_OK)) {
     connect();
   }
-  const bool nested = PQtransactionStatus(connection_) != PQTRANS_IDLE;
+  const bool nested = libpq().PQtransactionStatus(connection_) != PQTRANS_IDLE;
   if (nested) {
     execute("SAVEPOINT kodrune_scope_" + std::to_string(scopes_.size()));
   } else {
@@ -534,7 +539,7 @@ void PostgresDatabase::end_transaction(bool error) {
   }
   const bool savepoint = scopes_.back();
   scopes_.pop_back();
-  const bool connected = PQstatus(connection_) == CONNECTION_OK;
+  const bool connected = libpq().PQstatus(connection_) == CONNECTION_OK;
   if (!connected) {
     // The server rolls back what a lost connection had open.
     if (error) return;
@@ -555,7 +560,7 @@ void PostgresDatabase::end_transaction(bool error) {
   }
   // COMMIT of a transaction that failed answers ROLLBACK without an error:
   // writes the caller believes committed would be gone quietly.
-  if (PQtransactionStatus(connection_) == PQTRANS_INERROR) {
+  if (libpq().PQtransactionStatus(connection_) == PQTRANS_INERROR) {
     execute("ROLLBACK");
     fail("the transaction failed before it ended", "it was rolled back");
   }
@@ -666,11 +671,11 @@ Existing PostgresWikiStore::load_pages(const std::string& branch) {
   // Decoded straight from each row's result as it arrives: 32k rows would
   // otherwise wait for the last one, and copy every value once more.
   db_.read(kSelect, {branch}, [&](PGresult* result) {
-    const int row_count = PQntuples(result);
+    const int row_count = libpq().PQntuples(result);
     for (int r = 0; r < row_count; ++r) {
       const auto text = [&](int c) {
-        return std::string_view(PQgetvalue(result, r, c),
-                                static_cast<std::size_t>(PQgetlength(result, r, c)));
+        return std::string_view(libpq().PQgetvalue(result, r, c),
+                                static_cast<std::size_t>(libpq().PQgetlength(result, r, c)));
       };
       std::int64_t order = 0;
       const std::string_view order_text = text(kOrderColumn);
@@ -683,7 +688,7 @@ Existing PostgresWikiStore::load_pages(const std::string& branch) {
         for (std::size_t i = 0; i < std::size(kColumns); ++i) {
           const auto& column = kColumns[i];
           const int c = static_cast<int>(i);
-          if (PQgetisnull(result, r, c) != 0) {
+          if (libpq().PQgetisnull(result, r, c) != 0) {
             fields.emplace(std::string(column.name), nullptr);
           } else if (column.shape == Shape::Text) {
             fields.emplace(std::string(column.name), Json(std::string(text(c))));
