@@ -229,16 +229,16 @@ struct Member {
   const std::vector<std::string> PagePlan::*texts;
 };
 constexpr Member kMembers[] = {{"page_id", &PagePlan::page_id, nullptr},
-                                        {"title", &PagePlan::title, nullptr},
-                                        {"level", &PagePlan::level, nullptr},
-                                        {"importance", &PagePlan::importance, nullptr},
-                                        {"description", &PagePlan::description, nullptr},
-                                        {"topic", &PagePlan::topic, nullptr},
-                                        {"source_files", nullptr, &PagePlan::source_files},
-                                        {"children", nullptr, &PagePlan::children},
-                                        {"related_pages", nullptr, &PagePlan::related_pages},
-                                        {"parent_section", &PagePlan::parent_section, nullptr},
-                                        {"type", &PagePlan::type, nullptr}};
+                               {"title", &PagePlan::title, nullptr},
+                               {"level", &PagePlan::level, nullptr},
+                               {"importance", &PagePlan::importance, nullptr},
+                               {"description", &PagePlan::description, nullptr},
+                               {"topic", &PagePlan::topic, nullptr},
+                               {"source_files", nullptr, &PagePlan::source_files},
+                               {"children", nullptr, &PagePlan::children},
+                               {"related_pages", nullptr, &PagePlan::related_pages},
+                               {"parent_section", &PagePlan::parent_section, nullptr},
+                               {"type", &PagePlan::type, nullptr}};
 constexpr std::string_view kCatchAllTrue = ",\"catch_all\":true}";
 constexpr std::string_view kCatchAllFalse = ",\"catch_all\":false}";
 
