@@ -21,6 +21,7 @@
 #include <string>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -57,7 +58,7 @@ std::string dump(const Json& value) {
 // The answer to a request whose op and id are known: the op's result, or the
 // error it raised in the protocol's kinds. NotReadAsParseJson passes through.
 template <class Call>
-std::string answer(const Json& id, Call&& call) {
+RpcAnswer answer(const Json& id, Call&& call) {
   try {
     RpcResult result = call();
     if (result.json_text) {
@@ -69,30 +70,30 @@ std::string answer(const Json& id, Call&& call) {
       head += ",\"result\":";
       line.insert(0, head);
       line += '}';
-      return std::move(line);
+      return {std::move(line), std::move(result.keep_until_sent)};
     }
     Json response = Json::object();
     response["id"] = id;
     response["result"] = std::move(result.value);
-    return dump(response);
+    return {dump(response), std::move(result.keep_until_sent)};
   } catch (const InvalidRequest& e) {
-    return dump(error_response(id, "invalid_request", e.what()));
+    return {dump(error_response(id, "invalid_request", e.what())), nullptr};
   } catch (const wiki::Error& e) {
-    return dump(error_response(id, protocol_kind(e.kind()), e.what()));
+    return {dump(error_response(id, protocol_kind(e.kind()), e.what())), nullptr};
   } catch (const Json::type_error& e) {
-    return dump(error_response(id, "type_error", e.what()));
+    return {dump(error_response(id, "type_error", e.what())), nullptr};
   } catch (const Json::exception& e) {
-    return dump(error_response(id, "value_error", e.what()));
+    return {dump(error_response(id, "value_error", e.what())), nullptr};
   } catch (const std::exception& e) {
-    return dump(error_response(id, "os_error", e.what()));
+    return {dump(error_response(id, "os_error", e.what())), nullptr};
   }
 }
 
 // The answer of an op that reads its args from the document, when the
 // request is well formed and names such an op; nothing otherwise, and the
 // request is then answered from its value.
-std::optional<std::string> answer_from_document(const OpTable& ops,
-                                                const wiki::JsonDocument& document) {
+std::optional<RpcAnswer> answer_from_document(const OpTable& ops,
+                                              const wiki::JsonDocument& document) {
   const simdjson::dom::element* root = document.root();
   if (root == nullptr || !root->is_object()) return std::nullopt;
   const simdjson::dom::object request(*root);
@@ -113,48 +114,60 @@ std::optional<std::string> answer_from_document(const OpTable& ops,
 
 }  // namespace
 
-std::string rpc_respond(const OpTable& ops, std::string_view line, bool padded) {
+RpcAnswer rpc_answer(const OpTable& ops, std::string_view line, bool padded) {
   const wiki::JsonDocument document(line, padded);
   if (auto answered = answer_from_document(ops, document)) return std::move(*answered);
+  const auto refused = [](const Json& id, std::string_view message) {
+    return RpcAnswer{dump(error_response(id, "invalid_request", message)), nullptr};
+  };
   Json request;
   try {
     request = document.value();
   } catch (const wiki::ValueError& e) {
-    return dump(
-        error_response(nullptr, "invalid_request", std::string("malformed JSON: ") + e.what()));
+    return refused(nullptr, std::string("malformed JSON: ") + e.what());
   }
-  if (!request.is_object()) {
-    return dump(error_response(nullptr, "invalid_request", "a request must be a JSON object"));
-  }
+  if (!request.is_object()) return refused(nullptr, "a request must be a JSON object");
   const Json id = request.contains("id") ? request["id"] : Json(nullptr);
   const Json* op = wiki::find_value(request, "op");
-  if (op == nullptr || !op->is_string()) {
-    return dump(error_response(id, "invalid_request", "a request needs \"op\" as text"));
-  }
+  if (op == nullptr || !op->is_string()) return refused(id, "a request needs \"op\" as text");
   auto found = ops.find(op->get_ref<const std::string&>());
-  if (found == ops.end()) {
-    return dump(error_response(id, "invalid_request", "unknown op: " + op->get<std::string>()));
-  }
+  if (found == ops.end()) return refused(id, "unknown op: " + op->get<std::string>());
   const auto args = request.find("args");
   if (args == request.end() || !args->is_object()) {
-    return dump(error_response(id, "invalid_request", "a request needs \"args\" as an object"));
+    return refused(id, "a request needs \"args\" as an object");
   }
   return answer(id, [&] { return found->second.from_values(*args); });
 }
 
+std::string rpc_respond(const OpTable& ops, std::string_view line) {
+  return rpc_answer(ops, line).line;
+}
+
 namespace {
 
+// Answers waiting to be written, and what to free once they have been.
+struct Pending {
+  std::string text;
+  std::vector<std::shared_ptr<const void>> keep_until_sent;
+
+  void sent() {
+    text.clear();
+    keep_until_sent.clear();
+  }
+};
+
 // One line's answer to the output.
-bool serve_line(const OpTable& ops, std::string_view line, bool padded, std::string& pending) {
+bool serve_line(const OpTable& ops, std::string_view line, bool padded, Pending& pending) {
   if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
   if (line.find_first_not_of(" \t") == std::string_view::npos) return false;
-  std::string answer = rpc_respond(ops, line, padded);
-  if (pending.empty()) {
-    pending = std::move(answer);
+  RpcAnswer answer = rpc_answer(ops, line, padded);
+  if (pending.text.empty()) {
+    pending.text = std::move(answer.line);
   } else {
-    pending += answer;
+    pending.text += answer.line;
   }
-  pending += '\n';
+  pending.text += '\n';
+  if (answer.keep_until_sent) pending.keep_until_sent.push_back(std::move(answer.keep_until_sent));
   return true;
 }
 
@@ -229,12 +242,12 @@ class InputBuffer {
 
 int serve_rpc(const OpTable& ops, std::istream& in, std::ostream& out) {
   std::string line;
-  std::string answer;
+  Pending pending;
   while (std::getline(in, line)) {
-    answer.clear();
-    if (!serve_line(ops, line, false, answer)) continue;
-    out << answer;
+    if (!serve_line(ops, line, false, pending)) continue;
+    out << pending.text;
     out.flush();
+    pending.sent();
   }
   return 0;
 }
@@ -254,7 +267,7 @@ int serve_rpc_fd(const OpTable& ops, int in, int out) {
     ::fcntl(in, F_SETPIPE_SZ, static_cast<int>(kBlock));
   }
   InputBuffer buffer;
-  std::string pending;
+  Pending pending;
   std::size_t start = 0;  // first byte of the unserved part of `buffer`
   bool at_end = false;
   while (!at_end) {
@@ -281,12 +294,12 @@ int serve_rpc_fd(const OpTable& ops, int in, int out) {
       serve_line(ops, bytes.substr(start), true, pending);
       start = bytes.size();
     }
-    if (!pending.empty()) {
-      if (!write_all(out, pending)) {
+    if (!pending.text.empty()) {
+      if (!write_all(out, pending.text)) {
         std::perror("rpc: cannot write the answers");
         return 1;
       }
-      pending.clear();
+      pending.sent();
     }
   }
   return 0;

@@ -33,6 +33,9 @@ struct RpcResult {
   }
   Json value;
   std::optional<std::string> json_text;
+  // What the answer was made from, freed only once the answer has been sent:
+  // a large request's values take longer to free than its answer to send.
+  std::shared_ptr<const void> keep_until_sent;
 };
 
 // An op takes the request's "args" object and returns the "result" value.
@@ -76,10 +79,18 @@ using GeneratorOpener =
 // op's error; the next such op tries again). See the README for the table.
 OpTable product_rpc_ops(GeneratorOpener open);
 
+// One answer line, and what to free once it has been sent.
+struct RpcAnswer {
+  std::string line;
+  std::shared_ptr<const void> keep_until_sent;
+};
+
 // Answers one request line from `ops` (never throws for bad input). With
 // `padded`, the simdjson::SIMDJSON_PADDING bytes after the line are
 // readable and the line is parsed where it lies.
-std::string rpc_respond(const OpTable& ops, std::string_view line, bool padded = false);
+RpcAnswer rpc_answer(const OpTable& ops, std::string_view line, bool padded = false);
+// The same, freeing everything before it returns.
+std::string rpc_respond(const OpTable& ops, std::string_view line);
 
 // Serves lines from `in` until end of input. Returns 0.
 int serve_rpc(const OpTable& ops, std::istream& in, std::ostream& out);

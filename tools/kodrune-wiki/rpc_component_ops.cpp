@@ -3,6 +3,7 @@
 // the test harness serve them alike.
 #include <cstdint>
 #include <exception>
+#include <memory>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -16,10 +17,20 @@ namespace wiki = zenthar_kodrune::workers::wiki;
 
 namespace {
 
+// What pin_plan works on and answers with. It is freed once the answer has
+// been sent: a large branch's rows take as long to free as the answer to
+// write.
+struct PinWork {
+  wiki::PlanList fresh_plans;
+  wiki::Existing existing;
+  wiki::PathSet live_paths;
+  wiki::PinResult pinned;
+};
+
 // The plans of the answer are written as text, never built as values.
-RpcResult pinned(const wiki::PlanList& fresh_plans, const wiki::Existing& existing,
-                 const wiki::PathSet& live_paths, bool replan) {
-  const wiki::PinResult pinned = wiki::pin_plan(fresh_plans, existing, live_paths, replan);
+RpcResult pinned(std::shared_ptr<PinWork> work, bool replan) {
+  work->pinned = wiki::pin_plan(work->fresh_plans, work->existing, work->live_paths, replan);
+  const wiki::PinResult& pinned = work->pinned;
   Json amendments = Json::array();
   for (const auto& record : pinned.amendments) amendments.push_back(record);
   const std::string amendments_text =
@@ -38,17 +49,19 @@ RpcResult pinned(const wiki::PlanList& fresh_plans, const wiki::Existing& existi
   text += ",\"remap\":";
   text += remap_text;
   text += '}';
-  return RpcResult::text(std::move(text));
+  RpcResult result = RpcResult::text(std::move(text));
+  result.keep_until_sent = std::move(work);
+  return result;
 }
 
 // The stored rows and live paths are taken out of the request: a large
 // branch's rows would otherwise be held twice.
 RpcResult pin_plan_op(Json& args) {
-  const wiki::PlanList fresh_plans = plans_arg(args, "fresh_plans");
-  const wiki::Existing existing = existing_from_json(std::move(require_arg(args, "existing")));
-  const wiki::PathSet live_paths =
-      paths_from_json(std::move(require_arg(args, "live_paths")), "live_paths");
-  return pinned(fresh_plans, existing, live_paths, bool_arg(args, "replan", false));
+  auto work = std::make_shared<PinWork>();
+  work->fresh_plans = plans_arg(args, "fresh_plans");
+  work->existing = existing_from_json(std::move(require_arg(args, "existing")));
+  work->live_paths = paths_from_json(std::move(require_arg(args, "live_paths")), "live_paths");
+  return pinned(std::move(work), bool_arg(args, "replan", false));
 }
 
 // A part of a request read on its own: its value, or what reading it threw.
@@ -89,8 +102,11 @@ RpcResult pin_plan_document_op(simdjson::dom::object args) {
       [&] { return existing_from_document(require_arg(args, "existing")); });
   plans_reader.join();
   paths_reader.join();
-  const wiki::PlanList plans = fresh_plans->take();
-  return pinned(plans, existing.take(), live_paths->take(), bool_arg(args, "replan", false));
+  auto work = std::make_shared<PinWork>();
+  work->fresh_plans = fresh_plans->take();
+  work->existing = existing.take();
+  work->live_paths = live_paths->take();
+  return pinned(std::move(work), bool_arg(args, "replan", false));
 }
 
 Json drift_signal_op(const Json& args) {

@@ -4,6 +4,7 @@
 // paths and the columns reconciliation reads, and nothing else. A value of
 // any shape but the common one goes, built as a value, to the reader's twin
 // over values, so both give the same answers and the same errors.
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -114,28 +115,35 @@ bool empty_value(dom::element value) {
   return false;
 }
 
+// A row's fields, as found.
+using Fields = std::vector<std::pair<std::string_view, dom::element>>;
+
 // A stored row with only the columns reconciliation reads, and of those only
 // the ones that are not empty: every reader of a column takes an empty value
 // as a missing one ("page_id" aside, which is always kept). A row with no
-// "page_id" is kept whole: the error it raises shows the whole row.
-Json reconciled_columns(dom::element row) {
-  std::size_t kept = 0;
+// "page_id" is kept whole: the error it raises shows the whole row. `kept` is
+// room the caller lends for the fields kept.
+Json reconciled_columns(dom::element row, Fields& kept) {
+  kept.clear();
   bool has_page_id = false;
   for (const auto field : dom::object(row)) {
-    has_page_id = has_page_id || field.key == "page_id";
-    kept += wiki::is_reconciled_column(field.key) && !empty_value(field.value) ? 1 : 0;
+    if (!wiki::is_reconciled_column(field.key)) continue;
+    const bool page_id = field.key == "page_id";
+    has_page_id = has_page_id || page_id;
+    // An empty value still replaces an earlier one of the same key.
+    if (!page_id && empty_value(field.value) &&
+        std::none_of(kept.begin(), kept.end(),
+                     [&](const auto& earlier) { return earlier.first == field.key; })) {
+      continue;
+    }
+    kept.emplace_back(field.key, field.value);
   }
   if (!has_page_id) return wiki::json_from_dom(row);
   Json out(Json::value_t::object);
   auto& columns = out.get_ref<Json::object_t&>();
-  columns.reserve(kept + 1);
-  for (const auto field : dom::object(row)) {
-    if (!wiki::is_reconciled_column(field.key)) continue;
-    // An empty value still replaces an earlier one of the same key.
-    if (field.key != "page_id" && empty_value(field.value) && !columns.contains(field.key)) {
-      continue;
-    }
-    columns.emplace(field.key).first->second = wiki::json_from_dom(field.value);
+  columns.reserve(kept.size());
+  for (const auto& [key, value] : kept) {
+    columns.emplace(key).first->second = wiki::json_from_dom(value);
   }
   return out;
 }
@@ -163,13 +171,14 @@ wiki::Existing existing_from_document(dom::element value) {
   const dom::object rows(value);
   wiki::Existing existing;
   existing.reserve(rows.size());
+  Fields kept;
   for (const auto field : rows) {
     // A row that is not an object, or a page id given twice, is rare:
     // the reader over values says what it makes of them.
     if (!field.value.is_object()) return from_value();
     auto [at, added] = existing.try_emplace(std::string(field.key));
     if (!added) return from_value();
-    at.value() = reconciled_columns(field.value);
+    at.value() = reconciled_columns(field.value, kept);
   }
   return existing;
 }
