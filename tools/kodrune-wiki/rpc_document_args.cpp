@@ -6,13 +6,14 @@
 // over values, so both give the same answers and the same errors.
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "kodrune-wiki/rpc.hpp"
+#include "workers/wiki/plan_fields.hpp"
 #include "workers/wiki/plan_record/row_facts.hpp"
 
 namespace kodrune_cli {
@@ -61,58 +62,19 @@ std::optional<wiki::PagePlan> common_plan(dom::element value) {
   if (!value.is_object()) return std::nullopt;
   wiki::PagePlan plan;
   for (const auto field : dom::object(value)) {
-    const std::string_view key = field.key;
-    bool read = true;
-    if (key == "page_id")
-      read = read_text(field.value, plan.page_id);
-    else if (key == "title")
-      read = read_text(field.value, plan.title);
-    else if (key == "level")
-      read = read_text(field.value, plan.level);
-    else if (key == "importance")
-      read = read_text(field.value, plan.importance);
-    else if (key == "description")
-      read = read_text(field.value, plan.description);
-    else if (key == "topic")
-      read = read_text(field.value, plan.topic);
-    else if (key == "source_files")
-      read = read_texts(field.value, plan.source_files);
-    else if (key == "children")
-      read = read_texts(field.value, plan.children);
-    else if (key == "related_pages")
-      read = read_texts(field.value, plan.related_pages);
-    else if (key == "parent_section")
-      read = read_text(field.value, plan.parent_section);
-    else if (key == "type")
-      read = read_text(field.value, plan.type);
-    else if (key == "catch_all" && (read = field.value.is_bool()))
+    if (field.key == wiki::kPlanCatchAll) {
+      if (!field.value.is_bool()) return std::nullopt;
       plan.catch_all = bool(field.value);
+      continue;
+    }
+    const auto known = std::find_if(std::begin(wiki::kPlanFields), std::end(wiki::kPlanFields),
+                                    [&](const wiki::PlanField& f) { return f.key == field.key; });
+    if (known == std::end(wiki::kPlanFields)) continue;
+    const bool read = known->text != nullptr ? read_text(field.value, plan.*known->text)
+                                             : read_texts(field.value, plan.*known->texts);
     if (!read) return std::nullopt;
   }
   return plan;
-}
-
-// Whether `value` is "empty" as is_empty reads it once built.
-bool empty_value(dom::element value) {
-  switch (value.type()) {
-    case dom::element_type::NULL_VALUE:
-      return true;
-    case dom::element_type::BOOL:
-      return !bool(value);
-    case dom::element_type::INT64:
-      return std::int64_t(value) == 0;
-    case dom::element_type::UINT64:
-      return std::uint64_t(value) == 0;
-    case dom::element_type::DOUBLE:
-      return double(value) == 0.0;
-    case dom::element_type::STRING:
-      return std::string_view(value).empty();
-    case dom::element_type::ARRAY:
-      return dom::array(value).size() == 0;
-    case dom::element_type::OBJECT:
-      return dom::object(value).size() == 0;
-  }
-  return false;
 }
 
 // A row's fields, as found.
@@ -131,7 +93,7 @@ Json reconciled_columns(dom::element row, Fields& kept) {
     const bool page_id = field.key == "page_id";
     has_page_id = has_page_id || page_id;
     // An empty value still replaces an earlier one of the same key.
-    if (!page_id && empty_value(field.value) &&
+    if (!page_id && wiki::is_empty(field.value) &&
         std::none_of(kept.begin(), kept.end(),
                      [&](const auto& earlier) { return earlier.first == field.key; })) {
       continue;
@@ -197,13 +159,13 @@ wiki::PathSet paths_from_document(dom::element value, std::string_view what) {
 }
 
 bool bool_arg(dom::object args, std::string_view key) {
-  return !wiki::is_empty(wiki::json_from_dom(require_arg(args, key)));
+  return !wiki::is_empty(require_arg(args, key));
 }
 
 bool bool_arg(dom::object args, std::string_view key, bool fallback) {
   const auto value = find_arg(args, key);
   if (!value) return fallback;
-  return !wiki::is_empty(wiki::json_from_dom(*value));
+  return !wiki::is_empty(*value);
 }
 
 }  // namespace kodrune_cli

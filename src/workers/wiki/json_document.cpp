@@ -196,6 +196,29 @@ Json json_from_dom(simdjson::dom::element value, std::size_t depth) {
   throw NotReadAsParseJson{};
 }
 
+bool is_empty(simdjson::dom::element value) {
+  using simdjson::dom::element_type;
+  switch (value.type()) {
+    case element_type::NULL_VALUE:
+      return true;
+    case element_type::BOOL:
+      return !bool(value);
+    case element_type::INT64:
+      return std::int64_t(value) == 0;
+    case element_type::UINT64:
+      return std::uint64_t(value) == 0;
+    case element_type::DOUBLE:
+      return double(value) == 0.0;
+    case element_type::STRING:
+      return std::string_view(value).empty();
+    case element_type::ARRAY:
+      return simdjson::dom::array(value).size() == 0;
+    case element_type::OBJECT:
+      return simdjson::dom::object(value).size() == 0;
+  }
+  return false;
+}
+
 Json parse_json(std::string_view text) { return JsonDocument(text).value(); }
 
 }  // namespace zenthar_kodrune::workers::wiki

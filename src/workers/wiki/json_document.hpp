@@ -56,4 +56,7 @@ class JsonDocument {
 // NotReadAsParseJson, or ValueError for nesting beyond MAX_JSON_DEPTH.
 Json json_from_dom(simdjson::dom::element value, std::size_t depth = 0);
 
+// is_empty(json_from_dom(value)), without building the value.
+bool is_empty(simdjson::dom::element value);
+
 }  // namespace zenthar_kodrune::workers::wiki

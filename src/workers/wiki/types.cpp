@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <charconv>
 #include <functional>
+#include <iterator>
 #include <new>
 #include <type_traits>
 #include <unordered_map>
 #include <utility>
 
+#include "workers/wiki/plan_fields.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki_types.hpp"
 
@@ -117,45 +119,42 @@ PlanList link_families(PlanList plans) {
 Json plan_to_json(const PagePlan& plan) {
   Json out = Json::object();
   // Sized once: a plan is the most numerous object of a large answer.
-  out.get_ref<Json::object_t&>().reserve(12);
-  out["page_id"] = plan.page_id;
-  out["title"] = plan.title;
-  out["level"] = plan.level;
-  out["importance"] = plan.importance;
-  out["description"] = plan.description;
-  out["topic"] = plan.topic;
-  out["source_files"] = plan.source_files;
-  out["children"] = plan.children;
-  out["related_pages"] = plan.related_pages;
-  out["parent_section"] = plan.parent_section;
-  out["type"] = plan.type;
-  out["catch_all"] = plan.catch_all;
+  auto& members = out.get_ref<Json::object_t&>();
+  members.reserve(std::size(kPlanFields) + 1);
+  for (const PlanField& field : kPlanFields) {
+    if (field.text != nullptr) {
+      members.emplace(field.key, plan.*field.text);
+    } else {
+      members.emplace(field.key, plan.*field.texts);
+    }
+  }
+  members.emplace(kPlanCatchAll, plan.catch_all);
   return out;
 }
 
 namespace {
 
-void read_text_field(const Json& value, const char* name, std::string& field) {
+void read_text_field(const Json& value, std::string_view name, std::string& field) {
   const Json* v = find_value(value, name);
   if (v == nullptr || v->is_null()) return;
   if (!v->is_string()) {
-    throw TypeError(std::string("plan field \"") + name + "\" must be text, not " + v->type_name());
+    throw TypeError("plan field \"" + std::string(name) + "\" must be text, not " + v->type_name());
   }
   field = v->get<std::string>();
 }
 
-void read_list_field(const Json& value, const char* name, std::vector<std::string>& field) {
+void read_list_field(const Json& value, std::string_view name, std::vector<std::string>& field) {
   const Json* v = find_value(value, name);
   if (v == nullptr || v->is_null()) return;
   if (!v->is_array()) {
-    throw TypeError(std::string("plan field \"") + name + "\" must be a list, not " +
+    throw TypeError("plan field \"" + std::string(name) + "\" must be a list, not " +
                     v->type_name());
   }
   field.clear();
   field.reserve(v->size());
   for (const auto& item : *v) {
     if (!item.is_string()) {
-      throw TypeError(std::string("plan field \"") + name + "\" must hold text, not " +
+      throw TypeError("plan field \"" + std::string(name) + "\" must hold text, not " +
                       item.type_name());
     }
     field.push_back(item.get<std::string>());
@@ -168,18 +167,14 @@ PlanPtr plan_from_json(const Json& value) {
   if (!value.is_object())
     throw TypeError(std::string("a plan must be a mapping, not ") + value.type_name());
   PagePlan plan;
-  read_text_field(value, "page_id", plan.page_id);
-  read_text_field(value, "title", plan.title);
-  read_text_field(value, "level", plan.level);
-  read_text_field(value, "importance", plan.importance);
-  read_text_field(value, "description", plan.description);
-  read_text_field(value, "topic", plan.topic);
-  read_list_field(value, "source_files", plan.source_files);
-  read_list_field(value, "children", plan.children);
-  read_list_field(value, "related_pages", plan.related_pages);
-  read_text_field(value, "parent_section", plan.parent_section);
-  read_text_field(value, "type", plan.type);
-  if (const Json* v = find_value(value, "catch_all"); v != nullptr && !v->is_null()) {
+  for (const PlanField& field : kPlanFields) {
+    if (field.text != nullptr) {
+      read_text_field(value, field.key, plan.*field.text);
+    } else {
+      read_list_field(value, field.key, plan.*field.texts);
+    }
+  }
+  if (const Json* v = find_value(value, kPlanCatchAll); v != nullptr && !v->is_null()) {
     if (!v->is_boolean())
       throw TypeError(std::string("plan field \"catch_all\" must be a boolean, not ") +
                       v->type_name());
@@ -222,38 +217,21 @@ void append_texts(std::string& out, const std::vector<std::string>& texts) {
   out += ']';
 }
 
-// A plan's members in plan_to_json's order.
-struct Member {
-  std::string_view key;
-  const std::string PagePlan::*text;
-  const std::vector<std::string> PagePlan::*texts;
-};
-constexpr Member kMembers[] = {{"page_id", &PagePlan::page_id, nullptr},
-                               {"title", &PagePlan::title, nullptr},
-                               {"level", &PagePlan::level, nullptr},
-                               {"importance", &PagePlan::importance, nullptr},
-                               {"description", &PagePlan::description, nullptr},
-                               {"topic", &PagePlan::topic, nullptr},
-                               {"source_files", nullptr, &PagePlan::source_files},
-                               {"children", nullptr, &PagePlan::children},
-                               {"related_pages", nullptr, &PagePlan::related_pages},
-                               {"parent_section", &PagePlan::parent_section, nullptr},
-                               {"type", &PagePlan::type, nullptr}};
 constexpr std::string_view kCatchAllTrue = ",\"catch_all\":true}";
 constexpr std::string_view kCatchAllFalse = ",\"catch_all\":false}";
 
 void append_plan_json(const PagePlan& plan, std::string& out) {
   char separator = '{';
-  for (const Member& member : kMembers) {
+  for (const PlanField& field : kPlanFields) {
     out += separator;
     separator = ',';
     out += '"';
-    out += member.key;
+    out += field.key;
     out += "\":";
-    if (member.text != nullptr) {
-      append_text(out, plan.*member.text);
+    if (field.text != nullptr) {
+      append_text(out, plan.*field.text);
     } else {
-      append_texts(out, plan.*member.texts);
+      append_texts(out, plan.*field.texts);
     }
   }
   out += plan.catch_all ? kCatchAllTrue : kCatchAllFalse;
@@ -262,12 +240,12 @@ void append_plan_json(const PagePlan& plan, std::string& out) {
 // What append_plan_json writes when no text needs escaping.
 std::size_t plan_json_size(const PagePlan& plan) {
   std::size_t size = plan.catch_all ? kCatchAllTrue.size() : kCatchAllFalse.size();
-  for (const Member& member : kMembers) {
-    size += member.key.size() + 4;  // separator, quotes, colon
-    if (member.text != nullptr) {
-      size += (plan.*member.text).size() + 2;
+  for (const PlanField& field : kPlanFields) {
+    size += field.key.size() + 4;  // separator, quotes, colon
+    if (field.text != nullptr) {
+      size += (plan.*field.text).size() + 2;
     } else {
-      const auto& texts = plan.*member.texts;
+      const auto& texts = plan.*field.texts;
       size += texts.empty() ? 2 : texts.size() + 1;  // brackets and commas
       for (const auto& text : texts) size += text.size() + 2;
     }
