@@ -1,0 +1,213 @@
+#include "workers/wiki/orchestrator/line_fingerprints.hpp"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace zenthar_kodrune::workers::wiki {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+std::string text_of(const Lines& lines) {
+  std::string out;
+  for (const auto& line : lines) out += line + "\n";
+  return out;
+}
+
+std::vector<std::uint64_t> hashes(const Lines& lines) { return line_hashes(text_of(lines)); }
+
+TEST(LineHashes, CountLinesAsCitationsDo) {
+  EXPECT_EQ(line_hashes("").size(), 0u);
+  EXPECT_EQ(line_hashes("a").size(), 1u);
+  EXPECT_EQ(line_hashes("a\n").size(), 1u);
+  EXPECT_EQ(line_hashes("a\n\nb").size(), 3u);
+  const auto h = line_hashes("x\nx\r\n\n");
+  ASSERT_EQ(h.size(), 3u);
+  // A carriage return is part of its line; an empty line hashes like "".
+  EXPECT_NE(h[0], h[1]);
+  EXPECT_EQ(h[2], line_hash(""));
+  EXPECT_NE(line_hash("abcdefgh1"), line_hash("abcdefgh2"));
+  EXPECT_NE(line_hash(std::string(1, '\0')), line_hash(""));
+}
+
+TEST(LineHashes, StoredFormRoundTripsAndRefusesOtherText) {
+  const std::vector<std::uint64_t> values = {0, 1, 0xfedcba9876543210ULL};
+  const std::string hex = hashes_to_hex(values);
+  EXPECT_EQ(hex, "00000000000000000000000000000001fedcba9876543210");
+  EXPECT_EQ(hashes_from_hex(hex), values);
+  EXPECT_EQ(hashes_from_hex(""), std::vector<std::uint64_t>{});
+  EXPECT_FALSE(hashes_from_hex("0123"));
+  EXPECT_FALSE(hashes_from_hex("000000000000000G"));
+  EXPECT_FALSE(hashes_from_hex("000000000000000A"));
+}
+
+TEST(Fingerprint, KeepsContextUpToTheFileEdges) {
+  const auto file = hashes({"1", "2", "3", "4", "5", "6", "7", "8"});
+  const auto middle = fingerprint_of(file, 4, 5);
+  ASSERT_TRUE(middle);
+  EXPECT_EQ(middle->before, (std::vector<std::uint64_t>{file[0], file[1], file[2]}));
+  EXPECT_EQ(middle->lines, (std::vector<std::uint64_t>{file[3], file[4]}));
+  EXPECT_EQ(middle->after, (std::vector<std::uint64_t>{file[5], file[6], file[7]}));
+  const auto edges = fingerprint_of(file, 2, 7);
+  ASSERT_TRUE(edges);
+  EXPECT_EQ(edges->before.size(), 1u);
+  EXPECT_EQ(edges->after.size(), 1u);
+  for (const auto& [start, end] : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {7, 9}}) {
+    EXPECT_FALSE(fingerprint_of(file, start, end)) << start << "-" << end;
+  }
+}
+
+struct Case {
+  const char* name;
+  Lines before;
+  int line_start;
+  int line_end;
+  Lines now;
+  CitationState state;
+  int now_start;
+  int now_end;
+};
+
+TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
+  const Lines base = {"// top", "#include <x>", "", "int f() {", "  return g();", "}",
+                      "",       "int h;"};
+  const Case cases[] = {
+      {"identical", base, 4, 6, base, CitationState::intact, 4, 6},
+      {"edit below only",
+       base,
+       4,
+       6,
+       {"// top", "#include <x>", "", "int f() {", "  return g();", "}", "", "long h;"},
+       CitationState::intact,
+       4,
+       6},
+      {"edit above",
+       base,
+       4,
+       6,
+       {"// top", "// more", "// and more", "#include <x>", "", "int f() {", "  return g();", "}",
+        "", "int h;"},
+       CitationState::moved,
+       6,
+       8},
+      {"lines removed above",
+       base,
+       4,
+       6,
+       {"int f() {", "  return g();", "}", "", "int h;"},
+       CitationState::moved,
+       1,
+       3},
+      {"edit inside",
+       base,
+       4,
+       6,
+       {"// top", "#include <x>", "", "int f() {", "  return g() + 1;", "}", "", "int h;"},
+       CitationState::changed,
+       0,
+       0},
+      {"line inserted inside",
+       base,
+       4,
+       6,
+       {"// top", "#include <x>", "", "int f() {", "  log();", "  return g();", "}"},
+       CitationState::changed,
+       0,
+       0},
+      {"moved with new context",
+       base,
+       4,
+       6,
+       {"int h;", "", "", "", "", "int f() {", "  return g();", "}"},
+       CitationState::moved,
+       6,
+       8},
+      {"emptied", base, 4, 6, {}, CitationState::changed, 0, 0},
+      {"cut short",
+       base,
+       4,
+       6,
+       {"// top", "#include <x>", "", "int f() {"},
+       CitationState::changed,
+       0,
+       0},
+      {"past the end of a shorter file", base, 7, 8, {"", "int h;"}, CitationState::moved, 1, 2},
+  };
+  for (const auto& c : cases) {
+    const auto fingerprint = fingerprint_of(hashes(c.before), c.line_start, c.line_end);
+    ASSERT_TRUE(fingerprint) << c.name;
+    LineIndex index(hashes(c.now));
+    const Judgement judged = index.judge(*fingerprint, c.line_start);
+    EXPECT_EQ(state_name(judged.state), std::string(state_name(c.state))) << c.name;
+    EXPECT_EQ(judged.line_start, c.now_start) << c.name;
+    EXPECT_EQ(judged.line_end, c.now_end) << c.name;
+  }
+}
+
+TEST(LineIndex, ContextDecidesBetweenDuplicateBlocks) {
+  const Lines block = {"  if (!p) {", "    return -1;", "  }"};
+  const auto with = [&](const Lines& head, const Lines& middle, const Lines& tail) {
+    Lines out = head;
+    out.insert(out.end(), block.begin(), block.end());
+    out.insert(out.end(), middle.begin(), middle.end());
+    out.insert(out.end(), block.begin(), block.end());
+    out.insert(out.end(), tail.begin(), tail.end());
+    return out;
+  };
+  // The second copy is cited: "b = make();" above it, "use(b);" below.
+  const Lines base = with({"a = make();"}, {"use(a);", "b = make();"}, {"use(b);"});
+  const auto second = fingerprint_of(hashes(base), 7, 9);
+  ASSERT_TRUE(second);
+
+  // Lines inserted at the top move both copies: the cited one is found by its context.
+  LineIndex shifted(
+      hashes(with({"x", "y", "a = make();"}, {"use(a);", "b = make();"}, {"use(b);"})));
+  Judgement judged = shifted.judge(*second, 7);
+  EXPECT_EQ(judged.state, CitationState::moved);
+  EXPECT_EQ(judged.line_start, 9);
+
+  // The copies swap neighbourhoods: the context wins over the nearer place.
+  const Lines swapped = with({"x", "b = make();"}, {"use(b);", "a = make();", "z"}, {"use(a);"});
+  LineIndex swapped_index(hashes(swapped));
+  judged = swapped_index.judge(*second, 7);
+  EXPECT_EQ(judged.state, CitationState::moved);
+  EXPECT_EQ(judged.line_start, 3);
+
+  // Equal context on both: the copy nearest the old place.
+  const Lines around = {"a", "b", "c", "  if (!p) {", "    return -1;", "  }", "d", "e", "f"};
+  Lines twice = around;
+  twice.insert(twice.end(), around.begin(), around.end());
+  const auto cited = fingerprint_of(hashes(twice), 13, 15);
+  ASSERT_TRUE(cited);
+  Lines now = twice;
+  now.insert(now.begin(), "new");
+  LineIndex index(hashes(now));
+  judged = index.judge(*cited, 13);
+  EXPECT_EQ(judged.state, CitationState::moved);
+  EXPECT_EQ(judged.line_start, 14);
+  EXPECT_EQ(judged.line_end, 16);
+}
+
+TEST(LineIndex, OneIndexServesManyRangesOfAFile) {
+  Lines base;
+  for (int i = 0; i < 200; ++i) base.push_back("line " + std::to_string(i));
+  Lines now = base;
+  now.insert(now.begin() + 100, "inserted");
+  now[150] = "edited";
+  LineIndex index(hashes(now));
+  const auto file = hashes(base);
+  const Judgement early = index.judge(*fingerprint_of(file, 10, 19), 10);
+  const Judgement late = index.judge(*fingerprint_of(file, 170, 179), 170);
+  const Judgement edited = index.judge(*fingerprint_of(file, 145, 154), 145);
+  EXPECT_EQ(early.state, CitationState::intact);
+  EXPECT_EQ(late.state, CitationState::moved);
+  EXPECT_EQ(late.line_start, 171);
+  EXPECT_EQ(late.line_end, 180);
+  EXPECT_EQ(edited.state, CitationState::changed);
+  EXPECT_EQ(index.size(), 201u);
+}
+
+}  // namespace
+}  // namespace zenthar_kodrune::workers::wiki
