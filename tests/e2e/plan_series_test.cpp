@@ -151,7 +151,8 @@ TEST_P(PlanSeries, EditedFileStalesItsPageAndDeletedFolderRetiresItsPage) {
   const Json plan = repo.plan();
   EXPECT_EQ(plan_ids(plan), (Strings{"overview", "module-src"}));
   EXPECT_EQ(plan.at("stale"), Json::parse(R"(["module-src"])"));
-  EXPECT_EQ(plan.at("why").at("module-src"), "files changed: src/f01.cpp");
+  EXPECT_EQ(plan.at("why").at("module-src"),
+            "cited lines changed: src/f01.cpp L1-L2; files changed: src/f01.cpp");
   EXPECT_EQ(amendment_lines(plan), (Strings{"retire module-lib"}));
   EXPECT_EQ(repo.rows().count("module-lib"), 0u);
   // The text form of the changes (the JSON form is the SDK session's).

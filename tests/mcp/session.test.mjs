@@ -66,7 +66,7 @@ test('an agent writes a wiki through the MCP server', async () => {
     // Tools and their schemas, each output schema checked by its own validator.
     const { tools } = await client.listTools();
     assert.deepEqual(tools.map((tool) => tool.name).sort(),
-                     ['changes', 'plan', 'read_page', 'save_page', 'wiki']);
+                     ['changes', 'plan', 'read_page', 'reanchor', 'save_page', 'wiki']);
     const validator = new AjvJsonSchemaValidator();
     const check = {};
     for (const tool of tools) {
@@ -128,18 +128,45 @@ test('an agent writes a wiki through the MCP server', async () => {
                      [['overview', 'stale'], ['module-src', 'fresh'], ['module-lib', 'fresh']]);
     assert.deepEqual(plan.why, { overview: 'never written' });
 
-    // An edit of the cited file: the page is listed again with its stale section.
+    // An edit inside the cited lines: the page comes first, its cited lines
+    // named. A line above lib's cited lines only moves them.
     repo.write('src/a.cpp', 'int a() {\n  return 2;\n}\n');
+    repo.write('lib/x.cpp', '// x\nint x() {\n  return 1;\n}\n');
     work = await call('wiki', { action: 'generate' });
-    assert.deepEqual(ids(work), ['overview', 'module-src']);
-    const src = work.pages[1];
+    assert.deepEqual(ids(work), ['module-src', 'overview', 'module-lib']);
+    const src = work.pages[0];
     assert.equal(src.state, 'stale');
-    assert.equal(src.why, 'files changed: src/a.cpp');
+    assert.equal(src.why, 'cited lines changed: src/a.cpp L1-L2; files changed: src/a.cpp');
     assert.deepEqual(src.stale_sections, ['Parsing']);
+    assert.deepEqual(src.changed_sections, ['Parsing']);
+    assert.equal(src.reanchor, false);
     assert.deepEqual(src.changed_files, { added: [], removed: [], modified: ['src/a.cpp'] });
+    const libPage = work.pages[2];
+    assert.equal(libPage.why,
+                 'files changed: lib/x.cpp; cited lines moved: lib/x.cpp L1-L3 to L2-L4; reanchor suffices');
+    assert.equal(libPage.reanchor, true);
     const changes = await call('changes', { page_ids: ['module-src', 'module-lib'] });
     assert.deepEqual(changes.changes['module-src'].stale_sections, ['Parsing']);
-    assert.deepEqual(changes.changes['module-lib'].changed_files.modified, []);
+    assert.deepEqual(changes.changes['module-src'].citations, [{
+      section: 'Parsing', path: 'src/a.cpp', line_start: 1, line_end: 2, state: 'changed', now: null,
+    }]);
+    assert.deepEqual(changes.changes['module-lib'].changed_files.modified, ['lib/x.cpp']);
+    assert.deepEqual(changes.changes['module-lib'].citations, [{
+      section: null, path: 'lib/x.cpp', line_start: 1, line_end: 3, state: 'moved',
+      now: { line_start: 2, line_end: 4 },
+    }]);
+    assert.deepEqual(changes.changes['module-lib'].changed_sections, []);
+
+    // Re-anchoring: refused where prose must change, done where lines only moved.
+    const refused = await client.callTool({ name: 'reanchor', arguments: { page_ids: ['module-src'] } });
+    assert.equal(refused.isError, true);
+    assert.match(refused.content[0].text, /module-src: cited lines changed: src\/a\.cpp L1-L2/);
+    const reanchored = await call('reanchor', {});
+    assert.deepEqual(reanchored.reanchored.map((page) => [page.page_id, page.moved]),
+                     [['module-lib', ['lib/x.cpp L1-L3 to L2-L4']]]);
+    assert.deepEqual(reanchored.reanchored[0].citations,
+                     [{ path: 'lib/x.cpp', line_start: 2, line_end: 4, symbol: 'x' }]);
+    assert.deepEqual(ids(await call('wiki', { action: 'status' })), ['module-src', 'overview']);
 
     // A lone file goes to the catch-all page, which is then written.
     repo.unit('extra', ['one.cpp']);

@@ -59,6 +59,10 @@ int run_guarded(const std::function<int()>& body, std::ostream& err);
 zenthar_kodrune::workers::wiki::Json plan_json(
     const std::string& branch, const zenthar_kodrune::workers::wiki::BuildResult& result);
 
+// `reanchor --json`: {"reanchored": [{"page_id", "moved", "content_hash", "citations"}]}.
+zenthar_kodrune::workers::wiki::Json reanchor_json(
+    const std::vector<zenthar_kodrune::workers::wiki::ReanchorResult>& results);
+
 // A subcommand as main() sees it: parsed or not, and what running it does.
 struct Command {
   CLI::App* app = nullptr;
@@ -68,6 +72,7 @@ struct Command {
 Command add_plan_command(CLI::App& app);
 Command add_save_command(CLI::App& app);
 Command add_changes_command(CLI::App& app);
+Command add_reanchor_command(CLI::App& app);
 Command add_log_command(CLI::App& app);
 Command add_mcp_command(CLI::App& app);
 Command add_rpc_command(CLI::App& app);

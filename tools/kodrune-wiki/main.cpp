@@ -10,8 +10,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   const kodrune_cli::Command commands[] = {
       kodrune_cli::add_plan_command(app),    kodrune_cli::add_save_command(app),
-      kodrune_cli::add_changes_command(app), kodrune_cli::add_log_command(app),
-      kodrune_cli::add_mcp_command(app),     kodrune_cli::add_rpc_command(app)};
+      kodrune_cli::add_changes_command(app), kodrune_cli::add_reanchor_command(app),
+      kodrune_cli::add_log_command(app),     kodrune_cli::add_mcp_command(app),
+      kodrune_cli::add_rpc_command(app)};
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

@@ -74,6 +74,26 @@ Json changed_files_schema() {
 
 Json line_schema() { return {{"type", Json::array({"integer", "string"})}}; }
 
+Json cited_range_schema() {
+  const Json range =
+      object({{"line_start", {{"type", "integer"}}}, {"line_end", {{"type", "integer"}}}},
+             {"line_start", "line_end"});
+  return object({{"section", text_or_null()},
+                 {"path", text()},
+                 {"line_start", {{"type", "integer"}}},
+                 {"line_end", {{"type", "integer"}}},
+                 {"state", one_of({"intact", "moved", "changed", "gone"})},
+                 {"now", {{"anyOf", Json::array({range, {{"type", "null"}}})}}}},
+                {"section", "path", "line_start", "line_end", "state", "now"});
+}
+
+Json page_changes_schema() {
+  return object({{"changed_files", changed_files_schema()},
+                 {"stale_sections", texts()},
+                 {"citations", list_of(cited_range_schema())},
+                 {"changed_sections", texts()}});
+}
+
 Json citation_schema(bool with_reason) {
   Json properties = {{"path", text("Repository-relative path of the cited file")},
                      {"line_start", line_schema()},
@@ -135,6 +155,13 @@ Json wiki_output_schema() {
               {"why", text()},
               {"changed_files", changed_files_schema()},
               {"stale_sections", texts()},
+              {"citations", list_of(cited_range_schema())},
+              {"changed_sections", texts()},
+              {"reanchor",
+               {{"type", "boolean"},
+                {"description",
+                 "The cited lines only moved or stayed: reanchor(page_ids=[this page]) "
+                 "records it again, no prose to write"}}},
               {"carry", list_of(carry)}},
              {"page_id", "title", "level", "files", "state", "why", "stale_sections", "carry"});
   const Json entry = object({{"at", text()},
@@ -191,7 +218,10 @@ Json build_tools() {
        {"description",
         "action \"generate\": run a build and list the pages to write, in build order, each "
         "with its files, why it is stale, the stale sections of a written page, and the saved "
-        "body of any old page whose prose it takes over. \"status\": the same list without "
+        "body of any old page whose prose it takes over. Pages whose cited code changed come "
+        "first, \"why\" naming the cited lines; each written page carries its citations' "
+        "states, its changed_sections, and reanchor=true when moving its anchors suffices. "
+        "\"status\": the same list without "
         "building. \"log\": the plan audit log. When a result carries a drift warning, call "
         "wiki(action=\"generate\", replan=true)."},
        {"inputSchema", object({{"action", one_of({"generate", "status", "log"})},
@@ -227,14 +257,35 @@ Json build_tools() {
        {"title", "What changed under written pages"},
        {"description",
         "For each written page (or the pages named): the files added, removed or modified "
-        "since it was saved, and the sections that cite them."},
+        "since it was saved, the sections that cite them, each cited line range's state "
+        "(intact, moved with its new lines, changed, gone) and the sections whose cited code "
+        "changed (changed_sections)."},
+       {"inputSchema", object({{"page_ids", texts()}}, {}, true)},
+       {"outputSchema", object({{"branch", text()}, {"changes", map_of(page_changes_schema())}},
+                               {"branch", "changes"})},
+       {"annotations", {{"readOnlyHint", true}, {"openWorldHint", false}}}});
+  tools.push_back(
+      {{"name", "reanchor"},
+       {"title", "Move a page's line anchors to where its cited lines are now"},
+       {"description",
+        "Re-record written pages whose cited lines are all intact or moved: the body's line "
+        "anchors and the stored citations move to the new ranges and the page is saved again. "
+        "A page with a changed or gone citation is refused, naming them: its prose needs "
+        "writing. Without page_ids, every stale page that only needs re-anchoring."},
        {"inputSchema", object({{"page_ids", texts()}}, {}, true)},
        {"outputSchema",
         object({{"branch", text()},
-                {"changes", map_of(object({{"changed_files", changed_files_schema()},
-                                           {"stale_sections", texts()}}))}},
-               {"branch", "changes"})},
-       {"annotations", {{"readOnlyHint", true}, {"openWorldHint", false}}}});
+                {"reanchored", list_of(object({{"page_id", text()},
+                                               {"moved", texts()},
+                                               {"content_hash", text()},
+                                               {"citations", list_of(citation_schema(false))}},
+                                              {"page_id", "moved", "content_hash", "citations"}))}},
+               {"branch", "reanchored"})},
+       {"annotations",
+        {{"readOnlyHint", false},
+         {"destructiveHint", true},
+         {"idempotentHint", true},
+         {"openWorldHint", false}}}});
   tools.push_back(
       {{"name", "read_page"},
        {"title", "Read a saved page"},
@@ -346,6 +397,11 @@ std::string describe_citation(const Json& citation) {
          line("line_end");
 }
 
+std::string describe_range(const Json& cited) {
+  return cited.at("path").get<std::string>() + " L" + cited.at("line_start").dump() + "-L" +
+         cited.at("line_end").dump();
+}
+
 std::string quoted_list(const Json& headings) {
   std::string out;
   for (const auto& heading : headings) {
@@ -372,9 +428,13 @@ std::string work_summary(const std::string& branch, const Json& pages, bool buil
       }
       out +=
           "\n  " + page.at("page_id").get<std::string>() + ": " + page.at("why").get<std::string>();
-      if (!page.at("stale_sections").empty()) {
+      if (const Json* sections = wiki::find_value(page, "changed_sections");
+          sections != nullptr && !sections->empty()) {
+        out += "; changed sections " + quoted_list(*sections);
+      } else if (!page.at("stale_sections").empty()) {
         out += "; stale sections " + quoted_list(page.at("stale_sections"));
       }
+      if (page.value("reanchor", false)) out += " (reanchor suffices)";
       for (const auto& carry : page.at("carry")) {
         out += "; takes over the prose of " + carry.at("page_id").get<std::string>();
       }
@@ -424,6 +484,7 @@ Json WikiService::call_tool(const std::string& name, const Json& arguments,
     if (name == "wiki") return wiki_tool(arguments);
     if (name == "save_page") return save_page_tool(arguments);
     if (name == "changes") return changes_tool(arguments);
+    if (name == "reanchor") return reanchor_tool(arguments);
     if (name == "read_page") return read_page_tool(arguments);
   } catch (const std::exception& e) {
     return tool_error(e);
@@ -457,6 +518,7 @@ Json WikiService::work_list(const wiki::PlanList& plans, const std::set<std::str
                             const std::map<std::string, std::string>& why,
                             const std::set<std::string>& new_pages, const CarriedProse& carried) {
   wiki::WikiGenerator& g = generator();
+  Json first = Json::array();
   Json pages = Json::array();
   std::unordered_set<std::string> listed;
   for (const auto& plan : wiki::_by_importance(plans)) {
@@ -474,12 +536,17 @@ Json WikiService::work_list(const wiki::PlanList& plans, const std::set<std::str
     const auto reason = why.find(plan->page_id);
     page["why"] = reason == why.end() ? "never written" : reason->second;
     page["stale_sections"] = Json::array();
+    bool cited_code_changed = false;
     const Json* row = row_of(g._existing(), plan->page_id);
     if (row != nullptr && written(*row)) {
-      const Json changes = g._page_changes(*plan, row);
-      if (!changes.empty()) {
-        page["changed_files"] = changes.at("changed_files");
-        page["stale_sections"] = changes.at("stale_sections");
+      const wiki::PreciseChanges precise = g.precise_page_changes(*plan, row);
+      if (!precise.changes.empty()) {
+        page["changed_files"] = precise.changes.at("changed_files");
+        page["stale_sections"] = precise.changes.at("stale_sections");
+        page["citations"] = precise.changes.at("citations");
+        page["changed_sections"] = precise.changes.at("changed_sections");
+        page["reanchor"] = precise.only_needs_reanchoring;
+        cited_code_changed = precise.cited_code_changed();
       }
     }
     page["carry"] = Json::array();
@@ -489,9 +556,11 @@ Json WikiService::work_list(const wiki::PlanList& plans, const std::set<std::str
         page["carry"].push_back({{"page_id", old}, {"how", how}, {"body", carried_body(old)}});
       }
     }
-    pages.push_back(std::move(page));
+    (cited_code_changed ? first : pages).push_back(std::move(page));
   }
-  return pages;
+  // Prose whose cited code changed is the most wrong: it comes first.
+  for (auto& page : pages) first.push_back(std::move(page));
+  return first;
 }
 
 Json WikiService::plan_tool(const Json& arguments) {
@@ -621,7 +690,7 @@ Json WikiService::changes_tool(const Json& arguments) {
   }
   Json out = Json::object();
   out["branch"] = g.branch();
-  out["changes"] = g.page_changes(page_ids);
+  out["changes"] = g.precise_changes(page_ids);
   std::string summary;
   for (const auto& [id, change] : out["changes"].items()) {
     summary += summary.empty() ? "" : "\n";
@@ -639,9 +708,41 @@ Json WikiService::changes_tool(const Json& arguments) {
       line += (line.empty() ? "" : "; ") + std::string("stale sections ") +
               quoted_list(change.at("stale_sections"));
     }
+    for (const auto& citation : change.at("citations")) {
+      if (citation.at("state") == "intact") continue;
+      line += (line.empty() ? "" : "; ") + describe_range(citation) + " " +
+              citation.at("state").get<std::string>();
+      if (citation.at("state") == "moved") {
+        line += " to L" + citation.at("now").at("line_start").dump() + "-L" +
+                citation.at("now").at("line_end").dump();
+      }
+    }
+    if (!change.at("changed_sections").empty()) {
+      line += "; changed sections " + quoted_list(change.at("changed_sections"));
+    }
     summary += id + ": " + (line.empty() ? "unchanged" : line);
   }
   if (summary.empty()) summary = "no written pages";
+  return tool_result(std::move(out), summary);
+}
+
+Json WikiService::reanchor_tool(const Json& arguments) {
+  wiki::WikiGenerator& g = generator();
+  std::vector<std::string> page_ids;
+  if (const Json* ids = wiki::find_value(arguments, "page_ids")) {
+    page_ids = ids->get<std::vector<std::string>>();
+  }
+  const auto results = g.reanchor(page_ids);
+  Json out = reanchor_json(results);
+  out["branch"] = g.branch();
+  std::string summary;
+  for (const auto& result : results) {
+    carried_.erase(result.page_id);
+    summary += (summary.empty() ? "" : "\n") + std::string("reanchored ") + result.page_id;
+    if (result.moved.empty()) summary += " (no anchor moved)";
+    for (const auto& moved : result.moved) summary += "\n  " + moved;
+  }
+  if (summary.empty()) summary = "no page only needs re-anchoring";
   return tool_result(std::move(out), summary);
 }
 
@@ -735,8 +836,9 @@ mcp::ServerInfo wiki_server_info() {
           "Writes a branch's code wiki page by page. Call wiki(action=\"generate\") to build "
           "the plan and get the pages to write, in order, with why each is stale; write each "
           "page (Markdown, citing code as [text](path#L10-L20)) and record it with save_page. "
-          "A page listed with stale sections needs only those sections rewritten (read_page "
-          "gives its saved body); a page listed with carry takes over the prose of the old "
+          "A page listed with changed sections needs only those sections rewritten (read_page "
+          "gives its saved body); a page listed with reanchor=true needs no writing: call "
+          "reanchor with its id; a page listed with carry takes over the prose of the old "
           "pages given. When a result carries a drift warning, call "
           "wiki(action=\"generate\", replan=true)."};
 }

@@ -11,6 +11,7 @@
 //              "log": the branch's plan audit log
 //   save_page  {page_id, body, citations?, title?}   as `save`
 //   changes    {page_ids?}             as `changes`
+//   reanchor   {page_ids?}             as `reanchor`
 //   read_page  {page_id}               a saved body
 //
 // Resources: wiki://<branch>/pages/<page id>.md for every saved page.
@@ -69,6 +70,7 @@ class WikiService : public mcp::Service {
   mcp::Json wiki_tool(const mcp::Json& arguments);
   mcp::Json save_page_tool(const mcp::Json& arguments);
   mcp::Json changes_tool(const mcp::Json& arguments);
+  mcp::Json reanchor_tool(const mcp::Json& arguments);
   mcp::Json read_page_tool(const mcp::Json& arguments);
 
   Opener open_;

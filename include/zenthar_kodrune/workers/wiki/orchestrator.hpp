@@ -219,7 +219,40 @@ struct SaveResult {
   std::filesystem::path body_path;
 };
 
+// A written page's changes with each cited range judged against the files
+// now (intact, moved, changed, gone).
+struct PreciseChanges {
+  // {"changed_files", "stale_sections", "citations", "changed_sections"};
+  // {} for a page never written.
+  Json changes = Json::object();
+  // The page was saved with fingerprints of its cited lines; without them its
+  // citations are judged by their files.
+  bool fingerprinted = false;
+  // "path L12-L20" of each changed and each gone citation; "path L12-L20 to
+  // L14-L22" of each moved one.
+  std::vector<std::string> changed;
+  std::vector<std::string> gone;
+  std::vector<std::string> moved;
+  bool steering_changed = false;
+  bool marked_stale = false;
+  // Fingerprinted, every citation intact or moved, no file added or removed,
+  // the steering as it was and no stale marker: the prose needs nothing but
+  // its line anchors moved (`reanchor`).
+  bool only_needs_reanchoring = false;
+  // The cited code changed: a changed or gone citation, or (without
+  // fingerprints) a stale section.
+  bool cited_code_changed() const;
+};
+
+struct ReanchorResult {
+  std::string page_id;
+  // Citations whose anchors were rewritten, "path L1-L9 to L4-L12".
+  std::vector<std::string> moved;
+  SaveResult saved;
+};
+
 class MirroredStore;
+struct CitationReport;
 
 // One name for one thing: `repository()` is the wiki store (the name the
 // plan-of-record host mixins reach it by); the git checkout the wiki
@@ -320,6 +353,21 @@ class WikiGenerator : public PlanRecordMixin {
   // page when empty), in plan order; an id outside the plan is a KeyError.
   Json page_changes(const std::vector<std::string>& page_ids);
 
+  // `page_changes` with each page's citations judged: adds "citations" and
+  // "changed_sections" to each written page's changes.
+  Json precise_changes(const std::vector<std::string>& page_ids);
+  // The same for one planned page and its row (null when it has none).
+  PreciseChanges precise_page_changes(const PagePlan& plan, const Json* row);
+
+  // Re-records written pages whose cited lines are all intact or moved: the
+  // body's line anchors and the stored citations move to the new ranges and
+  // the page is saved as `save_page` saves it, its hashes and fingerprints
+  // taken anew. Named pages that cannot be (a changed or gone citation, no
+  // fingerprints, the steering changed, marked stale) make a ValueError
+  // naming each with its reason, and nothing is saved. With no ids, every
+  // stale page that only needs re-anchoring is.
+  std::vector<ReanchorResult> reanchor(const std::vector<std::string>& page_ids);
+
   // The last `limit` entries of the branch's plan log (all when 0), oldest first.
   // With a store that keeps the wiki (a shared one), its log; else the
   // branch's log file.
@@ -345,6 +393,11 @@ class WikiGenerator : public PlanRecordMixin {
   void finish_interrupted_saves();
   // Why a written page's body no longer matches its row, or nullopt.
   std::optional<std::string> body_mismatch(const Json& row);
+  // precise_page_changes, with the judged citations left in `report`.
+  PreciseChanges precise_page_changes(const PagePlan& plan, const Json* row,
+                                      CitationReport& report);
+  // A cited file's text now, nullopt when it is no regular file.
+  std::optional<std::string> read_cited_file(const std::string& path) const;
 
   // Retires, persists and updates rows so the store holds the pinned plan.
   void record_plan(const PinResult& pinned, bool replan);

@@ -9,6 +9,7 @@
 #include <cctype>
 #include <cstdio>
 
+#include "citation_states.hpp"
 #include "generator_internals.hpp"
 #include "mirrored_store.hpp"
 #include "workers/wiki/fault_point.hpp"
@@ -143,6 +144,10 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
     columns.content_hash = _text_hash(body);
     columns.build_cache = _section_cache(body, result.citations);
     columns.build_cache["citations"] = result.citations;
+    // Beside the staleness part, never in it: the cited lines' hashes, which
+    // tell later whether a section's cited code itself changed.
+    columns.build_cache[std::string(kFingerprintsKey)] = make_fingerprints(
+        body, result.citations, [this](const std::string& path) { return read_cited_file(path); });
     columns.status = "fresh";
     const std::string page_title = title && !title->empty() ? *title : plan.title;
 

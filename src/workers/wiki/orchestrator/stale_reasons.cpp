@@ -29,6 +29,17 @@ std::map<std::string, std::string> as_map(const Json* mapping) {
   return out;
 }
 
+// A few names say enough; the rest is a count, so one line stays readable.
+std::string named_list(const std::string& label, const std::vector<std::string>& names) {
+  constexpr std::size_t kNamed = 3;
+  std::string out = label;
+  for (std::size_t i = 0; i < names.size() && i < kNamed; ++i) {
+    out += (i == 0 ? "" : ", ") + names[i];
+  }
+  if (names.size() > kNamed) out += " and " + std::to_string(names.size() - kNamed) + " more";
+  return out;
+}
+
 }  // namespace
 
 std::optional<std::string> WikiGenerator::stale_reason(const PagePlan& plan, bool force) {
@@ -69,14 +80,25 @@ std::optional<std::string> WikiGenerator::stale_reason(const PagePlan& plan, boo
   }
   std::string reason;
   if (!changed.empty()) {
-    // A few names say enough; the rest is a count, so one line stays readable.
-    constexpr std::size_t kNamed = 3;
-    reason = "files changed: ";
-    for (std::size_t i = 0; i < changed.size() && i < kNamed; ++i) {
-      reason += (i == 0 ? "" : ", ") + changed[i];
+    reason = named_list("files changed: ", changed);
+    // What the cited lines did says whether the prose needs writing again.
+    const PreciseChanges precise = precise_page_changes(plan, &row);
+    const Json* cited = find_value(precise.changes, "citations");
+    if (precise.fingerprinted && cited != nullptr && !cited->empty()) {
+      if (!precise.changed.empty() || !precise.gone.empty()) {
+        std::string lines;
+        if (!precise.changed.empty()) lines = named_list("cited lines changed: ", precise.changed);
+        if (!precise.gone.empty()) {
+          lines += (lines.empty() ? "" : "; ") + named_list("cited lines gone: ", precise.gone);
+        }
+        reason = lines + "; " + reason;
+      } else if (!precise.moved.empty()) {
+        reason += "; " + named_list("cited lines moved: ", precise.moved);
+      } else {
+        reason += "; cited lines intact";
+      }
+      if (precise.only_needs_reanchoring) reason += "; reanchor suffices";
     }
-    if (changed.size() > kNamed)
-      reason += " and " + std::to_string(changed.size() - kNamed) + " more";
   }
   if (steering) reason += std::string(reason.empty() ? "" : "; ") + "the steering changed";
   return reason;
