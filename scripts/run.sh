@@ -5,11 +5,16 @@
 # it, so it reports no amendments.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+# `--configure-only` stops after configuring (the test script uses it in CI).
 repo=${1:-.}
 
 bash scripts/setup.sh
+# The same folder and flags as the test script's normal build, so running
+# both shares the compiled objects. Every option is set here, as it is
+# there: neither script depends on what the other left in the cache.
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" \
   -DKODRUNE_BUILD_TESTS=OFF -DKODRUNE_BUILD_BENCH=OFF >/dev/null
+if [ "${1:-}" = "--configure-only" ]; then exit 0; fi
 cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)" --target kodrune-wiki >/dev/null
 
 echo "== first run =="

@@ -3,6 +3,7 @@
 // never make kodrune-wiki read or write outside the repository, crash, or
 // fail every later build.
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <functional>
 
@@ -133,6 +134,107 @@ TEST(HostileRepository, StoreAtTheOldPlaceIsMovedWithItsRows) {
   EXPECT_EQ(plan_of(plan, "module-src")["state"], "fresh") << plan.dump();
   EXPECT_FALSE(fs::exists(old));
   EXPECT_TRUE(fs::exists(store));
+}
+
+// Names as old and odd repositories commit them. Those no JSON text or line
+// of output can carry as they are (not UTF-8, a line feed, a tab) are left
+// out with one warning naming them escaped; the rest (a leading dash, both
+// Unicode forms of one name) are carried byte for byte.
+void commit_odd_names(GitRepo& repo) {
+  repo.write_unit("src", 3);
+  for (const char* name : {"src/bad\xff.py", "src/we\nird.py", "src/tab\there.py", "src/-dash.py",
+                           "src/caf\xc3\xa9.py", "src/cafe\xcc\x81.py"}) {
+    repo.write(name, "x = 1\n");
+  }
+  repo.commit("odd names");
+}
+
+TEST(HostileRepository, OddFileNamesAreLeftOutByNameOrCarriedAsTheyAre) {
+  GitRepo repo;
+  commit_odd_names(repo);
+  const RunResult first = repo.run("plan --json");
+  ASSERT_EQ(first.code, 0) << first.err;
+  EXPECT_NE(first.err.find("left out 3 files whose names are not UTF-8 text or hold a control "
+                           "character: \"src/bad\\xff.py\", \"src/tab\\there.py\", "
+                           "\"src/we\\nird.py\""),
+            std::string::npos)
+      << first.err;
+  const Json files = plan_of(first.json(), "module-src")["source_files"];
+  // Byte order: "e" (0x65) of the decomposed form sorts before 0xc3.
+  EXPECT_EQ(files, Json({"src/-dash.py", "src/cafe\xcc\x81.py", "src/caf\xc3\xa9.py", "src/f01.cpp",
+                         "src/f02.cpp", "src/f03.cpp"}));
+  EXPECT_EQ(repo.plan()["amendments"], Json::array());
+
+  ASSERT_EQ(repo.save("module-src", "Lead.\n\n## Dash\n\nSee [it](src/-dash.py#L1-L1).\n").code, 0);
+  // A left-out file that changes or goes is no change to any page.
+  repo.write("src/bad\xff.py", "x = 2\n");
+  repo.remove("src/we\nird.py");
+  repo.commit("odd files change");
+  const RunResult changes = repo.run("changes --json module-src");
+  ASSERT_EQ(changes.code, 0) << changes.err;
+  EXPECT_EQ(
+      changes.json()["module-src"]["changed_files"],
+      Json({{"added", Json::array()}, {"removed", Json::array()}, {"modified", Json::array()}}))
+      << changes.out;
+  EXPECT_EQ(plan_of(repo.plan(), "module-src")["state"], "fresh");
+
+  // A carried odd name changes like any other file.
+  repo.write("src/-dash.py", "x = 3\n");
+  const RunResult text = repo.run("changes module-src");
+  ASSERT_EQ(text.code, 0) << text.err;
+  EXPECT_NE(text.out.find("modified: src/-dash.py"), std::string::npos) << text.out;
+  EXPECT_NE(text.out.find("stale sections: \"Dash\""), std::string::npos) << text.out;
+
+  const std::string request = repo.scratch_file(R"({"id": 1, "op": "select_stale", "args": {}})"
+                                                "\n",
+                                                "rpc.jsonl");
+  const RunResult rpc = repo.run("rpc < " + request);
+  ASSERT_EQ(rpc.code, 0) << rpc.err;
+  EXPECT_EQ(Json::parse(rpc.out)["result"]["stale"], Json({"module-src", "overview"})) << rpc.out;
+}
+
+TEST(HostileRepository, SaveRefusesATitleOfTwoLines) {
+  GitRepo repo;
+  repo.seed_src();
+  const RunResult refused = repo.run("save module-src " + repo.scratch_file("Body.\n") +
+                                     " --title " + quoted("Two\nlines"));
+  EXPECT_EQ(refused.code, 1);
+  EXPECT_NE(refused.err.find("title of page \"module-src\" holds the control character U+000A at "
+                             "byte 3"),
+            std::string::npos)
+      << refused.err;
+  EXPECT_TRUE(repo.rows().count("module-src") == 0 ||
+              repo.rows().at("module-src").value("content_hash", "").empty());
+}
+
+// A wiki store committed with the repository, carrying a trigger a pull
+// request slipped in: every command refuses it by name, and it never runs.
+TEST(HostileRepository, CommittedStoreWithATriggerIsRefusedAndNeverRuns) {
+  GitRepo repo;
+  repo.seed_src();
+  ASSERT_EQ(repo.save("module-src", "Body.\n").code, 0);
+  const fs::path store = repo.root() / "memory/orvane/.store/wiki.db";
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open(store.c_str(), &raw), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(raw,
+                         "CREATE TRIGGER pwn AFTER INSERT ON wiki_pages BEGIN "
+                         "UPDATE wiki_pages SET title = 'pwned'; END",
+                         nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(raw);  // the last connection: its write is checkpointed into the file
+  repo.commit("a store with a trigger");
+  const std::string before = slurp(store);
+
+  const std::vector<std::string> commands = {
+      "plan", "save module-src " + repo.scratch_file("New.\n"), "changes"};
+  for (const std::string& command : commands) {
+    const RunResult refused = repo.run(command);
+    EXPECT_EQ(refused.code, 1) << command;
+    EXPECT_NE(refused.err.find("holds a trigger \"pwn\" that this program does not create"),
+              std::string::npos)
+        << command << ": " << refused.err;
+  }
+  EXPECT_EQ(slurp(store), before);
 }
 
 }  // namespace

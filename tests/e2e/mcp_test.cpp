@@ -175,6 +175,41 @@ TEST(McpServer, BranchGitRefusesFailsEachToolWithTheCommandsLine) {
   EXPECT_FALSE(fs::exists(repo.root() / "memory"));
 }
 
+// Files whose names no answer could carry are left out, and every tool
+// works around them; an input echoed in an error is cut to a readable size.
+TEST(McpServer, OddFileNamesLeaveEveryToolWorkingAndLongIdsAreCutInErrors) {
+  GitRepo repo;
+  seed(repo);
+  repo.write("src/bad\xff.py", "x = 1\n");
+  repo.write("src/we\nird.py", "x = 1\n");
+  repo.write("src/-dash.py", "x = 1\n");
+  repo.commit("odd names");
+  const std::string long_id(100000, 'p');
+  const Session session = run_mcp(
+      repo,
+      {initialize(), call("plan", "plan", Json::object()),
+       call("status", "wiki", {{"action", "status"}}),
+       call("save", "save_page", {{"page_id", "module-src"}, {"body", "See src/-dash.py.\n"}}),
+       call("changes", "changes", Json::object()),
+       call("long", "read_page", {{"page_id", long_id}})});
+  ASSERT_EQ(session.run.code, 0) << session.run.err;
+  for (const char* id : {"plan", "status", "save", "changes"}) {
+    const Json result = session.result(id);
+    EXPECT_FALSE(result.value("isError", false)) << id << ": " << result.dump();
+    const std::string dumped = result.dump();
+    EXPECT_EQ(dumped.find("we\\nird"), std::string::npos) << id;
+    EXPECT_EQ(dumped.find("weird"), std::string::npos) << id;
+  }
+  const Json long_error = session.result("long");
+  EXPECT_EQ(long_error.at("isError"), true);
+  const std::string message = text_of(long_error);
+  EXPECT_LT(message.size(), 400u) << message.size();
+  std::string cut(1, '"');  // appended: GCC 12 warns falsely on `"\"" + std::string(n, c)`
+  cut.append(200, 'p');
+  cut.append("\"... (99800 more bytes)");
+  EXPECT_NE(message.find(cut), std::string::npos) << message.substr(0, 300);
+}
+
 TEST(McpServer, CollapsedFamilyCarriesItsPartsSavedBodiesIntoTheUnitPage) {
   GitRepo repo;
   repo.write_unit("lib", 17);  // a family: more than 16 files

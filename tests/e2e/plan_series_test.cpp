@@ -161,6 +161,33 @@ TEST_P(PlanSeries, EditedFileStalesItsPageAndDeletedFolderRetiresItsPage) {
   EXPECT_NE(text.out.find("stale sections: \"Uses\""), std::string::npos) << text.out;
 }
 
+TEST_P(PlanSeries, DriftWarningIsFollowedByTheCommandLinesOwnReplan) {
+  GitRepo repo;
+  repo.use_store(e2e_store());
+  seed(repo);
+  repo.plan();
+  for (const char* unit : {"alpha", "beta", "gamma"}) repo.write_unit(unit, 3);
+  repo.commit("three new units");
+
+  const RunResult text = repo.run("plan");
+  ASSERT_EQ(text.code, 0) << text.err;
+  const std::string warning =
+      "Warning: 3 structural amendments against a 6-page plan \u2014 the pinned structure is "
+      "churning; consider a full replan (wiki(action=\"generate\", replan=true) or "
+      "/kodrune-wiki --replan).\nFrom the command line: kodrune-wiki plan --replan\n";
+  EXPECT_NE(text.out.find(warning), std::string::npos) << text.out;
+  // The JSON form carries the warning's own text alone.
+  repo.write_unit("delta", 3);
+  repo.write_unit("epsilon", 3);
+  repo.write_unit("zeta", 3);
+  repo.commit("three more");
+  const Json plan = repo.plan();
+  EXPECT_EQ(plan.at("drift"),
+            "3 structural amendments against a 9-page plan \u2014 the pinned structure is "
+            "churning; consider a full replan (wiki(action=\"generate\", replan=true) or "
+            "/kodrune-wiki --replan).");
+}
+
 // The answers of one `kodrune-wiki rpc` process to `requests`, one a line
 // (a request's own line breaks are sent as spaces).
 std::vector<Json> rpc(const GitRepo& repo, const std::vector<std::string>& requests) {

@@ -5,6 +5,7 @@
 #include <map>
 
 #include "kodrune-wiki/cmd_common.hpp"
+#include "workers/wiki/quoting.hpp"
 
 namespace kodrune_cli {
 
@@ -80,7 +81,7 @@ void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildR
       const std::size_t files =
           plan->children.empty() ? distinct_file_count(*plan) : plan->children.size();
       rows.push_back(
-          {plan->page_id, plan->title, plan->level, plan->importance,
+          {plan->page_id, wiki::escaped(plan->title), plan->level, plan->importance,
            plan->children.empty() ? std::to_string(files) : std::to_string(files) + " parts",
            state});
     }
@@ -107,7 +108,12 @@ void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildR
         out << "  " << old << " -> " << fresh << " (prose merged into it)\n";
     }
   }
-  if (result.drift) out << "\nWarning: " << *result.drift << "\n";
+  if (result.drift) {
+    // The warning's text names the agent's remedies; a person at a terminal
+    // is given this command's own.
+    out << "\nWarning: " << *result.drift << "\n"
+        << "From the command line: kodrune-wiki plan --replan\n";
+  }
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <thread>
 
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 namespace kodrune_cli::mcp {
@@ -434,7 +435,7 @@ class Session {
       return result;
     }
     if (method == "resources/read") return service_.read_resource(text_param(params, "uri"));
-    throw RpcError(METHOD_NOT_FOUND, "unknown method: " + method);
+    throw RpcError(METHOD_NOT_FOUND, "unknown method: " + wiki::cut_input(method));
   }
 
   Json initialize(const Json& params) {
@@ -459,11 +460,12 @@ class Session {
     for (const auto& candidate : service_.tools()) {
       if (candidate.at("name") == name) tool = &candidate;
     }
-    if (tool == nullptr) throw RpcError(INVALID_PARAMS, "unknown tool: " + name);
+    if (tool == nullptr) throw RpcError(INVALID_PARAMS, "unknown tool: " + wiki::cut_input(name));
     const Json* given = wiki::find_value(params, "arguments");
     const Json arguments = given == nullptr || given->is_null() ? Json::object() : *given;
     if (auto mismatch = schema_mismatch(tool->at("inputSchema"), arguments, "arguments")) {
-      throw RpcError(INVALID_PARAMS, "invalid arguments for tool " + name + ": " + *mismatch);
+      throw RpcError(INVALID_PARAMS,
+                     "invalid arguments for tool " + wiki::cut_input(name) + ": " + *mismatch);
     }
     Json result = service_.call_tool(name, arguments, progress_for(params));
     if (protocol_version_ < kStructuredContentSince && result.contains("structuredContent")) {

@@ -9,6 +9,7 @@
 
 #include "kodrune-wiki/cmd_common.hpp"
 #include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 #ifndef KODRUNE_WIKI_VERSION
@@ -375,8 +376,8 @@ std::string rel_path_of(const Json* row, const std::string& page_id) {
 // (a page another worker saved); nullopt when there is neither.
 std::optional<std::string> saved_body(wiki::WikiGenerator& generator, const Json* row,
                                       const std::string& page_id) {
-  const fs::path path =
-      wiki::path_inside(generator.wiki_dir(), rel_path_of(row, page_id), "page " + page_id);
+  const fs::path path = wiki::path_inside(generator.wiki_dir(), rel_path_of(row, page_id),
+                                          "page " + wiki::quote_input(page_id));
   std::error_code ec;
   if (fs::is_regular_file(path, ec)) return wiki::read_whole_file(path);
   return generator.repository().page_body(generator.branch(), page_id);
@@ -489,7 +490,7 @@ Json WikiService::call_tool(const std::string& name, const Json& arguments,
   } catch (const std::exception& e) {
     return tool_error(e);
   }
-  throw mcp::RpcError(mcp::INVALID_PARAMS, "unknown tool: " + name);
+  throw mcp::RpcError(mcp::INVALID_PARAMS, "unknown tool: " + wiki::cut_input(name));
 }
 
 void add_carries(CarriedProse& carried, const wiki::ReplanRemap& remap) {
@@ -752,13 +753,14 @@ Json WikiService::read_page_tool(const Json& arguments) {
   const wiki::Existing rows = g.repository().load_pages(g.branch());
   const Json* row = row_of(rows, page_id);
   if (row == nullptr) {
-    throw wiki::KeyError("page id \"" + page_id + "\" is not in the plan of record of branch " +
-                         g.branch());
+    throw wiki::KeyError("page id " + wiki::quote_input(page_id) +
+                         " is not in the plan of record of branch " + g.branch());
   }
   const std::optional<std::string> body =
       written(*row) ? saved_body(g, row, page_id) : std::nullopt;
   if (!body)
-    throw wiki::KeyError("page " + page_id + " of branch " + g.branch() + " has no saved body");
+    throw wiki::KeyError("page " + wiki::quote_input(page_id) + " of branch " + g.branch() +
+                         " has no saved body");
   Json out = Json::object();
   out["page_id"] = page_id;
   out["title"] = wiki::row_text(*row, "title");
@@ -782,8 +784,9 @@ Json WikiService::resources() {
       if (!description.empty()) resource["description"] = description;
       resource["mimeType"] = "text/markdown";
       std::error_code ec;
-      const auto size = fs::file_size(
-          wiki::path_inside(g.wiki_dir(), rel_path_of(&row, page_id), "page " + page_id), ec);
+      const auto size = fs::file_size(wiki::path_inside(g.wiki_dir(), rel_path_of(&row, page_id),
+                                                        "page " + wiki::quote_input(page_id)),
+                                      ec);
       if (!ec) resource["size"] = size;
       list.push_back(std::move(resource));
     }
@@ -825,7 +828,8 @@ Json WikiService::read_resource(const std::string& uri) {
     throw mcp::RpcError(mcp::INTERNAL_ERROR, error_line(e));
   }
   if (!body) {
-    throw mcp::RpcError(mcp::RESOURCE_NOT_FOUND, "Resource not found: " + uri, {{"uri", uri}});
+    throw mcp::RpcError(mcp::RESOURCE_NOT_FOUND, "Resource not found: " + wiki::cut_input(uri),
+                        {{"uri", uri}});
   }
   Json content = {{"uri", uri}, {"mimeType", "text/markdown"}, {"text", *body}};
   return {{"contents", Json::array({content})}};

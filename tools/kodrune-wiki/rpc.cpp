@@ -23,6 +23,7 @@
 #include <utility>
 #include <vector>
 
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
@@ -131,7 +132,8 @@ RpcAnswer rpc_answer(const OpTable& ops, std::string_view line, bool padded) {
   const Json* op = wiki::find_value(request, "op");
   if (op == nullptr || !op->is_string()) return refused(id, "a request needs \"op\" as text");
   auto found = ops.find(op->get_ref<const std::string&>());
-  if (found == ops.end()) return refused(id, "unknown op: " + op->get<std::string>());
+  if (found == ops.end())
+    return refused(id, "unknown op: " + wiki::cut_input(op->get<std::string>()));
   const auto args = request.find("args");
   if (args == request.end() || !args->is_object()) {
     return refused(id, "a request needs \"args\" as an object");

@@ -11,6 +11,7 @@
 
 #include "kodrune-wiki/rpc.hpp"
 #include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
@@ -49,7 +50,7 @@ void check_plan_ids(const wiki::WikiGenerator& generator, const wiki::PlanList& 
     if (plan->page_id.empty()) throw wiki::ValueError("a plan's page_id must not be empty");
     wiki::check_page_id_length(plan->page_id);
     wiki::path_inside(generator.wiki_dir(), wiki::page_rel_path(plan->page_id),
-                      "page \"" + plan->page_id + "\": its body path");
+                      "page " + wiki::quote_input(plan->page_id) + ": its body path");
   }
 }
 

@@ -24,7 +24,6 @@ using detail::encode;
 using detail::encode_mapping;
 using detail::kColumns;
 using detail::kUpdateStructure;
-using detail::quote_text;
 using detail::row_values;
 using detail::Shape;
 using detail::structure_values;
@@ -283,7 +282,7 @@ PostgresDatabase::Statement& PostgresDatabase::statement(std::string_view sql, S
 void PostgresDatabase::check_params(std::string_view sql, const Statement& statement,
                                     const std::vector<SqlValue>& params) const {
   if (statement.count != static_cast<int>(params.size())) {
-    throw StoreError("wiki store: " + quote_text(sql) + " takes " +
+    throw StoreError("wiki store: " + quote_input(sql) + " takes " +
                      std::to_string(statement.count) + " parameters, " +
                      std::to_string(params.size()) + " given");
   }
@@ -291,7 +290,7 @@ void PostgresDatabase::check_params(std::string_view sql, const Statement& state
     const auto* value = std::get_if<std::string>(&param);
     if (value != nullptr && value->find('\0') != std::string::npos) {
       throw StoreError("wiki store: PostgreSQL text cannot hold a NUL byte: " +
-                       quote_text(std::string_view(value->c_str())));
+                       quote_input(std::string_view(value->c_str())));
     }
   }
 }
@@ -302,7 +301,7 @@ void PostgresDatabase::prepare(std::string_view sql, Statement& statement) {
       libpq().PQprepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr));
   if (libpq().PQresultStatus(result.get()) != PGRES_COMMAND_OK) {
     const char* message = libpq().PQresultErrorMessage(result.get());
-    fail("cannot run " + quote_text(sql),
+    fail("cannot run " + quote_input(sql),
          message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_));
   }
   statement.prepared = true;
@@ -338,7 +337,7 @@ PostgresDatabase::Result PostgresDatabase::run(std::string_view sql,
   const ExecStatusType status = libpq().PQresultStatus(result.get());
   if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
     const char* message = libpq().PQresultErrorMessage(result.get());
-    fail("cannot run " + quote_text(sql),
+    fail("cannot run " + quote_input(sql),
          message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_));
   }
   return result;
@@ -379,7 +378,7 @@ void PostgresDatabase::read(std::string_view sql, const std::vector<SqlValue>& p
                                         values.data(), nullptr, nullptr, 0)
           : libpq().PQsendQueryParams(connection_, statement.text.c_str(), values.size(), nullptr,
                                       values.data(), nullptr, nullptr, 0);
-  if (sent != 1) fail("cannot run " + quote_text(sql), libpq().PQerrorMessage(connection_));
+  if (sent != 1) fail("cannot run " + quote_input(sql), libpq().PQerrorMessage(connection_));
   libpq().PQsetSingleRowMode(connection_);
   // The whole answer is read whatever happens: a connection left with part
   // of it unread would refuse the next statement.
@@ -402,7 +401,7 @@ void PostgresDatabase::read(std::string_view sql, const std::vector<SqlValue>& p
           message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_);
     }
   }
-  if (failure) fail("cannot run " + quote_text(sql), *failure);
+  if (failure) fail("cannot run " + quote_input(sql), *failure);
   if (thrown) std::rethrow_exception(thrown);
 }
 
@@ -424,11 +423,11 @@ void PostgresDatabase::flush() {
   // Waiting writes exist only inside a transaction, which a lost connection
   // has ended.
   if (connection_ == nullptr || libpq().PQstatus(connection_) != CONNECTION_OK) {
-    fail("cannot run " + quote_text(batch.front().sql),
+    fail("cannot run " + quote_input(batch.front().sql),
          "the connection was lost; the transaction was rolled back");
   }
   if (libpq().PQenterPipelineMode(connection_) != 1) {
-    fail("cannot run " + quote_text(batch.front().sql), libpq().PQerrorMessage(connection_));
+    fail("cannot run " + quote_input(batch.front().sql), libpq().PQerrorMessage(connection_));
   }
   // What each answer of the pipeline is for: the write it belongs to and,
   // for the preparation of a statement new to this connection (sent in
@@ -498,7 +497,7 @@ void PostgresDatabase::flush() {
   // A connection left in the middle of a pipeline serves nothing more; the
   // server rolls back the transaction it had open.
   if (broken) drop_connection();
-  if (failure) fail("cannot run " + quote_text(batch[failure->first].sql), failure->second);
+  if (failure) fail("cannot run " + quote_input(batch[failure->first].sql), failure->second);
 }
 
 void PostgresDatabase::execute(std::string_view sql, const std::vector<SqlValue>& params) {
@@ -610,7 +609,7 @@ void PostgresWikiStore::open_schema() {
 
 void PostgresWikiStore::lock_branch(const std::string& branch) {
   if (!db_.in_transaction()) {
-    throw StoreError("wiki store: the lock of branch " + quote_text(branch) +
+    throw StoreError("wiki store: the lock of branch " + quote_input(branch) +
                      " must be taken inside a transaction");
   }
   db_.execute("SELECT pg_advisory_xact_lock(hashtextextended(?, 0))", {branch});

@@ -12,20 +12,11 @@
 #include <utility>
 #include <vector>
 
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
 namespace zenthar_kodrune::workers::wiki::detail {
-
-// Built by appending: GCC 12 at -O2 warns falsely on `"\"" + std::string(text)`.
-inline std::string quote_text(std::string_view text) {
-  std::string out;
-  out.reserve(text.size() + 2);
-  out.push_back('"');
-  out.append(text);
-  out.push_back('"');
-  return out;
-}
 
 enum class Shape { Text, TextList, Mapping };
 
@@ -53,7 +44,7 @@ inline constexpr Column kColumns[] = {{"branch", Shape::Text},
 
 inline std::string where(const std::string& branch, const std::string& page_id,
                          std::string_view column) {
-  return "branch " + quote_text(branch) + ", page " + quote_text(page_id) + ", column " +
+  return "branch " + quote_input(branch) + ", page " + quote_input(page_id) + ", column " +
          std::string(column);
 }
 

@@ -17,6 +17,7 @@
 #include <thread>
 #include <type_traits>
 #include <unordered_map>
+#include <utility>
 
 #include "sqlite_internals.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -26,16 +27,6 @@
 namespace zenthar_kodrune::workers::wiki {
 
 namespace sqlite_detail {
-
-// Built by appending: GCC 12 at -O2 warns falsely on `"\"" + std::string(text)`.
-std::string in_quotes(std::string_view text) {
-  std::string quoted;
-  quoted.reserve(text.size() + 2);
-  quoted.push_back('"');
-  quoted.append(text);
-  quoted.push_back('"');
-  return quoted;
-}
 
 // The column's text; valid until the statement steps on.
 std::string_view column_text(sqlite3_stmt* step, int column) {
@@ -65,8 +56,6 @@ std::int64_t integer_column(sqlite3_stmt* step, int column, std::string_view wha
 
 }  // namespace sqlite_detail
 
-using sqlite_detail::in_quotes;
-
 namespace {
 
 [[noreturn]] void fail(sqlite3* handle, std::string_view what) {
@@ -79,14 +68,14 @@ sqlite3_stmt* compile(sqlite3* handle, std::string_view sql, unsigned flags) {
   const char* tail = nullptr;
   if (sqlite3_prepare_v3(handle, sql.data(), static_cast<int>(sql.size()), flags, &raw, &tail) !=
       SQLITE_OK) {
-    fail(handle, "cannot prepare " + in_quotes(sql));
+    fail(handle, "cannot prepare " + quote_input(sql));
   }
   const std::string_view rest(tail, static_cast<std::size_t>(sql.data() + sql.size() - tail));
   if (rest.find_first_not_of(" \t\r\n;") != std::string_view::npos) {
     sqlite3_finalize(raw);
-    throw StoreError("wiki store: one statement at a time, got " + in_quotes(sql));
+    throw StoreError("wiki store: one statement at a time, got " + quote_input(sql));
   }
-  if (raw == nullptr) throw StoreError("wiki store: no statement in " + in_quotes(sql));
+  if (raw == nullptr) throw StoreError("wiki store: no statement in " + quote_input(sql));
   return raw;
 }
 
@@ -96,7 +85,7 @@ void bind(sqlite3* handle, sqlite3_stmt* statement, std::string_view sql,
           const std::vector<SqlValue>& params) {
   const int expected = sqlite3_bind_parameter_count(statement);
   if (expected != static_cast<int>(params.size())) {
-    throw StoreError("wiki store: " + in_quotes(sql) + " takes " + std::to_string(expected) +
+    throw StoreError("wiki store: " + quote_input(sql) + " takes " + std::to_string(expected) +
                      " parameters, " + std::to_string(params.size()) + " given");
   }
   for (std::size_t i = 0; i < params.size(); ++i) {
@@ -120,7 +109,7 @@ void run(sqlite3* handle, sqlite3_stmt* statement, std::string_view sql, OnRow&&
   for (;;) {
     const int rc = sqlite3_step(statement);
     if (rc == SQLITE_DONE) return;
-    if (rc != SQLITE_ROW) fail(handle, "cannot run " + in_quotes(sql));
+    if (rc != SQLITE_ROW) fail(handle, "cannot run " + quote_input(sql));
     row(statement);
   }
 }
@@ -130,7 +119,7 @@ void exec(sqlite3* handle, const std::string& sql) {
   if (sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
     std::string text = message != nullptr ? message : sqlite3_errmsg(handle);
     sqlite3_free(message);
-    throw StoreError("wiki store: cannot run " + in_quotes(sql) + ": " + text);
+    throw StoreError("wiki store: cannot run " + quote_input(sql) + ": " + text);
   }
 }
 
@@ -225,7 +214,7 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
   if (path.has_parent_path()) {
     std::filesystem::create_directories(path.parent_path(), error);
     if (error) {
-      throw StoreError("wiki store: cannot create the folder of " + in_quotes(path.string()) +
+      throw StoreError("wiki store: cannot create the folder of " + quote_input(path.string()) +
                        ": " + error.message());
     }
   }
@@ -241,10 +230,26 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
     std::string message = handle_ != nullptr ? sqlite3_errmsg(handle_) : sqlite3_errstr(rc);
     sqlite3_close(handle_);
     handle_ = nullptr;
-    throw StoreError("wiki store: cannot open " + in_quotes(path.string()) + ": " + message);
+    throw StoreError("wiki store: cannot open " + quote_input(path.string()) + ": " + message);
   }
   sqlite3_extended_result_codes(handle_, 1);
   sqlite3_busy_timeout(handle_, busy_timeout_ms);
+  // The file may have come with a cloned repository. Defensive mode keeps
+  // SQL from corrupting the file on purpose; an untrusted schema may not
+  // call functions with side effects; and this program creates no trigger
+  // or view, so none may run even before the store checks its schema.
+  const std::pair<int, int> hardening[] = {{SQLITE_DBCONFIG_DEFENSIVE, 1},
+                                           {SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0},
+                                           {SQLITE_DBCONFIG_ENABLE_TRIGGER, 0},
+                                           {SQLITE_DBCONFIG_ENABLE_VIEW, 0}};
+  for (const auto& [option, value] : hardening) {
+    if (sqlite3_db_config(handle_, option, value, nullptr) != SQLITE_OK) {
+      sqlite3_close(handle_);
+      handle_ = nullptr;
+      throw StoreError("wiki store: cannot open " + quote_input(path.string()) +
+                       " with SQLite's defensive settings");
+    }
+  }
   // SQLite opens lazily: reading the schema is what finds out whether the
   // file is a database at all. Nothing is written before that is known.
   sqlite3_stmt* probe = nullptr;
@@ -256,7 +261,7 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
     std::string message = sqlite3_errmsg(handle_);
     sqlite3_close(handle_);
     handle_ = nullptr;
-    throw StoreError("wiki store: " + in_quotes(path.string()) +
+    throw StoreError("wiki store: " + quote_input(path.string()) +
                      " cannot be read as an SQLite database: " + message);
   }
 }
@@ -369,7 +374,8 @@ void SqliteDatabase::enable_wal() {
       const auto rows = query("PRAGMA journal_mode = WAL");
       // An in-memory database answers "memory"; a file must be in WAL from now on.
       if (rows.empty() || !std::holds_alternative<std::string>(rows[0][0])) {
-        throw StoreError("wiki store: cannot set the journal mode of " + in_quotes(path_.string()));
+        throw StoreError("wiki store: cannot set the journal mode of " +
+                         quote_input(path_.string()));
       }
       return;
     } catch (const StoreError&) {

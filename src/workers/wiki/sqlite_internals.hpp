@@ -1,5 +1,4 @@
-// What the SQLite store's files share: quoting a path for a message, and
-// reading a result column.
+// What the SQLite store's files share: reading a result column.
 #pragma once
 
 #include <sqlite3.h>
@@ -8,11 +7,10 @@
 #include <string>
 #include <string_view>
 
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki::sqlite_detail {
-
-std::string in_quotes(std::string_view text);
 
 // The column's text; valid until the statement steps on.
 std::string_view column_text(sqlite3_stmt* step, int column);

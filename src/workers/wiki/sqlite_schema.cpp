@@ -4,8 +4,11 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "sqlite_internals.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -16,7 +19,6 @@ namespace zenthar_kodrune::workers::wiki {
 
 using sqlite_detail::as_integer;
 using sqlite_detail::column_text;
-using sqlite_detail::in_quotes;
 
 namespace {
 
@@ -55,10 +57,96 @@ CREATE TABLE IF NOT EXISTS plan_log_pending (
 );
 )sql";
 
-// The tables a file of ours may hold; a version 0 file holding any other
-// belongs to another program.
-constexpr std::string_view kOwnTables[] = {"wiki_pages", "file_hashes", "plan_log_pending",
-                                           "sqlite_sequence"};
+// An object of the schema as sqlite_schema lists it; `sql` with its runs of
+// white space folded to one space (null for SQLite's own automatic indexes).
+struct SchemaObject {
+  std::string type;
+  std::string name;
+  std::optional<std::string> sql;
+};
+
+std::string folded(std::string_view sql) {
+  std::string out;
+  bool space = false;
+  for (const char c : sql) {
+    if (c == ' ' || c == '\n' || c == '\t' || c == '\r') {
+      space = true;
+      continue;
+    }
+    if (space && !out.empty()) out.push_back(' ');
+    space = false;
+    out.push_back(c);
+  }
+  return out;
+}
+
+std::vector<SchemaObject> schema_objects(SqliteDatabase& db) {
+  std::vector<SchemaObject> objects;
+  db.for_each_row("SELECT type, name, sql FROM sqlite_schema", {}, [&](sqlite3_stmt* step) {
+    SchemaObject object{std::string(column_text(step, 0)), std::string(column_text(step, 1)),
+                        std::nullopt};
+    if (sqlite3_column_type(step, 2) != SQLITE_NULL) object.sql = folded(column_text(step, 2));
+    objects.push_back(std::move(object));
+  });
+  return objects;
+}
+
+void run_schema(SqliteDatabase& db) {
+  std::string_view rest = kSchema;
+  while (true) {
+    const auto end = rest.find(';');
+    if (end == std::string_view::npos) break;
+    db.execute(rest.substr(0, end + 1));
+    rest.remove_prefix(end + 1);
+  }
+}
+
+// What a store of ours holds once its schema is made, read off a database
+// in memory that ran the very statements a new store runs.
+const std::vector<SchemaObject>& own_schema() {
+  static const std::vector<SchemaObject> objects = [] {
+    SqliteDatabase scratch(":memory:");
+    run_schema(scratch);
+    return schema_objects(scratch);
+  }();
+  return objects;
+}
+
+std::string a_kind(const std::string& type) {
+  if (type == "index") return "an index";
+  if (type == "table") return "a table";
+  if (type == "view") return "a view";
+  if (type == "trigger") return "a trigger";
+  return "an object of type " + quote_input(type);
+}
+
+// A store may come with a cloned repository, so its file is hostile until
+// checked: every object in it must be one this program creates, with the
+// definition it gives it. An older layout holds fewer of them, never others.
+// A trigger, a view or a virtual table would otherwise run its own SQL
+// inside our process the moment a row is read or written.
+void check_own_schema(SqliteDatabase& db) {
+  const std::vector<SchemaObject>& own = own_schema();
+  for (const SchemaObject& found : schema_objects(db)) {
+    const auto match = std::find_if(own.begin(), own.end(), [&](const SchemaObject& object) {
+      return object.type == found.type && object.name == found.name;
+    });
+    const std::string where = "wiki store: " + quote_input(db.path().string());
+    if (match == own.end()) {
+      // A table that names a virtual table's module is still "table" here.
+      const bool virtual_table = found.sql && found.sql->rfind("CREATE VIRTUAL TABLE", 0) == 0;
+      throw StoreError(where + " holds " +
+                       (virtual_table ? std::string("a virtual table") : a_kind(found.type)) + " " +
+                       quote_input(found.name) +
+                       " that this program does not create; it is left untouched");
+    }
+    if (match->sql != found.sql) {
+      throw StoreError(where + " holds " + a_kind(found.type) + " " + quote_input(found.name) +
+                       " whose definition is not the one this program gives it; it is left "
+                       "untouched");
+    }
+  }
+}
 
 }  // namespace
 
@@ -84,37 +172,17 @@ void SqliteWikiStore::open_schema() {
   // file must be left exactly as it was.
   const std::int64_t version = read_version();
   if (version > SCHEMA_VERSION) {
-    throw StoreError("wiki store: " + in_quotes(db_.path().string()) + " has schema version " +
+    throw StoreError("wiki store: " + quote_input(db_.path().string()) + " has schema version " +
                      std::to_string(version) + ", newer than the version " +
                      std::to_string(SCHEMA_VERSION) + " this program knows");
   }
-  if (version == 0) {
-    std::string foreign;
-    db_.for_each_row("SELECT name FROM sqlite_schema WHERE type = 'table'", {},
-                     [&](sqlite3_stmt* step) {
-                       const std::string_view name = column_text(step, 0);
-                       for (const auto own : kOwnTables) {
-                         if (name == own) return;
-                       }
-                       if (foreign.empty()) foreign = name;
-                     });
-    if (!foreign.empty()) {
-      throw StoreError("wiki store: " + in_quotes(db_.path().string()) +
-                       " holds tables of another program (" + foreign + "); it is left untouched");
-    }
-  }
+  check_own_schema(db_);
   db_.enable_wal();
   if (version == SCHEMA_VERSION) return;
   auto scope = db_.transaction();
   // Another connection may have created the schema while this one waited.
   if (read_version() == SCHEMA_VERSION) return;
-  std::string_view rest = kSchema;
-  while (true) {
-    const auto end = rest.find(';');
-    if (end == std::string_view::npos) break;
-    db_.execute(rest.substr(0, end + 1));
-    rest.remove_prefix(end + 1);
-  }
+  run_schema(db_);
   db_.execute("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
 }
 
@@ -129,7 +197,7 @@ void refuse_links(const SafeDir& dir) {
     const std::string name = std::string(kStoreFile) + std::string(suffix);
     const auto status = dir.entry_status(name);
     if (status && !S_ISREG(status->st_mode)) {
-      throw StoreError("wiki store: " + in_quotes((dir.path() / name).string()) +
+      throw StoreError("wiki store: " + quote_input((dir.path() / name).string()) +
                        (S_ISLNK(status->st_mode) ? " is a symbolic link; refusing to follow it"
                                                  : " is not a regular file"));
     }

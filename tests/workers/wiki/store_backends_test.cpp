@@ -263,7 +263,7 @@ TEST(SqliteWikiStore, NewerOrForeignSchemaIsAnErrorAndLeftAsItWas) {
   const std::pair<const char*, const char*> cases[] = {
       {"CREATE TABLE future (x); PRAGMA user_version = 7",
        "schema version 7, newer than the version 2"},
-      {"CREATE TABLE notes (x)", "holds tables of another program (notes)"},
+      {"CREATE TABLE notes (x)", "holds a table \"notes\" that this program does not create"},
   };
   for (const auto& [sql, message] : cases) {
     kodrune_test::TempDir tmp;
@@ -284,6 +284,72 @@ TEST(SqliteWikiStore, NewerOrForeignSchemaIsAnErrorAndLeftAsItWas) {
     EXPECT_EQ(read_bytes(path), before) << sql;
     EXPECT_FALSE(std::filesystem::exists(tmp.path() / "wiki.db-wal")) << sql;
   }
+}
+
+// A store committed to a repository is opened by whoever clones it: an
+// object this program did not create is refused by name before anything in
+// the file is read, written or run.
+TEST(SqliteWikiStore, ObjectsThisProgramDoesNotCreateAreRefusedByNameAndNeverRun) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"CREATE TRIGGER pwn AFTER INSERT ON wiki_pages BEGIN UPDATE wiki_pages SET title = "
+       "'pwned'; END",
+       "holds a trigger \"pwn\" that this program does not create"},
+      {"CREATE VIEW peek AS SELECT title FROM wiki_pages", "holds a view \"peek\""},
+      {"CREATE INDEX by_title ON wiki_pages (title)", "holds an index \"by_title\""},
+      {"CREATE VIRTUAL TABLE search USING fts5(body)", "holds a virtual table \"search\""},
+      {"CREATE TABLE extra (x)", "holds a table \"extra\""},
+      {"DROP INDEX wiki_pages_by_insertion; "
+       "CREATE INDEX wiki_pages_by_insertion ON wiki_pages (title)",
+       "holds an index \"wiki_pages_by_insertion\" whose definition is not the one this "
+       "program gives it"},
+      {"ALTER TABLE file_hashes ADD COLUMN note TEXT",
+       "holds a table \"file_hashes\" whose definition is not the one this program gives it"},
+  };
+  for (const auto& [sql, message] : cases) {
+    kodrune_test::TempDir tmp;
+    const auto path = tmp.path() / "wiki.db";
+    {
+      SqliteWikiStore store(path);
+      store.upsert_wiki_page("main", "overview", "Overview", {});
+    }
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(raw);
+    sqlite3_close(raw);
+    const std::string before = read_bytes(path);
+
+    try {
+      SqliteWikiStore store(path);
+      store.upsert_wiki_page("main", "second", "Second", {});
+      ADD_FAILURE() << "opened a store holding " << sql;
+    } catch (const StoreError& e) {
+      EXPECT_THAT(e.what(), HasSubstr(message));
+    }
+    EXPECT_EQ(read_bytes(path), before) << sql;
+  }
+}
+
+TEST(SqliteWikiStore, StoreOfTheOlderLayoutOpensAndGainsTheNewTable) {
+  kodrune_test::TempDir tmp;
+  const auto path = tmp.path() / "wiki.db";
+  {
+    SqliteWikiStore store(path);
+    store.upsert_wiki_page("main", "overview", "Overview", {});
+  }
+  // The first version had no table of pending log lines.
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(raw, "DROP TABLE plan_log_pending; PRAGMA user_version = 1", nullptr,
+                         nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(raw);
+
+  SqliteWikiStore store(path);
+  EXPECT_EQ(store.load_pages("main").size(), 1u);
+  EXPECT_EQ(std::get<std::int64_t>(store.sqlite().query("PRAGMA user_version").at(0).at(0)), 2);
+  EXPECT_EQ(
+      store.sqlite().query("SELECT name FROM sqlite_schema WHERE name = 'plan_log_pending'").size(),
+      1u);
 }
 
 TEST(SqliteWikiStore, SecondWriterWaitsForTheFirstInsteadOfFailing) {

@@ -91,6 +91,10 @@ struct RepositoryIndex {
   // `source_files`: finding out that a file is there already took it, so a
   // build that hashes the files need not ask the file system again.
   std::vector<FileStamp> source_stamps;
+  // Files left out because their names are not UTF-8 or hold a control
+  // character (a line feed, a tab): no JSON text, store column or line of
+  // output could carry them as they are. Sorted, as git or the walk gave them.
+  std::vector<std::string> left_out;
 };
 
 // The output of a program run without a shell.
@@ -105,7 +109,8 @@ ProcessResult run_process(const std::vector<std::string>& argv);
 
 // The repository's files: `git ls-files -z` inside a git work tree, else a
 // walk of `root` that skips hidden folders. Only paths that are regular files
-// now are kept (a tracked file deleted from the work tree is gone).
+// now are kept (a tracked file deleted from the work tree is gone), and only
+// names the wiki can carry (see `RepositoryIndex::left_out`).
 std::vector<std::string> list_repository_files(const std::filesystem::path& root);
 
 // The index with its source files picked out by `settings.code_extensions`.

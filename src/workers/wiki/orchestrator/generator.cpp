@@ -17,6 +17,7 @@
 #include "mirrored_store.hpp"
 #include "workers/wiki/fault_point.hpp"
 #include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/quoting.hpp"
 #include "workers/wiki/repo_facts.hpp"
 #include "workers/wiki/verify.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -30,6 +31,26 @@ namespace zenthar_kodrune::workers::wiki {
 namespace fs = std::filesystem;
 
 namespace {
+
+// Files named in one warning before the rest are only counted.
+constexpr std::size_t kLeftOutNamed = 5;
+
+// One warning per derivation, so a build says once which files it left out.
+void warn_left_out(const std::vector<std::string>& left_out) {
+  if (left_out.empty()) return;
+  std::string names;
+  for (std::size_t i = 0; i < left_out.size() && i < kLeftOutNamed; ++i) {
+    if (i > 0) names.append(", ");
+    names.append(quote_input(left_out[i]));
+  }
+  if (left_out.size() > kLeftOutNamed) {
+    names.append(" and " + std::to_string(left_out.size() - kLeftOutNamed) + " more");
+  }
+  plan_record_logger()->warn(
+      "left out {} file{} whose name{} not UTF-8 text or hold{} a control character: {}",
+      left_out.size(), left_out.size() == 1 ? "" : "s", left_out.size() == 1 ? " is" : "s are",
+      left_out.size() == 1 ? "s" : "", names);
+}
 
 std::unique_ptr<WikiStore> open_default_store(const fs::path& checkout_root) {
   return SqliteWikiStore::open_default(checkout_root);
@@ -206,6 +227,7 @@ void WikiGenerator::forget_reads() {
 Derivation WikiGenerator::derive(bool replan, bool prefetch) {
   forget_reads();
   index_ = index_repository(checkout_root_, options_.planner);
+  warn_left_out(index_.left_out);
   if (prefetch) {
     // The hasher, the index and the cache are left to the prefetch thread
     // until collect_prefetch: nothing below touches them. The store reads

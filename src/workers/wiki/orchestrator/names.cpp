@@ -1,6 +1,7 @@
 // Names that become paths: branch names and page paths inside the wiki folder.
 #include <string>
 
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
@@ -11,7 +12,7 @@ namespace fs = std::filesystem;
 namespace {
 
 [[noreturn]] void refuse(std::string_view branch, std::string_view rule) {
-  throw ValueError("invalid branch name \"" + std::string(branch) + "\": " + std::string(rule));
+  throw ValueError("invalid branch name " + quote_input(branch) + ": " + std::string(rule));
 }
 
 bool starts_with(std::string_view text, std::string_view prefix) {

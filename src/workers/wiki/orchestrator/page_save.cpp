@@ -14,6 +14,7 @@
 #include "mirrored_store.hpp"
 #include "workers/wiki/fault_point.hpp"
 #include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/quoting.hpp"
 #include "workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -90,8 +91,13 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
                                     const std::optional<Json>& citations,
                                     const std::optional<std::string>& title) {
   check_page_id_length(page_id);
-  check_utf8(body, "body of page " + page_id);
-  if (title) check_utf8(*title, "title of page " + page_id);
+  check_utf8(body, "body of page " + quote_input(page_id));
+  if (title) {
+    check_utf8(*title, "title of page " + quote_input(page_id));
+    // A title is shown on one line of every listing; a line feed in it
+    // would split a page's line in two.
+    check_one_line(*title, "title of page " + quote_input(page_id));
+  }
   const BranchHold hold = hold_branch();
   SaveResult result;
   std::optional<SafeDir> folder;
@@ -121,7 +127,8 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
         std::find_if(last_plans_.begin(), last_plans_.end(),
                      [&](const PlanPtr& plan) { return plan->page_id == page_id; });
     if (plan_it == last_plans_.end()) {
-      throw KeyError("page id \"" + page_id + "\" is not in the current plan of branch " + branch_);
+      throw KeyError("page id " + quote_input(page_id) + " is not in the current plan of branch " +
+                     branch_);
     }
     const PagePlan& plan = **plan_it;
     const Existing& existing = _existing();
@@ -129,7 +136,7 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
     const std::string rel_path = row == existing.end()
                                      ? page_rel_path(page_id)
                                      : row_text(row->second, "rel_path", page_rel_path(page_id));
-    result.body_path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
+    result.body_path = path_inside(wiki_dir_, rel_path, "rel_path of page " + quote_input(page_id));
 
     CheckedCitations checked = check_citations(citations, body, index_.files, checkout_root_);
     result.citations = std::move(checked.valid);
@@ -188,7 +195,8 @@ std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id)
   const auto row = rows.find(page_id);
   if (row == rows.end() || row_text(row->second, "content_hash").empty()) return std::nullopt;
   const std::string rel_path = row_text(row->second, "rel_path", page_rel_path(page_id));
-  const fs::path path = path_inside(wiki_dir_, rel_path, "rel_path of page " + page_id);
+  const fs::path path =
+      path_inside(wiki_dir_, rel_path, "rel_path of page " + quote_input(page_id));
   std::error_code ec;
   if (fs::is_regular_file(path, ec)) return read_whole_file(path);
   return repository_->page_body(branch_, page_id);

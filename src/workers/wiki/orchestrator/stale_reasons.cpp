@@ -8,6 +8,7 @@
 
 #include "generator_internals.hpp"
 #include "mirrored_store.hpp"
+#include "workers/wiki/quoting.hpp"
 #include "workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -163,7 +164,8 @@ Json WikiGenerator::page_changes(const std::vector<std::string>& page_ids) {
   for (const auto& id : page_ids) {
     const auto plan = by_id.find(id);
     if (plan == by_id.end()) {
-      throw KeyError("page id \"" + id + "\" is not in the current plan of branch " + branch_);
+      throw KeyError("page id " + quote_input(id) + " is not in the current plan of branch " +
+                     branch_);
     }
     const auto row = existing.find(id);
     out[id] = _page_changes(*plan->second, row == existing.end() ? nullptr : &row->second);

@@ -13,11 +13,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <iterator>
 #include <string_view>
 #include <system_error>
 #include <thread>
 #include <unordered_set>
 
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 
@@ -115,6 +117,7 @@ std::vector<std::optional<FileStamp>> stamps_of(const fs::path& root,
 struct ListedFiles {
   std::vector<std::string> paths;
   std::vector<FileStamp> stamps;
+  std::vector<std::string> left_out;
 };
 
 // The repository's regular files, sorted and distinct, with their stamps.
@@ -130,8 +133,15 @@ ListedFiles listed_files(const fs::path& root) {
     std::sort(candidates.begin(), candidates.end());
   }
   candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
-  const std::vector<std::optional<FileStamp>> stamps = stamps_of(root, candidates);
   ListedFiles listed;
+  // A name the wiki cannot carry is left out whole rather than renamed: a
+  // changed name would be a file that does not exist.
+  const auto odd =
+      std::stable_partition(candidates.begin(), candidates.end(),
+                            [](const std::string& path) { return is_carried_path(path); });
+  listed.left_out.assign(std::make_move_iterator(odd), std::make_move_iterator(candidates.end()));
+  candidates.erase(odd, candidates.end());
+  const std::vector<std::optional<FileStamp>> stamps = stamps_of(root, candidates);
   listed.paths.reserve(candidates.size());
   listed.stamps.reserve(candidates.size());
   for (std::size_t i = 0; i < candidates.size(); ++i) {
@@ -226,6 +236,7 @@ RepositoryIndex index_repository(const fs::path& root, const PlannerSettings& se
     index.source_stamps.push_back(listed.stamps[i]);
   }
   index.files = std::move(listed.paths);
+  index.left_out = std::move(listed.left_out);
   return index;
 }
 
