@@ -203,7 +203,7 @@ test('an agent writes a wiki through the MCP server', async () => {
     failed = await client.callTool({ name: 'save_page', arguments: { page_id: 'module-lib', body: 'broken \ud800 text' } });
     assert.equal(failed.isError, true);
     assert.match(failed.content[0].text,
-                 /^kodrune-wiki: error: body of page module-lib is not valid UTF-8: bad byte 0xed at offset 7$/);
+                 /^kodrune-wiki: error: body of page "module-lib" is not valid UTF-8: bad byte 0xed at offset 7$/);
     await assert.rejects(client.callTool({ name: 'wiki', arguments: { action: 'generate', replan: 'yes' } }),
                          (error) => error instanceof McpError && error.code === ErrorCode.InvalidParams &&
                                     /arguments\.replan must be a boolean/.test(error.message));
