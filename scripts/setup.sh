@@ -10,7 +10,7 @@ packages=(
   nlohmann-json3-dev libtsl-ordered-map-dev libpcre2-dev libspdlog-dev
   libsqlite3-dev libssl-dev libcli11-dev libmimalloc-dev libutfcpp-dev libsimdjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev
-  postgresql libpq-dev
+  postgresql libpq-dev libyaml-cpp-dev
 )
 
 missing=()

@@ -73,6 +73,8 @@ Command add_plan_command(CLI::App& app);
 Command add_save_command(CLI::App& app);
 Command add_changes_command(CLI::App& app);
 Command add_reanchor_command(CLI::App& app);
+Command add_check_command(CLI::App& app);
+Command add_export_command(CLI::App& app);
 Command add_log_command(CLI::App& app);
 Command add_mcp_command(CLI::App& app);
 Command add_rpc_command(CLI::App& app);
