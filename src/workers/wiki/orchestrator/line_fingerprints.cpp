@@ -3,6 +3,7 @@
 #include "line_fingerprints.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <limits>
 
@@ -38,13 +39,18 @@ std::int64_t distance(std::size_t a, std::size_t b) {
 }  // namespace
 
 std::uint64_t line_hash(std::string_view line) {
+  // One multiply a word and a full mix at the end: every line of a changed
+  // file is hashed, so this runs at close to memory speed.
   std::uint64_t h = 0x243f6a8885a308d3ULL ^ (line.size() * kMultiplier);
   std::size_t i = 0;
   for (; i + 8 <= line.size(); i += 8) {
-    h = (h ^ mix(load_le(line.data() + i, 8))) * kMultiplier;
-    h = (h << 29) | (h >> 35);
+    h = (h ^ load_le(line.data() + i, 8)) * kMultiplier;
+    h ^= h >> 29;
   }
-  if (i < line.size()) h = (h ^ mix(load_le(line.data() + i, line.size() - i))) * kMultiplier;
+  if (i < line.size()) {
+    h = (h ^ load_le(line.data() + i, line.size() - i)) * kMultiplier;
+    h ^= h >> 29;
+  }
   return mix(h);
 }
 
@@ -93,21 +99,34 @@ std::string hashes_to_hex(const std::vector<std::uint64_t>& hashes) {
   return out;
 }
 
-std::optional<std::vector<std::uint64_t>> hashes_from_hex(std::string_view text) {
-  if (text.size() % 16 != 0) return std::nullopt;
-  std::vector<std::uint64_t> out(text.size() / 16);
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    std::uint64_t digit = 0;
-    if (c >= '0' && c <= '9') {
-      digit = static_cast<std::uint64_t>(c - '0');
-    } else if (c >= 'a' && c <= 'f') {
-      digit = static_cast<std::uint64_t>(c - 'a' + 10);
-    } else {
-      return std::nullopt;
+bool hashes_from_hex(std::string_view text, std::vector<std::uint64_t>& into) {
+  // Each hex digit's value, 255 for every other byte.
+  static constexpr auto kDigits = [] {
+    std::array<std::uint8_t, 256> table{};
+    table.fill(255);
+    for (int c = 0; c < 10; ++c) table['0' + c] = static_cast<std::uint8_t>(c);
+    for (int c = 0; c < 6; ++c) table['a' + c] = static_cast<std::uint8_t>(10 + c);
+    return table;
+  }();
+  if (text.size() % 16 != 0) return false;
+  into.resize(text.size() / 16);
+  for (std::size_t i = 0; i < into.size(); ++i) {
+    std::uint64_t value = 0;
+    std::uint8_t bad = 0;
+    for (std::size_t digit = 0; digit < 16; ++digit) {
+      const std::uint8_t v = kDigits[static_cast<unsigned char>(text[i * 16 + digit])];
+      bad |= v;
+      value = (value << 4) | (v & 15);
     }
-    out[i / 16] = (out[i / 16] << 4) | digit;
+    if ((bad & 0xf0) != 0) return false;
+    into[i] = value;
   }
+  return true;
+}
+
+std::optional<std::vector<std::uint64_t>> hashes_from_hex(std::string_view text) {
+  std::vector<std::uint64_t> out;
+  if (!hashes_from_hex(text, out)) return std::nullopt;
   return out;
 }
 

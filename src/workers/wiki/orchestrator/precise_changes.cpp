@@ -62,8 +62,6 @@ PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const J
   report = judge_citations(
       *row, changes, [this](const std::string& path) { return read_cited_file(path); },
       [&] { return saved_body(page_id); });
-  changes["citations"] = report.citations;
-  changes["changed_sections"] = report.changed_sections;
   out.fingerprinted = report.fingerprinted;
   out.changed = report.changed;
   out.gone = report.gone;
@@ -79,6 +77,9 @@ PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const J
                        citation.at("now").at("line_end").get<std::int64_t>());
     if (seen.insert(named).second) out.moved.push_back(named);
   }
+  // Handed over, not copied: a page may cite ten thousand ranges.
+  changes["citations"] = std::move(report.citations);
+  changes["changed_sections"] = std::move(report.changed_sections);
   const Json* stored = row_mapping(*row, "source_hashes");
   const bool marked = stored != nullptr && stored->contains(std::string(_STALE_SENTINEL));
   const Json* steering_then =
