@@ -6,6 +6,7 @@
 #   bash scripts/precision.sh                         # zstd lib/ and programs/ (every step,
 #                                                     # then every 7th) and this repository's own
 #   bash scripts/precision.sh --git REPO [--stride N] [--ext .c,.h] [--steps]
+#   PRECISION_BIN=build/release bash scripts/precision.sh   # binaries already built there
 #
 # Builds kodrune-wiki and the replay tool in Release (build/bench-release);
 # every history is replayed in a clone of its own under a temporary folder.
@@ -19,9 +20,11 @@ jobs=$(nproc 2>/dev/null || echo 2)
 # hits at -O2 stay warnings in this optimised build.
 cxxflags=${BENCH_CXXFLAGS--Wno-error=array-bounds -Wno-error=stringop-overflow}
 
-bash scripts/setup.sh
-mkdir -p "$build"
-if ! {
+# PRECISION_BIN=DIR uses the kodrune-wiki and bench/kodrune_precision built
+# there, and builds nothing.
+if [ -n "${PRECISION_BIN:-}" ]; then
+  build=$PRECISION_BIN
+elif ! bash scripts/setup.sh || ! mkdir -p "$build" || ! {
   cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF \
     -DKODRUNE_BUILD_BENCH=ON "-DCMAKE_CXX_FLAGS=$cxxflags" &&
     cmake --build "$build" -j "$jobs" --target kodrune-wiki kodrune_precision
