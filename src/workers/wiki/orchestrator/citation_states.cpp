@@ -141,7 +141,9 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
   const Json* fingerprints =
       cache == nullptr ? nullptr : find_value(*cache, std::string(kFingerprintsKey));
   const Json* entries = fingerprints == nullptr ? nullptr : find_value(*fingerprints, "citations");
-  Json sections;
+  // The stored sections, read in place; those of an old page's body, made here.
+  Json made_sections = Json::array();
+  const Json* sections = &made_sections;
   std::vector<Judged> judged;
   // The stored entry of each fingerprinted citation, decoded only when its
   // file changed.
@@ -156,7 +158,7 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
       prints.push_back(has_fingerprint(entry) ? &entry : nullptr);
     }
     const Json* listed = find_value(*fingerprints, "sections");
-    sections = listed != nullptr && listed->is_array() ? *listed : Json::array();
+    if (listed != nullptr && listed->is_array()) sections = listed;
   } else {
     // Saved before fingerprints: the stored citations, placed in the
     // sections of the saved body when it can be read.
@@ -171,7 +173,7 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
       }
     }
     const std::optional<std::string> text = judged.empty() ? std::nullopt : body();
-    sections = text ? listed_sections(*text, index) : Json::array();
+    if (text) made_sections = listed_sections(*text, index);
   }
 
   // Each modified file is read once and indexed once, for all its ranges.
@@ -260,7 +262,7 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
   };
   report.citations.get_ref<Json::array_t&>().reserve(judged.size());
   std::vector<bool> in_section(judged.size(), false);
-  for (const Json& section : sections) {
+  for (const Json& section : *sections) {
     const Json* heading = find_value(section, "heading");
     const Json* cites = find_value(section, "cites");
     if (heading == nullptr || !heading->is_string() || cites == nullptr || !cites->is_array()) {
