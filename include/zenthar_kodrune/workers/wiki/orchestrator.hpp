@@ -393,9 +393,10 @@ class WikiGenerator : public PlanRecordMixin {
   void finish_interrupted_saves();
   // Why a written page's body no longer matches its row, or nullopt.
   std::optional<std::string> body_mismatch(const Json& row);
-  // precise_page_changes, with the judged citations left in `report`.
-  PreciseChanges precise_page_changes(const PagePlan& plan, const Json* row,
-                                      CitationReport& report);
+  // precise_page_changes, with the judged citations left in `report`;
+  // `moved` is filled only when `describe_moved`.
+  PreciseChanges precise_page_changes(const PagePlan& plan, const Json* row, CitationReport& report,
+                                      bool describe_moved);
   // A cited file's text now, nullopt when it is no regular file.
   std::optional<std::string> read_cited_file(const std::string& path) const;
 

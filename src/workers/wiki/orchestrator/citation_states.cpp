@@ -5,7 +5,12 @@
 // page saved before they existed keeps today's file rule.
 #include "citation_states.hpp"
 
+#include <algorithm>
+#include <atomic>
+#include <exception>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <unordered_set>
 
 #include "line_fingerprints.hpp"
@@ -18,6 +23,9 @@ namespace zenthar_kodrune::workers::wiki {
 namespace {
 
 using CitationIndex = std::unordered_map<CitationKey, std::size_t, CitationKeyHash>;
+
+// Below this many changed files, threads cost more than they save.
+constexpr std::size_t kParallelFrom = 64;
 
 bool has_range(const CitationKey& key) {
   return key.line_start >= 1 && key.line_end >= key.line_start;
@@ -56,10 +64,16 @@ std::unordered_set<std::string> path_set(const Json& changes, const char* key) {
   return out;
 }
 
-std::optional<std::vector<std::uint64_t>> stored_hashes(const Json& entry, const char* key) {
+// The entry's stored hashes decoded into `into`; false when it has none.
+bool stored_hashes(const Json& entry, const char* key, std::vector<std::uint64_t>& into) {
   const Json* text = find_value(entry, key);
-  if (text == nullptr || !text->is_string()) return std::nullopt;
-  return hashes_from_hex(text->get_ref<const std::string&>());
+  return text != nullptr && text->is_string() &&
+         hashes_from_hex(text->get_ref<const std::string&>(), into);
+}
+
+bool has_fingerprint(const Json& entry) {
+  const Json* lines = find_value(entry, "lines");
+  return lines != nullptr && lines->is_string() && !lines->empty();
 }
 
 struct Judged {
@@ -127,25 +141,24 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
   const Json* fingerprints =
       cache == nullptr ? nullptr : find_value(*cache, std::string(kFingerprintsKey));
   const Json* entries = fingerprints == nullptr ? nullptr : find_value(*fingerprints, "citations");
-  Json sections;
+  // The stored sections, read in place; those of an old page's body, made here.
+  Json made_sections = Json::array();
+  const Json* sections = &made_sections;
   std::vector<Judged> judged;
-  std::vector<std::optional<Fingerprint>> prints;
+  // The stored entry of each fingerprinted citation, decoded only when its
+  // file changed.
+  std::vector<const Json*> prints;
 
   if (entries != nullptr && entries->is_array()) {
     report.fingerprinted = true;
+    judged.reserve(entries->size());
+    prints.reserve(entries->size());
     for (const Json& entry : *entries) {
       judged.push_back({citation_key(entry), {}});
-      std::optional<Fingerprint> print;
-      auto lines = stored_hashes(entry, "lines");
-      auto before = stored_hashes(entry, "before");
-      auto after = stored_hashes(entry, "after");
-      if (lines && before && after && !lines->empty()) {
-        print = Fingerprint{std::move(*lines), std::move(*before), std::move(*after)};
-      }
-      prints.push_back(std::move(print));
+      prints.push_back(has_fingerprint(entry) ? &entry : nullptr);
     }
     const Json* listed = find_value(*fingerprints, "sections");
-    sections = listed != nullptr && listed->is_array() ? *listed : Json::array();
+    if (listed != nullptr && listed->is_array()) sections = listed;
   } else {
     // Saved before fingerprints: the stored citations, placed in the
     // sections of the saved body when it can be read.
@@ -156,11 +169,11 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
         const CitationKey key = citation_key(citation);
         if (!index.emplace(key, judged.size()).second) continue;
         judged.push_back({key, {}});
-        prints.emplace_back();
+        prints.push_back(nullptr);
       }
     }
     const std::optional<std::string> text = judged.empty() ? std::nullopt : body();
-    sections = text ? listed_sections(*text, index) : Json::array();
+    if (text) made_sections = listed_sections(*text, index);
   }
 
   // Each modified file is read once and indexed once, for all its ranges.
@@ -178,36 +191,78 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
       judgement.state = CitationState::changed;
     }
   }
-  for (const auto& [path, indices] : by_file) {
-    const std::optional<std::string> text = read(path);
-    if (!text) {
-      for (const std::size_t i : indices) judged[i].judgement.state = CitationState::gone;
-      continue;
+  // Files are judged on every core when there are many: each is read,
+  // hashed and indexed on its own, and writes only its own citations.
+  std::vector<const std::pair<const std::string, std::vector<std::size_t>>*> files;
+  files.reserve(by_file.size());
+  for (const auto& file : by_file) files.push_back(&file);
+  std::atomic<std::size_t> next{0};
+  std::exception_ptr failure;
+  std::mutex failure_mutex;
+  const auto work = [&] {
+    Fingerprint print;
+    for (std::size_t f = next++; f < files.size(); f = next++) {
+      try {
+        const auto& [path, indices] = *files[f];
+        const std::optional<std::string> text = read(path);
+        if (!text) {
+          for (const std::size_t i : indices) judged[i].judgement.state = CitationState::gone;
+          continue;
+        }
+        LineIndex file(line_hashes(*text));
+        for (const std::size_t i : indices) {
+          if (stored_hashes(*prints[i], "lines", print.lines) &&
+              stored_hashes(*prints[i], "before", print.before) &&
+              stored_hashes(*prints[i], "after", print.after)) {
+            judged[i].judgement = file.judge(print, judged[i].key.line_start);
+          } else {
+            judged[i].judgement.state = CitationState::changed;
+          }
+        }
+      } catch (...) {
+        const std::lock_guard lock(failure_mutex);
+        if (!failure) failure = std::current_exception();
+        next = files.size();
+      }
     }
-    LineIndex file(line_hashes(*text));
-    for (const std::size_t i : indices) {
-      judged[i].judgement = file.judge(*prints[i], judged[i].key.line_start);
-    }
+  };
+  const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+  if (files.size() < kParallelFrom || cores == 1) {
+    work();
+  } else {
+    std::vector<std::thread> workers;
+    for (unsigned i = 0; i < cores; ++i) workers.emplace_back(work);
+    for (auto& worker : workers) worker.join();
   }
+  if (failure) std::rethrow_exception(failure);
 
   const auto record = [&](const Json& section, std::size_t i) {
     const CitationKey& key = judged[i].key;
     const Judgement& judgement = judged[i].judgement;
-    Json item = Json::object();
-    item["section"] = section;
-    item["path"] = key.path;
-    item["line_start"] = key.line_start;
-    item["line_end"] = key.line_end;
-    item["state"] = state_name(judgement.state);
+    // Members placed once each: a page may cite ten thousand ranges.
+    Json item(Json::value_t::object);
+    auto& members = item.get_ref<Json::object_t&>();
+    members.reserve(6);
+    members.emplace("section", section);
+    members.emplace("path", key.path);
+    members.emplace("line_start", key.line_start);
+    members.emplace("line_end", key.line_end);
+    members.emplace("state", state_name(judgement.state));
     if (judgement.state == CitationState::intact || judgement.state == CitationState::moved) {
-      item["now"] = {{"line_start", judgement.line_start}, {"line_end", judgement.line_end}};
+      Json now(Json::value_t::object);
+      auto& range = now.get_ref<Json::object_t&>();
+      range.reserve(2);
+      range.emplace("line_start", judgement.line_start);
+      range.emplace("line_end", judgement.line_end);
+      members.emplace("now", std::move(now));
     } else {
-      item["now"] = nullptr;
+      members.emplace("now", nullptr);
     }
     report.citations.push_back(std::move(item));
   };
+  report.citations.get_ref<Json::array_t&>().reserve(judged.size());
   std::vector<bool> in_section(judged.size(), false);
-  for (const Json& section : sections) {
+  for (const Json& section : *sections) {
     const Json* heading = find_value(section, "heading");
     const Json* cites = find_value(section, "cites");
     if (heading == nullptr || !heading->is_string() || cites == nullptr || !cites->is_array()) {
@@ -242,10 +297,11 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
 
   for (const auto& [key, judgement] : judged) {
     if (!has_range(key)) continue;
-    const std::string named = describe_range(key.path, key.line_start, key.line_end);
-    if (judgement.state == CitationState::changed) report.changed.push_back(named);
-    if (judgement.state == CitationState::gone) report.gone.push_back(named);
-    if (judgement.state == CitationState::moved) {
+    if (judgement.state == CitationState::changed) {
+      report.changed.push_back(describe_range(key.path, key.line_start, key.line_end));
+    } else if (judgement.state == CitationState::gone) {
+      report.gone.push_back(describe_range(key.path, key.line_start, key.line_end));
+    } else if (judgement.state == CitationState::moved) {
       report.moved.emplace(key, std::make_pair(judgement.line_start, judgement.line_end));
     }
   }

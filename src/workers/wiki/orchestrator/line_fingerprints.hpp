@@ -41,6 +41,8 @@ std::optional<Fingerprint> fingerprint_of(const std::vector<std::uint64_t>& file
 std::string hashes_to_hex(const std::vector<std::uint64_t>& hashes);
 // nullopt for text that is not such a concatenation.
 std::optional<std::vector<std::uint64_t>> hashes_from_hex(std::string_view text);
+// The same into `into` (its room reused); false for such text.
+bool hashes_from_hex(std::string_view text, std::vector<std::uint64_t>& into);
 
 enum class CitationState { intact, moved, changed, gone };
 const char* state_name(CitationState state);

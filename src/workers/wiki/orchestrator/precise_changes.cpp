@@ -49,11 +49,11 @@ std::optional<std::string> WikiGenerator::read_cited_file(const std::string& pat
 
 PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const Json* row) {
   CitationReport report;
-  return precise_page_changes(plan, row, report);
+  return precise_page_changes(plan, row, report, true);
 }
 
 PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const Json* row,
-                                                   CitationReport& report) {
+                                                   CitationReport& report, bool describe_moved) {
   PreciseChanges out;
   if (row == nullptr) return out;
   Json changes = _page_changes(plan, row);
@@ -62,13 +62,12 @@ PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const J
   report = judge_citations(
       *row, changes, [this](const std::string& path) { return read_cited_file(path); },
       [&] { return saved_body(page_id); });
-  changes["citations"] = report.citations;
-  changes["changed_sections"] = report.changed_sections;
   out.fingerprinted = report.fingerprinted;
   out.changed = report.changed;
   out.gone = report.gone;
   std::unordered_set<std::string> seen;
   for (const Json& citation : report.citations) {
+    if (!describe_moved) break;
     if (citation.at("state") != "moved") continue;
     const std::string named =
         describe_range(citation.at("path").get<std::string>(),
@@ -79,6 +78,9 @@ PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const J
                        citation.at("now").at("line_end").get<std::int64_t>());
     if (seen.insert(named).second) out.moved.push_back(named);
   }
+  // Handed over, not copied: a page may cite ten thousand ranges.
+  changes["citations"] = std::move(report.citations);
+  changes["changed_sections"] = std::move(report.changed_sections);
   const Json* stored = row_mapping(*row, "source_hashes");
   const bool marked = stored != nullptr && stored->contains(std::string(_STALE_SENTINEL));
   const Json* steering_then =
@@ -110,7 +112,8 @@ Json WikiGenerator::precise_changes(const std::vector<std::string>& page_ids) {
       const Json* row = row_of(plan->page_id);
       if (row == nullptr || row_text(*row, "content_hash").empty()) continue;
       if (out.contains(plan->page_id)) continue;
-      out[plan->page_id] = precise_page_changes(*plan, row).changes;
+      CitationReport report;
+      out[plan->page_id] = precise_page_changes(*plan, row, report, false).changes;
     }
     return out;
   }
@@ -121,7 +124,8 @@ Json WikiGenerator::precise_changes(const std::vector<std::string>& page_ids) {
     if (plan == by_id.end()) {
       throw KeyError("page id \"" + id + "\" is not in the current plan of branch " + branch_);
     }
-    out[id] = precise_page_changes(*plan->second, row_of(id)).changes;
+    CitationReport report;
+    out[id] = precise_page_changes(*plan->second, row_of(id), report, false).changes;
   }
   return out;
 }
@@ -150,7 +154,7 @@ std::vector<ReanchorResult> WikiGenerator::reanchor(const std::vector<std::strin
       return;
     }
     CitationReport report;
-    const PreciseChanges precise = precise_page_changes(plan, &row->second, report);
+    const PreciseChanges precise = precise_page_changes(plan, &row->second, report, true);
     std::vector<std::string> why;
     if (!precise.fingerprinted) why.push_back("saved before its cited lines were fingerprinted");
     if (!precise.changed.empty()) why.push_back("cited lines changed: " + joined(precise.changed));

@@ -85,6 +85,32 @@ TEST(CitationStates, SectionsGoStaleOnlyForChangedCitedCode) {
   EXPECT_TRUE(b.changed.empty());
 }
 
+TEST(CitationStates, DamagedFingerprintsNeverPassForIntactLines) {
+  const Json changes = Json::parse(R"({
+    "changed_files": {"added": [], "removed": [], "modified": ["a.cpp"]},
+    "stale_sections": ["One"]})");
+  const auto judge = [&](const char* fingerprints) {
+    Json row = {{"content_hash", "x"}, {"build_cache", Json::object()}};
+    row["build_cache"]["fingerprints"] = Json::parse(fingerprints);
+    row["build_cache"]["citations"] = Json::array({citation("a.cpp", 1, 1)});
+    return judge_citations(row, changes, reader({{"a.cpp", "1\n"}}),
+                           [] { return std::optional<std::string>("## One\n[a](a.cpp#L1)\n"); });
+  };
+  // Not a list of citations: the page is judged as one saved without them.
+  CitationReport report = judge(R"({"citations": "none"})");
+  EXPECT_FALSE(report.fingerprinted);
+  EXPECT_EQ(report.changed_sections, Json::parse(R"(["One"])"));
+  EXPECT_EQ(report.citations.at(0).at("state"), "changed");
+  // Hashes that are not hashes, and section entries naming no citation.
+  report = judge(R"({"citations": [{"path": "a.cpp", "line_start": 1, "line_end": 1,
+    "lines": "zz", "before": "", "after": ""}],
+    "sections": [{"heading": "One", "cites": [0, 7, -1, "x"]}, {"cites": [0]}, 3]})");
+  EXPECT_TRUE(report.fingerprinted);
+  EXPECT_EQ(report.citations.size(), 1u);
+  EXPECT_EQ(report.citations.at(0).at("state"), "changed");
+  EXPECT_EQ(report.changed_sections, Json::parse(R"(["One"])"));
+}
+
 TEST(CitationStates, ReanchoringRewritesOnlyTheMovedStoredCitations) {
   CitationReport report;
   report.moved[CitationKey{"a.cpp", 2, 3}] = {4, 5};
