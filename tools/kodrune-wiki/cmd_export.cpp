@@ -307,6 +307,7 @@ std::string saved_at(const wiki::WikiGenerator& g, const Json& row) {
 }
 
 std::size_t export_okf(wiki::WikiGenerator& g, const fs::path& dir) {
+  g.refresh();  // the store's file-hash cache, as a build reads it
   const wiki::Derivation derivation = g.derive(false);
   const wiki::Existing& existing = g._existing();
   std::vector<PageEntry> pages;
@@ -333,7 +334,7 @@ std::size_t export_okf(wiki::WikiGenerator& g, const fs::path& dir) {
                              " cannot name a file of the bundle");
     }
     const Json& row = existing.at(plan.page_id);
-    const std::optional<std::string> body = g.saved_body(plan.page_id);
+    const std::optional<std::string> body = g.saved_body(plan.page_id, row);
     if (!body) continue;
     const std::string content_hash = wiki::row_text(row, "content_hash");
     std::string timestamp;
