@@ -378,6 +378,9 @@ class WikiGenerator : public PlanRecordMixin {
   // another worker saved) the body a shared store keeps; nullopt when the
   // page has none.
   std::optional<std::string> saved_body(const std::string& page_id);
+  // The same through the page's row as the caller holds it: nothing is
+  // loaded, so a walk over every page reads each body once.
+  std::optional<std::string> saved_body(const std::string& page_id, const Json& row);
 
  private:
   // A folder at `relative` below the repository root, no link followed.

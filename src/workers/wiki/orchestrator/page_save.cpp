@@ -193,8 +193,13 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
 std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id) {
   const Existing rows = repository_->load_pages(branch_);
   const auto row = rows.find(page_id);
-  if (row == rows.end() || row_text(row->second, "content_hash").empty()) return std::nullopt;
-  const std::string rel_path = row_text(row->second, "rel_path", page_rel_path(page_id));
+  if (row == rows.end()) return std::nullopt;
+  return saved_body(page_id, row->second);
+}
+
+std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id, const Json& row) {
+  if (row_text(row, "content_hash").empty()) return std::nullopt;
+  const std::string rel_path = row_text(row, "rel_path", page_rel_path(page_id));
   const fs::path path =
       path_inside(wiki_dir_, rel_path, "rel_path of page " + quote_input(page_id));
   std::error_code ec;

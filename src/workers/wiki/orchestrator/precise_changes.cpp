@@ -61,7 +61,7 @@ PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const J
   const std::string page_id = plan.page_id;
   report = judge_citations(
       *row, changes, [this](const std::string& path) { return read_cited_file(path); },
-      [&] { return saved_body(page_id); });
+      [&] { return saved_body(page_id, *row); });
   out.fingerprinted = report.fingerprinted;
   out.changed = report.changed;
   out.gone = report.gone;
@@ -173,7 +173,7 @@ std::vector<ReanchorResult> WikiGenerator::reanchor(const std::vector<std::strin
     if (!named && (!precise.only_needs_reanchoring || stale_reason(plan, false) == std::nullopt)) {
       return;
     }
-    std::optional<std::string> body = saved_body(plan.page_id);
+    std::optional<std::string> body = saved_body(plan.page_id, row->second);
     if (!body) {
       if (named) refused.push_back(plan.page_id + ": its saved body cannot be found");
       return;
