@@ -2,6 +2,8 @@
 // the code under them moved, changed or went away, through the real binary.
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "e2e/repo_fixture.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
@@ -178,6 +180,56 @@ TEST(PreciseStaleness, PageSavedBeforeFingerprintsKeepsTheFileRule) {
   EXPECT_EQ(refused.code, 1);
   EXPECT_NE(refused.err.find("saved before its cited lines were fingerprinted"), std::string::npos)
       << refused.err;
+}
+
+// The MCP server's answers to `calls` (tool name, arguments), after the
+// initialize handshake, in order.
+std::vector<Json> mcp_calls(const GitRepo& repo,
+                            const std::vector<std::pair<std::string, Json>>& calls) {
+  std::string lines =
+      R"({"jsonrpc":"2.0","id":0,"method":"initialize","params":{"protocolVersion":"2025-11-25",)"
+      R"("capabilities":{},"clientInfo":{"name":"test","version":"1"}}})"
+      "\n";
+  for (std::size_t i = 0; i < calls.size(); ++i) {
+    Json message = {{"jsonrpc", "2.0"}, {"id", i + 1}, {"method", "tools/call"}};
+    message["params"] = {{"name", calls[i].first}, {"arguments", calls[i].second}};
+    lines += message.dump() + "\n";
+  }
+  const RunResult run = repo.run("mcp < " + repo.scratch_file(lines, "mcp.jsonl"));
+  EXPECT_EQ(run.code, 0) << run.err;
+  std::vector<Json> answers(calls.size());
+  std::istringstream out(run.out);
+  for (std::string line; std::getline(out, line);) {
+    const Json message = Json::parse(line);
+    const std::size_t id = message.value("id", 0u);
+    if (id >= 1 && id <= calls.size()) answers[id - 1] = message.at("result");
+  }
+  return answers;
+}
+
+TEST(PreciseStaleness, McpToolsSayTheSameAndRefuseToReanchorChangedProse) {
+  GitRepo repo;
+  seed(repo);
+  edit(repo);
+  const auto answers = mcp_calls(repo, {{"changes", {{"page_ids", {"module-src"}}}},
+                                        {"wiki", {{"action", "status"}}},
+                                        {"reanchor", {{"page_ids", {"module-src"}}}}});
+  const Json& page = answers[0].at("structuredContent").at("changes").at("module-src");
+  EXPECT_EQ(page.at("changed_sections"), Json::parse(R"(["Edited", "Gone"])"));
+  EXPECT_EQ(page.at("citations").at(3),
+            cited("Duplicate", "src/dup.cpp", 6, 8, "moved", range(2, 4)));
+  EXPECT_EQ(page.at("citations").at(4), cited("Gone", "src/gone.cpp", 1, 2, "gone", nullptr));
+  // The page whose cited code changed comes before the page never written.
+  const Json& work = answers[1].at("structuredContent").at("pages");
+  ASSERT_EQ(work.size(), 2u) << work.dump();
+  EXPECT_EQ(work[0].at("page_id"), "module-src");
+  EXPECT_EQ(work[0].at("reanchor"), false);
+  EXPECT_EQ(work[1].at("page_id"), "overview");
+  EXPECT_EQ(answers[2].value("isError", false), true);
+  EXPECT_NE(answers[2].at("content").at(0).at("text").get<std::string>().find(
+                "cited lines gone: src/gone.cpp L1-L2"),
+            std::string::npos)
+      << answers[2];
 }
 
 }  // namespace
