@@ -318,8 +318,8 @@ TEST(PlanAgainstRecord, FamilyFormsOnceWhileAUnitOscillatesAtTheThreshold) {
     EXPECT_EQ(parts_of(build(seventeen, record)), family) << round;
   }
   // Down to the floor the family stays; below it, the unit is one page again.
-  EXPECT_FALSE(find(build(files_in("core", 13), record), "module-core").children.empty());
-  EXPECT_TRUE(find(build(files_in("core", 12), record), "module-core").children.empty());
+  EXPECT_FALSE(find(build(files_in("core", 9), record), "module-core").children.empty());
+  EXPECT_TRUE(find(build(files_in("core", 8), record), "module-core").children.empty());
   EXPECT_TRUE(find(build(files_in("core", 16), record), "module-core").children.empty());
 }
 

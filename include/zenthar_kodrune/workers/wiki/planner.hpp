@@ -82,7 +82,7 @@ struct PlannerSettings {
   std::size_t min_part_size = 3;
   // A unit the plan of record holds as a family stays one while it has more
   // files than this.
-  std::size_t family_floor = 12;
+  std::size_t family_floor = 8;
   // A stored part is cut again only past this many files, and joins a
   // neighbour only below `part_floor`.
   std::size_t part_ceiling = 20;
