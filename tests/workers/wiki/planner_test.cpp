@@ -377,6 +377,27 @@ TEST(PlanAgainstRecord, StoredPartIsCutAgainOnlyPastTheHardMaximum) {
   EXPECT_NE(past.count("module-lib-compress-part-zstd-ldm"), 0u);
 }
 
+TEST(PlanAgainstRecord, PartBelowTheHardMinimumJoinsItsNeighbour) {
+  Existing record;
+  const auto before = parts_of(build(kCompress, record));
+  // clevels.h, fse_compress.c, hist.c and hist.h: down to two, the part
+  // stays; down to one, it joins huf*, which keeps its id.
+  std::vector<std::string> files = kCompress;
+  for (const char* gone : {"clevels.h", "fse_compress.c"}) {
+    files.erase(std::find(files.begin(), files.end(), std::string("lib/compress/") + gone));
+  }
+  EXPECT_EQ(parts_of(build(files, record)).at("module-lib-compress-part-clevels"),
+            (std::vector<std::string>{"lib/compress/hist.c", "lib/compress/hist.h"}));
+  files.erase(std::find(files.begin(), files.end(), "lib/compress/hist.h"));
+  auto after = parts_of(build(files, record));
+  EXPECT_EQ(after.count("module-lib-compress-part-clevels"), 0u);
+  std::vector<std::string>& joined = after.at("module-lib-compress-part-huf");
+  ASSERT_EQ(joined.front(), "lib/compress/hist.c");
+  joined.erase(joined.begin());
+  EXPECT_EQ(after.size(), before.size() - 1);
+  for (const auto& [id, part_files] : after) EXPECT_EQ(part_files, before.at(id)) << id;
+}
+
 TEST(PlanAgainstRecord, TinyFolderFoldsIntoItsAncestorUntilItClearlyGrows) {
   std::vector<std::string> files = files_in("tests", 3);
   files.push_back("tests/mcp/session.js");
