@@ -267,6 +267,9 @@ struct Snapshot {
   std::unordered_map<std::string, std::vector<std::string>> pages_of;
   std::map<std::string, std::vector<std::string>> children;  // of family parents
   std::vector<std::size_t> part_sizes;
+  // Pages of one and of two files, the catch-all page aside.
+  std::size_t one_file_pages = 0;
+  std::size_t two_file_pages = 0;
 };
 
 Snapshot snapshot_of(const Json& plan) {
@@ -279,6 +282,10 @@ Snapshot snapshot_of(const Json& plan) {
       if (files.insert(path).second) snapshot.pages_of[path].push_back(id);
     }
     if (item.value("level", "") == "part") snapshot.part_sizes.push_back(files.size());
+    if (!item.value("catch_all", false)) {
+      snapshot.one_file_pages += files.size() == 1 ? 1 : 0;
+      snapshot.two_file_pages += files.size() == 2 ? 1 : 0;
+    }
     const auto& children = item.at("children");
     if (!children.empty()) snapshot.children[id] = children.get<std::vector<std::string>>();
   }
@@ -449,7 +456,9 @@ int run(const Options& options) {
               << *std::max_element(sizes.begin(), sizes.end()) << " files (median "
               << median_of(sizes, 1) << ")";
   }
-  std::cout << "\n";
+  std::cout << "\n"
+            << "small pages:       " << previous.one_file_pages << " of one file, "
+            << previous.two_file_pages << " of two (last build)\n";
   if (skipped_paths > 0) {
     std::cout << "skipped paths:     " << skipped_paths
               << " (under memory/ or not a plain relative path)\n";

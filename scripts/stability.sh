@@ -4,7 +4,8 @@
 # drift warnings and the median build time (see bench/replay_stability.cpp).
 #
 #   bash scripts/stability.sh                        # the recorded zstd history (every step,
-#                                                    # then every 7th) and this repository's own
+#                                                    # then every 7th), its lib/ and programs/
+#                                                    # as a git bundle, and this repository's own
 #   bash scripts/stability.sh --paths FILE.jsonl [--stride N] [--steps]
 #   bash scripts/stability.sh --git REPO [--rev REF] [--stride N] [--steps]
 #
@@ -46,6 +47,15 @@ if [ -f "$zstd" ]; then
   echo
 else
   echo "stability: $zstd is not here; skipping the recorded zstd history" >&2
+fi
+bundle=../shared/replay/zstd-lib-300.bundle
+if [ -f "$bundle" ]; then
+  # The same 300 steps of zstd's lib/ and programs/, as a git history.
+  rm -rf "$build/zstd-lib"
+  git clone -q "$bundle" "$build/zstd-lib"
+  echo "== zstd lib/ and programs/, 300 commits =="
+  "${replay[@]}" --git "$build/zstd-lib" --rev HEAD
+  echo
 fi
 if git rev-parse --is-inside-work-tree >/dev/null 2>&1; then
   echo "== this repository, first-parent history of HEAD =="

@@ -47,20 +47,20 @@ TEST_P(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
   repo.write_unit("src", 14, 4);  // 17 files
   repo.commit("grow");
   const Json grown = repo.plan();
-  EXPECT_EQ(plan_ids(grown), (Strings{"overview", "module-src", "module-src-part-start",
+  EXPECT_EQ(plan_ids(grown), (Strings{"overview", "module-src", "module-src-part-f01",
                                       "module-src-part-f07", "module-lib"}));
   EXPECT_EQ(plan_of(grown, "module-src").at("children"),
-            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
+            Json::parse(R"(["module-src-part-f01", "module-src-part-f07"])"));
   EXPECT_EQ(plan_of(grown, "module-src-part-f07").at("source_files").size(), 11u);
   EXPECT_EQ(amendment_lines(grown),
-            (Strings{"add module-src-part-start", "add module-src-part-f07"}));
+            (Strings{"add module-src-part-f01", "add module-src-part-f07"}));
   auto rows = repo.rows();
   EXPECT_EQ(rows.at("module-src").at("related_pages"),
-            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
+            Json::parse(R"(["module-src-part-f01", "module-src-part-f07"])"));
   EXPECT_TRUE(rows.at("module-src").at("source_files").empty());
   // The family is recorded once.
   EXPECT_TRUE(repo.plan().at("amendments").empty());
-  ASSERT_EQ(repo.save("module-src-part-start", "Part one.\n").code, 0);
+  ASSERT_EQ(repo.save("module-src-part-f01", "Part one.\n").code, 0);
 
   for (int i = 4; i <= 17; ++i)
     repo.remove("src/f" + std::string(i < 10 ? "0" : "") + std::to_string(i) + ".cpp");
@@ -68,11 +68,11 @@ TEST_P(PlanSeries, GrownFolderBecomesFamilyAndCollapsesBackWithPartsRetired) {
   const Json shrunk = repo.plan();
   EXPECT_EQ(plan_ids(shrunk), (Strings{"overview", "module-src", "module-lib"}));
   EXPECT_EQ(amendment_lines(shrunk),
-            (Strings{"retire module-src-part-start", "retire module-src-part-f07"}));
+            (Strings{"retire module-src-part-f01", "retire module-src-part-f07"}));
   EXPECT_EQ(shrunk.at("remap").at("merged"),
-            Json::parse(R"({"module-src": ["module-src-part-start", "module-src-part-f07"]})"));
+            Json::parse(R"({"module-src": ["module-src-part-f01", "module-src-part-f07"]})"));
   rows = repo.rows();
-  EXPECT_EQ(rows.count("module-src-part-start"), 0u);
+  EXPECT_EQ(rows.count("module-src-part-f01"), 0u);
   EXPECT_TRUE(rows.at("module-src").at("related_pages").empty());
   EXPECT_EQ(rows.at("module-src").at("source_files").size(), 3u);
 
@@ -121,16 +121,16 @@ TEST_P(PlanSeries, StoreOfPositionalPartsReChunksOnceWithProseCarried) {
 
   const Json upgraded = repo.plan();
   EXPECT_EQ(plan_of(upgraded, "module-src").at("children"),
-            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
+            Json::parse(R"(["module-src-part-f01", "module-src-part-f07"])"));
   EXPECT_EQ(amendment_lines(upgraded),
             (Strings{"retire module-src-part-1", "retire module-src-part-2",
-                     "add module-src-part-start", "add module-src-part-f07"}));
+                     "add module-src-part-f01", "add module-src-part-f07"}));
   EXPECT_EQ(upgraded.at("remap").at("merged"), Json::parse(R"({
-    "module-src-part-start": ["module-src-part-1"], "module-src-part-f07": ["module-src-part-2"]})"));
+    "module-src-part-f01": ["module-src-part-1"], "module-src-part-f07": ["module-src-part-2"]})"));
   const auto rows = repo.rows();
   EXPECT_EQ(rows.count("module-src-part-1"), 0u);
   EXPECT_EQ(rows.at("module-src").at("related_pages"),
-            Json::parse(R"(["module-src-part-start", "module-src-part-f07"])"));
+            Json::parse(R"(["module-src-part-f01", "module-src-part-f07"])"));
   // Once: the next build pins the new parts.
   EXPECT_TRUE(repo.plan().at("amendments").empty());
 }
@@ -204,6 +204,43 @@ std::vector<Json> rpc(const GitRepo& repo, const std::vector<std::string>& reque
   EXPECT_EQ(answers.size(), requests.size()) << result.out;
   answers.resize(requests.size());
   return answers;
+}
+
+TEST_P(PlanSeries, FamilyAtTheThresholdFormsOnceAndAReplanLetsTheFilesDecide) {
+  GitRepo repo;
+  repo.use_store(e2e_store());
+  repo.write_unit("src", 16);
+  repo.commit("sixteen");
+  EXPECT_EQ(plan_ids(repo.plan()), (Strings{"overview", "module-src"}));
+  repo.write_unit("src", 1, 17);
+  repo.commit("seventeen");
+  const Json formed = repo.plan();
+  EXPECT_EQ(amendment_lines(formed),
+            (Strings{"add module-src-part-f01", "add module-src-part-f07"}));
+  // 16, 17, 16: the family the store holds stays, and nothing is amended.
+  for (int round = 0; round < 2; ++round) {
+    repo.remove("src/f17.cpp");
+    repo.commit("sixteen again");
+    const Json sixteen = repo.plan();
+    EXPECT_EQ(plan_ids(sixteen), plan_ids(formed)) << round;
+    EXPECT_TRUE(sixteen.at("amendments").empty()) << round;
+    repo.write_unit("src", 1, 17);
+    repo.commit("seventeen again");
+    EXPECT_TRUE(repo.plan().at("amendments").empty()) << round;
+  }
+  // Every derivation plans against the record alike: the rpc's derived plan
+  // finds nothing to write once the family's pages are saved.
+  repo.remove("src/f17.cpp");
+  repo.commit("sixteen, saved");
+  for (const auto& id : plan_ids(repo.plan())) {
+    ASSERT_EQ(repo.save(id, "Text.\n").code, 0) << id;
+  }
+  EXPECT_EQ(rpc(repo, {R"({"id": 1, "op": "select_stale", "args": {}})"})[0].at("result"),
+            Json::parse(R"({"stale": []})"));
+
+  const Json replanned = repo.plan("--replan");
+  EXPECT_EQ(plan_ids(replanned), (Strings{"overview", "module-src"}));
+  EXPECT_EQ(repo.rows().at("module-src").at("source_files").size(), 16u);
 }
 
 TEST_P(PlanSeries, RpcStoreOpsActOnTheBranchStore) {

@@ -10,6 +10,10 @@
 //    folder ("module-root" for the root), title the folder path ("." for the
 //    root), importance "high" for the top fifth of kept units by file count
 //    (rounded up, so one unit of any size is "high"), "medium" for the rest;
+//  - a folder of at most `fold_files` files and no subfolder is planned on
+//    the page of its nearest ancestor folder that has one (where that keeps
+//    the ancestor within `family_threshold` files); with no such ancestor,
+//    two or more of them gather on a page of their parent folder;
 //  - a unit of more than `family_threshold` files is a family: the parent keeps
 //    the unit's id and holds no files, and its parts (level "part") follow it
 //    in the plan, in name order. Parts are cut by name, never by position:
@@ -22,19 +26,35 @@
 //    the part its name falls into (and the cut inside it when that part
 //    crosses a size bound). A part holds at most `chunk_size` files and at
 //    least `min_part_size` wherever the stems allow. Its id is the unit's id,
-//    "-part-" and that prefix ("module-lib-part-zstd-ldm"), which stays while
-//    a file under the prefix starts the part; the first part, holding the
-//    names before the first cut, is "<id>-part-start"; its title is "<folder>: <label>", the label
-//    naming what it holds
-//    ("zstd_compress*", "fileio", "clevels to hist"). A part id that another
-//    page already has takes the first free "-2", "-3", ...;
+//    "-part-" and that prefix ("module-lib-part-zstd-ldm"); the first part is
+//    named by the first word of its first name ("module-lib-part-clevels").
+//    Its title is "<folder>: <label>", the label naming what it holds
+//    ("zstd_compress*", "fileio", "clevels, hist, huf_compress, ..."). A part
+//    id that another page already has takes the first free "-2", "-3", ...;
 //  - "module-additional" (title "Other code", importance "low", catch-all),
 //    holding the files of the units past the page budget, when there are any,
 //    and described as pinning describes it ("Remaining modules and files (N
 //    files)."), so the second build leaves its row as the first wrote it.
 //
 // The budget keeps the `page_budget` largest units by file count, ties by
-// path. Two folders whose slugs meet get distinct ids: the later path (in
+// path.
+//
+// Given the plan of record (the branch's stored rows), the planner proposes
+// what the record already holds wherever the files still allow it, so that
+// structure near a bound does not flicker from build to build:
+//  - a unit the record holds as a family stays one while it has more than
+//    `family_floor` files; any other unit becomes one past `family_threshold`;
+//  - a stored part keeps its id and its files, and takes the new files whose
+//    names fall into its range; it is cut again only past `part_ceiling`
+//    files and merged into a neighbour only below `part_floor` (see
+//    family_parts.hpp). Parts named by position (`<unit>-part-<n>`, an older
+//    planner's) are cut afresh once;
+//  - a folder the record holds on an ancestor's page stays there until it
+//    has `unfold_files` files; a folder the record holds on its own page, or
+//    on the catch-all page, is not folded.
+// Ids the record holds are never handed to a new part. The same files and
+// the same record always give the same plan; without a record the plan
+// depends on the files alone. Two folders whose slugs meet get distinct ids: the later path (in
 // code-point order) takes "-2", "-3", ...; no folder is ever given an id the
 // catch-all pattern matches, since that would make it a catch-all page.
 #pragma once
@@ -60,6 +80,17 @@ struct PlannerSettings {
   std::size_t chunk_size = 12;
   // The fewest files a part holds, unless the unit's stems leave no such cut.
   std::size_t min_part_size = 3;
+  // A unit the plan of record holds as a family stays one while it has more
+  // files than this.
+  std::size_t family_floor = 8;
+  // A stored part is cut again only past this many files, and joins a
+  // neighbour only below `part_floor`.
+  std::size_t part_ceiling = 20;
+  std::size_t part_floor = 2;
+  // A folder of at most this many files and no subfolder goes on an
+  // ancestor's page; once there, it gets its own only at `unfold_files`.
+  std::size_t fold_files = 2;
+  std::size_t unfold_files = 8;
   // Extensions (with the dot, lower case) that make a file a source file.
   std::vector<std::string> code_extensions = {
       ".c",   ".cc",   ".cpp",  ".cxx",   ".h",   ".hh",    ".hpp",   ".hxx", ".ipp",
@@ -128,8 +159,10 @@ std::string slug(std::string_view text);
 // The folder of a repository-relative path ("" for the root).
 std::string folder_of(std::string_view path);
 
-// The fresh plan for the given source files (any order; repeats ignored).
+// The fresh plan for the given source files (any order; repeats ignored),
+// proposed against `record`, the branch's stored rows, when one is given.
+// A stored row of the wrong shape is a TypeError naming its page id.
 PlanList plan_pages(const std::vector<std::string>& source_files,
-                    const PlannerSettings& settings = {});
+                    const PlannerSettings& settings = {}, const Existing* record = nullptr);
 
 }  // namespace zenthar_kodrune::workers::wiki

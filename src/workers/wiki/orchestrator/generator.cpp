@@ -237,7 +237,11 @@ Derivation WikiGenerator::derive(bool replan, bool prefetch) {
   const Existing& existing = _existing();
   Derivation derivation;
   derivation.first_plan = existing.empty();
-  const PlanList fresh = plan_pages(index_.source_files, options_.planner);
+  // The planner proposes against the rows pinning reads, so every derivation
+  // (build, save, status, the rpc's) plans alike; a replan lets the files
+  // alone decide.
+  const PlanList fresh =
+      plan_pages(index_.source_files, options_.planner, replan ? nullptr : &existing);
   const PathSet live(index_.source_files.begin(), index_.source_files.end());
   derivation.pinned = pin_plan(fresh, existing, live, replan);
   return derivation;
