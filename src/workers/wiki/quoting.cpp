@@ -7,11 +7,6 @@
 
 namespace zenthar_kodrune::workers::wiki {
 
-namespace {
-
-// The length of the UTF-8 character at `text[i]` and its code point; 0 when
-// the bytes there are no UTF-8 character (overlong forms and surrogates
-// included).
 std::size_t utf8_character(std::string_view text, std::size_t i, char32_t& code) {
   const auto byte = static_cast<unsigned char>(text[i]);
   std::size_t length = 0;
@@ -41,6 +36,8 @@ std::size_t utf8_character(std::string_view text, std::size_t i, char32_t& code)
   if (code < kLeast[length] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) return 0;
   return length;
 }
+
+namespace {
 
 bool is_control(char32_t code) { return code < 0x20 || (code >= 0x7F && code <= 0x9F); }
 

@@ -10,6 +10,11 @@
 
 namespace zenthar_kodrune::workers::wiki {
 
+// The length of the UTF-8 character at `text[i]`, with its code point in
+// `code`; 0 when the bytes there are none (overlong forms, surrogates and
+// values past U+10FFFF included).
+std::size_t utf8_character(std::string_view text, std::size_t i, char32_t& code);
+
 // Messages quote at most this many bytes of any input.
 inline constexpr std::size_t QUOTED_INPUT_BYTES = 200;
 

@@ -10,6 +10,7 @@
 #include <random>
 #include <system_error>
 
+#include "workers/wiki/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -300,37 +301,11 @@ std::string read_file_below(const fs::path& root, const fs::path& relative) {
 
 bool is_utf8(std::string_view text) {
   std::size_t i = 0;
+  char32_t code = 0;
   while (i < text.size()) {
-    const auto byte = static_cast<unsigned char>(text[i]);
-    std::size_t extra = 0;
-    std::uint32_t code = 0;
-    if (byte < 0x80) {
-      ++i;
-      continue;
-    } else if ((byte & 0xE0) == 0xC0) {
-      extra = 1;
-      code = byte & 0x1F;
-    } else if ((byte & 0xF0) == 0xE0) {
-      extra = 2;
-      code = byte & 0x0F;
-    } else if ((byte & 0xF8) == 0xF0) {
-      extra = 3;
-      code = byte & 0x07;
-    } else {
-      return false;
-    }
-    if (i + extra >= text.size()) return false;
-    for (std::size_t k = 1; k <= extra; ++k) {
-      const auto next = static_cast<unsigned char>(text[i + k]);
-      if ((next & 0xC0) != 0x80) return false;
-      code = (code << 6) | (next & 0x3F);
-    }
-    // Overlong forms, surrogates and values past U+10FFFF are not UTF-8.
-    static constexpr std::uint32_t kLeast[] = {0, 0x80, 0x800, 0x10000};
-    if (code < kLeast[extra] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
-      return false;
-    }
-    i += extra + 1;
+    const std::size_t length = utf8_character(text, i, code);
+    if (length == 0) return false;
+    i += length;
   }
   return true;
 }

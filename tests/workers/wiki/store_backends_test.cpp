@@ -286,6 +286,19 @@ TEST(SqliteWikiStore, NewerOrForeignSchemaIsAnErrorAndLeftAsItWas) {
   }
 }
 
+// A store of one page made by this program, then `sql` run on its file by
+// another connection, as a foreign hand would.
+void store_then_run(const std::filesystem::path& path, const char* sql) {
+  {
+    SqliteWikiStore store(path);
+    store.upsert_wiki_page("main", "overview", "Overview", {});
+  }
+  sqlite3* raw = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(raw);
+  sqlite3_close(raw);
+}
+
 // A store committed to a repository is opened by whoever clones it: an
 // object this program did not create is refused by name before anything in
 // the file is read, written or run.
@@ -308,14 +321,7 @@ TEST(SqliteWikiStore, ObjectsThisProgramDoesNotCreateAreRefusedByNameAndNeverRun
   for (const auto& [sql, message] : cases) {
     kodrune_test::TempDir tmp;
     const auto path = tmp.path() / "wiki.db";
-    {
-      SqliteWikiStore store(path);
-      store.upsert_wiki_page("main", "overview", "Overview", {});
-    }
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(raw);
-    sqlite3_close(raw);
+    ASSERT_NO_FATAL_FAILURE(store_then_run(path, sql));
     const std::string before = read_bytes(path);
 
     try {
@@ -332,17 +338,9 @@ TEST(SqliteWikiStore, ObjectsThisProgramDoesNotCreateAreRefusedByNameAndNeverRun
 TEST(SqliteWikiStore, StoreOfTheOlderLayoutOpensAndGainsTheNewTable) {
   kodrune_test::TempDir tmp;
   const auto path = tmp.path() / "wiki.db";
-  {
-    SqliteWikiStore store(path);
-    store.upsert_wiki_page("main", "overview", "Overview", {});
-  }
   // The first version had no table of pending log lines.
-  sqlite3* raw = nullptr;
-  ASSERT_EQ(sqlite3_open(path.c_str(), &raw), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(raw, "DROP TABLE plan_log_pending; PRAGMA user_version = 1", nullptr,
-                         nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(raw);
+  ASSERT_NO_FATAL_FAILURE(
+      store_then_run(path, "DROP TABLE plan_log_pending; PRAGMA user_version = 1"));
 
   SqliteWikiStore store(path);
   EXPECT_EQ(store.load_pages("main").size(), 1u);
