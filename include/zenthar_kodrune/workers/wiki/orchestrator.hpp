@@ -145,6 +145,13 @@ class FileHasher {
   FileHashCache take_new_entries();
   // How many files were read since construction.
   std::size_t files_read() const { return files_read_; }
+  // From now on, a file among `paths` that is read for its content hash also
+  // has the hash of each of its lines taken from the same read, kept until
+  // taken; an empty list stops it and drops what was kept. Judging cited
+  // ranges of changed files then costs no second read.
+  void keep_line_hashes(const std::vector<std::string>& paths);
+  // The line hashes kept since keep_line_hashes, handed over and forgotten.
+  std::unordered_map<std::string, std::vector<std::uint64_t>> take_line_hashes();
   // Called, on the hashing thread, while reading runs past a second (the
   // same moments as the terminal line) and once when it ends; empty for none.
   void set_progress_callback(HashProgress callback) { progress_callback_ = std::move(callback); }
@@ -159,6 +166,8 @@ class FileHasher {
     FileStamp stamp;
     std::string hash;
     bool not_file = false;
+    bool keep_lines = false;
+    std::vector<std::uint64_t> lines;
   };
   std::optional<FileStamp> stat_file(const std::string& path) const;
   void hash_tasks(std::vector<Task>& tasks);
@@ -178,6 +187,8 @@ class FileHasher {
   FileHashCache cache_;
   FileHashCache new_entries_;
   std::unordered_map<std::string, Known> known_;
+  std::unordered_set<std::string> lines_wanted_;
+  std::unordered_map<std::string, std::vector<std::uint64_t>> lines_kept_;
   std::int64_t build_started_ns_ = 0;
   std::size_t files_read_ = 0;
 };

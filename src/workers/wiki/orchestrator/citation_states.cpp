@@ -83,6 +83,24 @@ struct Judged {
 
 }  // namespace
 
+std::vector<std::string> fingerprinted_paths(const Json& row) {
+  const Json* cache = row_mapping(row, "build_cache");
+  const Json* fingerprints =
+      cache == nullptr ? nullptr : find_value(*cache, std::string(kFingerprintsKey));
+  const Json* entries = fingerprints == nullptr ? nullptr : find_value(*fingerprints, "citations");
+  std::vector<std::string> out;
+  if (entries == nullptr || !entries->is_array()) return out;
+  std::unordered_set<std::string_view> seen;
+  for (const Json& entry : *entries) {
+    if (!has_fingerprint(entry)) continue;
+    const Json* path = find_value(entry, "path");
+    if (path == nullptr || !path->is_string()) continue;
+    const std::string& text = path->get_ref<const std::string&>();
+    if (seen.insert(text).second) out.push_back(text);
+  }
+  return out;
+}
+
 std::string describe_lines(std::int64_t line_start, std::int64_t line_end) {
   std::string out = "L" + std::to_string(line_start);
   if (line_end != line_start) out += "-L" + std::to_string(line_end);
@@ -133,6 +151,16 @@ Json make_fingerprints(std::string_view body, const Json& citations, const Cited
 }
 
 CitationReport judge_citations(const Json& row, const Json& changes, const CitedFileReader& read,
+                               const std::function<std::optional<std::string>()>& body) {
+  const CitedLinesReader lines = [&read](const std::string& path) {
+    std::optional<std::vector<std::uint64_t>> out;
+    if (auto text = read(path)) out = line_hashes(*text);
+    return out;
+  };
+  return judge_citations(row, changes, lines, body);
+}
+
+CitationReport judge_citations(const Json& row, const Json& changes, const CitedLinesReader& lines,
                                const std::function<std::optional<std::string>()>& body) {
   CitationReport report;
   const std::unordered_set<std::string> removed = path_set(changes, "removed");
@@ -191,8 +219,8 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
       judgement.state = CitationState::changed;
     }
   }
-  // Files are judged on every core when there are many: each is read,
-  // hashed and indexed on its own, and writes only its own citations.
+  // Files are judged on every core when there are many: each is read (or its
+  // kept line hashes taken), indexed on its own, and writes only its own citations.
   std::vector<const std::pair<const std::string, std::vector<std::size_t>>*> files;
   files.reserve(by_file.size());
   for (const auto& file : by_file) files.push_back(&file);
@@ -204,12 +232,12 @@ CitationReport judge_citations(const Json& row, const Json& changes, const Cited
     for (std::size_t f = next++; f < files.size(); f = next++) {
       try {
         const auto& [path, indices] = *files[f];
-        const std::optional<std::string> text = read(path);
-        if (!text) {
+        std::optional<std::vector<std::uint64_t>> hashes = lines(path);
+        if (!hashes) {
           for (const std::size_t i : indices) judged[i].judgement.state = CitationState::gone;
           continue;
         }
-        LineIndex file(line_hashes(*text));
+        LineIndex file(std::move(*hashes));
         for (const std::size_t i : indices) {
           if (stored_hashes(*prints[i], "lines", print.lines) &&
               stored_hashes(*prints[i], "before", print.before) &&

@@ -4,6 +4,7 @@
 // of a page re-anchored to where its cited lines moved.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -22,6 +23,11 @@ inline constexpr std::string_view kFingerprintsKey = "fingerprints";
 
 // A cited file's text now; nullopt when it is not a regular file.
 using CitedFileReader = std::function<std::optional<std::string>(const std::string& path)>;
+// The hash of every line of a cited file now; nullopt when it is not a
+// regular file. Judging needs only these, so a host that already read the
+// file (to hash its content) hands them over without a second read.
+using CitedLinesReader =
+    std::function<std::optional<std::vector<std::uint64_t>>(const std::string& path)>;
 
 // The fingerprints of a page being saved:
 //   {"context": N,
@@ -32,6 +38,9 @@ using CitedFileReader = std::function<std::optional<std::string>(const std::stri
 // the sections the section map lists, in body order, each with the stored
 // citations its prose cites.
 Json make_fingerprints(std::string_view body, const Json& citations, const CitedFileReader& read);
+
+// The paths of a stored row's fingerprinted citations, each once.
+std::vector<std::string> fingerprinted_paths(const Json& row);
 
 // What the precise layer adds to a written page's changes.
 struct CitationReport {
@@ -54,6 +63,9 @@ struct CitationReport {
 // `_page_changes` said of it. Pages without fingerprints are judged by their
 // files: a removed file's citations are gone, a modified file's changed.
 // `body` is read for such a page only, to place its citations in sections.
+CitationReport judge_citations(const Json& row, const Json& changes, const CitedLinesReader& lines,
+                               const std::function<std::optional<std::string>()>& body);
+// The same, each modified file read whole and its lines hashed here.
 CitationReport judge_citations(const Json& row, const Json& changes, const CitedFileReader& read,
                                const std::function<std::optional<std::string>()>& body);
 

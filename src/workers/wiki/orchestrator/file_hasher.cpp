@@ -16,6 +16,7 @@
 #include <string_view>
 #include <thread>
 
+#include "line_fingerprints.hpp"
 #include "workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -126,7 +127,9 @@ void FileHasher::hash_tasks(std::vector<Task>& tasks) {
   // left out, as a path that is no regular file is.
   auto hash_one = [this](Task& task) {
     try {
-      task.hash = _text_hash(reader_(root_ / task.path));
+      const std::string text = reader_(root_ / task.path);
+      task.hash = _text_hash(text);
+      if (task.keep_lines) task.lines = line_hashes(text);
     } catch (const NotRegularFile&) {
       task.not_file = true;
     }
@@ -188,7 +191,7 @@ void FileHasher::learn(const std::vector<std::string>& paths,
       slot->second = Known{true, cached->second.hash};
       continue;
     }
-    tasks.push_back(Task{path, *stamp, {}});
+    tasks.push_back(Task{path, *stamp, {}, false, lines_wanted_.contains(path), {}});
   }
   try {
     hash_tasks(tasks);
@@ -203,6 +206,7 @@ void FileHasher::learn(const std::vector<std::string>& paths,
       continue;
     }
     known_[task.path] = Known{true, task.hash};
+    if (task.keep_lines) lines_kept_[task.path] = std::move(task.lines);
     if (task.stamp.mtime_ns < build_started_ns_ - kRacyWindowNs) {
       const CachedFileHash entry{task.stamp.size, task.stamp.mtime_ns, task.stamp.inode, task.hash};
       cache_[task.path] = entry;
@@ -268,6 +272,19 @@ Json FileHasher::hashes(const std::vector<std::string>& paths) {
     if (known.is_file) entries.emplace(normal[i], known.hash);
   }
   return result;
+}
+
+void FileHasher::keep_line_hashes(const std::vector<std::string>& paths) {
+  lines_wanted_.clear();
+  lines_kept_.clear();
+  std::vector<std::string> normal;
+  for (const auto& path : normal_paths(paths, normal)) lines_wanted_.insert(path);
+}
+
+std::unordered_map<std::string, std::vector<std::uint64_t>> FileHasher::take_line_hashes() {
+  std::unordered_map<std::string, std::vector<std::uint64_t>> taken;
+  taken.swap(lines_kept_);
+  return taken;
 }
 
 FileHashCache FileHasher::take_new_entries() {

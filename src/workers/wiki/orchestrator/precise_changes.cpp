@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "citation_states.hpp"
+#include "line_fingerprints.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
@@ -56,12 +57,32 @@ PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const J
                                                    CitationReport& report, bool describe_moved) {
   PreciseChanges out;
   if (row == nullptr) return out;
-  Json changes = _page_changes(plan, row);
+  // The fingerprinted files that `_page_changes` reads for their content
+  // hashes give their line hashes in the same read.
+  hasher_.keep_line_hashes(fingerprinted_paths(*row));
+  Json changes;
+  std::unordered_map<std::string, std::vector<std::uint64_t>> kept;
+  try {
+    changes = _page_changes(plan, row);
+    kept = hasher_.take_line_hashes();
+  } catch (...) {
+    hasher_.keep_line_hashes({});
+    throw;
+  }
+  hasher_.keep_line_hashes({});
   if (changes.empty()) return out;
   const std::string page_id = plan.page_id;
-  report = judge_citations(
-      *row, changes, [this](const std::string& path) { return read_cited_file(path); },
-      [&] { return saved_body(page_id, *row); });
+  // Called on several threads, each for paths of its own: the map itself is
+  // never changed, only the lines a path owns are moved out.
+  const CitedLinesReader lines =
+      [this, &kept](const std::string& path) -> std::optional<std::vector<std::uint64_t>> {
+    const auto found = kept.find(path);
+    if (found != kept.end()) return std::move(found->second);
+    std::optional<std::vector<std::uint64_t>> out;
+    if (auto text = read_cited_file(path)) out = line_hashes(*text);
+    return out;
+  };
+  report = judge_citations(*row, changes, lines, [&] { return saved_body(page_id, *row); });
   out.fingerprinted = report.fingerprinted;
   out.changed = report.changed;
   out.gone = report.gone;

@@ -2,8 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <string>
 #include <vector>
+
+#include "support/temp_dir.hpp"
+#include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
@@ -207,6 +211,28 @@ TEST(LineIndex, OneIndexServesManyRangesOfAFile) {
   EXPECT_EQ(late.line_end, 180);
   EXPECT_EQ(edited.state, CitationState::changed);
   EXPECT_EQ(index.size(), 201u);
+}
+
+// Judging a changed file needs its line hashes; the hasher takes them from the
+// read that hashed the file's content, for the files asked for only.
+TEST(FileHasher, KeepsLineHashesFromTheContentRead) {
+  kodrune_test::TempDir tmp;
+  const std::string a = "int a;\nint b;\n";
+  std::ofstream(tmp.path() / "a.cpp", std::ios::binary) << a;
+  std::ofstream(tmp.path() / "b.cpp", std::ios::binary) << "int c;\n";
+  std::ofstream(tmp.path() / "c.cpp", std::ios::binary) << "int d;\n";
+  FileHasher hasher(tmp.path(), read_whole_file, false);
+  hasher.keep_line_hashes({"./a.cpp", "gone.cpp"});
+  hasher.hashes({"a.cpp", "b.cpp", "gone.cpp"});
+  EXPECT_EQ(hasher.files_read(), 2u);
+  auto kept = hasher.take_line_hashes();
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(kept.at("a.cpp"), line_hashes(a));
+  EXPECT_TRUE(hasher.take_line_hashes().empty());
+
+  hasher.keep_line_hashes({});
+  hasher.hashes({"c.cpp"});
+  EXPECT_TRUE(hasher.take_line_hashes().empty());
 }
 
 }  // namespace
