@@ -1,7 +1,7 @@
 // What the browser test and the screenshot script share: a throwaway git
 // repository, `kodrune-wiki serve` started on a port the system picks, and
 // Debian's chromium launched headless with a profile of its own.
-import { execFileSync, spawn } from 'node:child_process';
+import { execFile, execFileSync, spawn } from 'node:child_process';
 import fs from 'node:fs';
 import http from 'node:http';
 import os from 'node:os';
@@ -34,6 +34,13 @@ export class Repo {
   }
   wiki(...args) {
     return execFileSync(exe, [...args, '--repo', this.root], { cwd: this.root, encoding: 'utf8' });
+  }
+  // The same without blocking, so that a server can be asked meanwhile.
+  wikiAsync(...args) {
+    return new Promise((resolve, reject) => {
+      execFile(exe, [...args, '--repo', this.root], { cwd: this.root, encoding: 'utf8' },
+        (error, stdout) => (error ? reject(error) : resolve(stdout)));
+    });
   }
   remove() {
     fs.rmSync(this.root, { recursive: true, force: true });

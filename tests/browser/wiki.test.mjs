@@ -177,6 +177,32 @@ test('the wiki in a browser: serve and the static site', { timeout: 240000 }, as
     assert.equal(await page.$$eval('ol.timeline > li', (l) => l.length), 3);
   });
 
+  await t.test('plan and save beside a server answering in a loop lose nothing', async () => {
+    const host = new URL(base).host;
+    let looping = true;
+    let answered = 0;
+    const loop = (async () => {
+      while (looping) {
+        const response = await rawGet(base, '/pages/module-src.html', host);
+        assert.equal(response.status, 200);
+        answered += 1;
+      }
+    })();
+    for (let round = 0; round < 4; round += 1) {
+      fs.writeFileSync(bodyFile, `${BODY}\nRound ${round} of the loop.\n`);
+      await repo.wikiAsync('save', 'module-src', bodyFile);
+      await repo.wikiAsync('plan');
+      const response = await rawGet(base, '/pages/module-src.html', host);
+      assert.ok(response.body.includes(`Round ${round} of the loop.`), `round ${round} shows`);
+    }
+    looping = false;
+    await loop;
+    assert.ok(answered > 0);
+    const plan = JSON.parse(repo.wiki('plan', '--json'));
+    const saved = plan.plans.find((p) => p.page_id === 'module-src');
+    assert.equal(saved.state, 'fresh');
+  });
+
   await t.test('SIGTERM stops the server cleanly', async () => {
     const exited = new Promise((resolve) => server.once('exit', (code, signal) => resolve([code, signal])));
     server.kill('SIGTERM');
