@@ -42,10 +42,10 @@ int g() { return 1; }
 `);
 repo.wiki('save', 'module-src-parser', body);
 repo.write('src/parser/lexer.cpp', 'int l() {\n  return 2;\n}\n');
-repo.unit('src/tools', ['cli.cpp', 'args.cpp']);
+repo.unit('tools', ['cli.cpp', 'args.cpp']);
 repo.commit('a unit');
 repo.wiki('plan');
-for (const unit of ['src/net', 'src/io', 'src/log']) repo.unit(unit, ['a.cpp', 'b.cpp']);
+for (const unit of ['net', 'io', 'log']) repo.unit(unit, ['a.cpp', 'b.cpp']);
 repo.commit('three units');
 repo.wiki('plan');
 

@@ -7,6 +7,7 @@
 #include <signal.h>
 
 #include <atomic>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <mutex>
@@ -15,6 +16,7 @@
 #include "kodrune-wiki/cmd_common.hpp"
 #include "kodrune-wiki/site.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace kodrune_cli {
 
@@ -179,9 +181,10 @@ class Server {
     if (request.has_param("branch")) branch = request.get_param_value("branch");
     try {
       std::lock_guard<std::mutex> hold(mutex_);
-      WikiSite* site = site_for(branch);
-      if (site == nullptr) return not_found();
-      site->load();
+      Open* open = site_for(branch);
+      if (open == nullptr) return not_found();
+      WikiSite* site = open->site.get();
+      site->load_if_changed(open->watched);
       std::optional<std::string> html;
       if (path == "/" || path == "/index.html") {
         html = site->index_html();
@@ -205,9 +208,10 @@ class Server {
   }
 
   // REQUIRES: mutex_ is held. nullptr for a branch the store does not hold.
-  WikiSite* site_for(const std::string& branch) {
+  struct Open;
+  Open* site_for(const std::string& branch) {
     const auto known = sites_.find(branch);
-    if (known != sites_.end()) return known->second.site.get();
+    if (known != sites_.end()) return &known->second;
     try {
       wiki::check_branch_name(branch);
     } catch (const wiki::ValueError&) {
@@ -228,9 +232,38 @@ class Server {
     SiteLinks links;
     if (branch != default_branch_) links.query = "?branch=" + url_path(branch);
     open.site = std::make_unique<WikiSite>(*open.generator, links, branches);
-    WikiSite* site = open.site.get();
-    sites_.emplace(branch, std::move(open));
-    return site;
+    open.watched = watched_files(branch);
+    return &sites_.emplace(branch, std::move(open)).first->second;
+  }
+
+  // What a view of `branch` is read from besides the indexed files, when
+  // all of it is on this machine; empty (read everything at every request)
+  // for a store that other machines write, or a folder outside git, whose
+  // file list only a walk can tell.
+  std::vector<fs::path> watched_files(const std::string& branch) const {
+    if (store_url_.kind != wiki::StoreKind::Sqlite) return {};
+    const fs::path root = fs::absolute(options_.common.repo);
+    fs::path git = root / ".git";
+    std::error_code error;
+    if (fs::is_regular_file(git, error)) {
+      // A linked work tree: ".git" names the folder that holds its index.
+      std::ifstream pointer(git);
+      std::string line;
+      std::getline(pointer, line);
+      if (line.rfind("gitdir: ", 0) != 0) return {};
+      git = fs::path(line.substr(8));
+      if (git.is_relative()) git = root / git;
+    } else if (!fs::is_directory(git, error)) {
+      return {};
+    }
+    const fs::path store = store_url_.target.empty() ? wiki::SqliteWikiStore::default_path(root)
+                                                     : fs::path(store_url_.target);
+    return {git / "index",
+            git / "HEAD",
+            wiki::memory_dir(root) / "steering.md",
+            store,
+            store.string() + "-wal",
+            wiki::wiki_dir_of(root, branch) / wiki::_PLAN_LOG_NAME};
   }
 
   // The branches with a wiki folder beside the default one: each build
@@ -261,6 +294,7 @@ class Server {
   struct Open {
     std::unique_ptr<wiki::WikiGenerator> generator;
     std::unique_ptr<WikiSite> site;
+    std::vector<fs::path> watched;
   };
 
   ServeOptions options_;

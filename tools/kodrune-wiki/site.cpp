@@ -4,9 +4,11 @@
 #include "kodrune-wiki/site.hpp"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <charconv>
+#include <chrono>
 #include <cstdio>
 #include <map>
 
@@ -186,6 +188,60 @@ std::int64_t structural_count(const Json& amendments) {
 }
 
 }  // namespace
+
+namespace {
+
+// Mixes a file's size, modification time and inode into `hash`; a missing
+// file mixes in a marker of its own.
+std::uint64_t mix_stamp(std::uint64_t hash, const char* path) {
+  const auto mix = [&](std::uint64_t value) {
+    hash ^= value + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2);
+  };
+  struct stat info {};
+  if (::lstat(path, &info) != 0) {
+    mix(0xdeadULL);
+    return hash;
+  }
+  mix(static_cast<std::uint64_t>(info.st_size));
+  mix(static_cast<std::uint64_t>(info.st_mtim.tv_sec));
+  mix(static_cast<std::uint64_t>(info.st_mtim.tv_nsec));
+  mix(static_cast<std::uint64_t>(info.st_ino));
+  return hash;
+}
+
+}  // namespace
+
+void WikiSite::load_if_changed(const std::vector<std::filesystem::path>& watched) {
+  if (watched.empty()) {
+    load();
+    return;
+  }
+  std::uint64_t stamp = 0;
+  for (const auto& path : watched) stamp = mix_stamp(stamp, path.c_str());
+  std::string path = g_.checkout_root().string() + "/";
+  const std::size_t prefix = path.size();
+  for (const auto& file : g_.index().files) {
+    path.resize(prefix);
+    path += file;
+    stamp = mix_stamp(stamp, path.c_str());
+  }
+  // A file written within the clock's tick may keep its stamp: only a
+  // stamp older than two seconds is trusted to say nothing changed.
+  const bool settled = loaded_stamp_ && *loaded_stamp_ == stamp &&
+                       std::chrono::steady_clock::now() - loaded_at_ > std::chrono::seconds(2);
+  if (settled) return;
+  load();
+  // Taken again after the load, which may have seen a newer index.
+  stamp = 0;
+  for (const auto& watched_path : watched) stamp = mix_stamp(stamp, watched_path.c_str());
+  for (const auto& file : g_.index().files) {
+    path.resize(prefix);
+    path += file;
+    stamp = mix_stamp(stamp, path.c_str());
+  }
+  loaded_stamp_ = stamp;
+  loaded_at_ = std::chrono::steady_clock::now();
+}
 
 WikiSite::WikiSite(wiki::WikiGenerator& generator, SiteLinks links,
                    std::vector<std::string> branches)
@@ -426,14 +482,15 @@ std::string WikiSite::body_html(const Entry& entry, const Json& row, const std::
     out += "<section id=\"section-" + std::to_string(number++) + "\"";
     if (stale) out += " class=\"stale\" data-heading=\"" + html_escaped(heading) + "\"";
     out += ">";
+    std::string note;
     if (stale) {
-      out += "<p class=\"stale-note\">Stale: ";
+      note += "<p class=\"stale-note\">Stale: ";
       const auto files = section_files.find(heading);
       if (files != section_files.end() && !files->second.empty()) {
-        out += "cites changed " + std::string(files->second.size() == 1 ? "file " : "files ") +
-               text_list(files->second);
+        note += "cites changed " + std::string(files->second.size() == 1 ? "file " : "files ") +
+                text_list(files->second);
       } else {
-        out += "its cited code changed";
+        note += "its cited code changed";
       }
       std::string states;
       for (const Json& citation : changes.at("citations")) {
@@ -453,10 +510,17 @@ std::string WikiSite::body_html(const Entry& entry, const Json& row, const std::
         }
         states += "</li>";
       }
-      out += "</p>";
-      if (!states.empty()) out += "<ul class=\"citations\">" + states + "</ul>";
+      note += "</p>";
+      if (!states.empty()) note += "<ul class=\"citations\">" + states + "</ul>";
     }
-    out += markdown_html(text, rewrite);
+    // The note goes under the section's heading, which opens its text.
+    std::string html = markdown_html(text, rewrite);
+    const std::size_t heading_end = heading.empty() ? std::string::npos : html.find("</h2>");
+    if (heading_end == std::string::npos) {
+      out += note + html;
+    } else {
+      out += html.substr(0, heading_end + 5) + note + html.substr(heading_end + 5);
+    }
     out += "</section>";
   }
   return out;
@@ -622,7 +686,8 @@ std::string WikiSite::history_html() {
   std::int64_t top = threshold;
   for (const auto& build : builds) top = std::max(top, build.structural);
   const std::int64_t width = 640, height = 180, pad = 28;
-  const double bar = builds.empty() ? 0 : double(width - 2 * pad) / double(builds.size());
+  const double bar =
+      builds.empty() ? 0 : std::min(48.0, double(width - 2 * pad) / double(builds.size()));
   const auto y_of = [&](std::int64_t value) {
     return double(height - pad) - double(value) * double(height - 2 * pad) / double(top);
   };

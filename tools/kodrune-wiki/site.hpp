@@ -4,6 +4,10 @@
 // store as they are when `load` runs; nothing is written.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -53,6 +57,12 @@ class WikiSite {
 
   // Reads the repository, the rows and the log as they are now.
   void load();
+  // The same, unless nothing it reads from changed since the last load: no
+  // indexed file's size, time or inode, nor any of `watched` (the git index
+  // and HEAD, the steering, the SQLite store and its write-ahead log, the
+  // plan log). Without `watched` (a store that other machines write) every
+  // call loads.
+  void load_if_changed(const std::vector<std::filesystem::path>& watched);
 
   std::string index_html() const;
   // nullopt for an id outside the plan.
@@ -98,6 +108,8 @@ class WikiSite {
   std::set<std::string> ids_;
   std::set<std::string> index_files_;
   std::size_t plan_size_ = 0;
+  std::optional<std::uint64_t> loaded_stamp_;
+  std::chrono::steady_clock::time_point loaded_at_;
   std::set<std::string> cited_;
 };
 
