@@ -192,13 +192,16 @@ std::int64_t structural_count(const Json& amendments) {
 namespace {
 
 // Mixes a file's size, modification time and inode into `hash`; a missing
-// file mixes in a marker of its own.
-std::uint64_t mix_stamp(std::uint64_t hash, const char* path) {
+// or empty file mixes in a marker of its own. (SQLite makes an empty
+// write-ahead log each time a connection opens the store and removes it when
+// the last one closes: no change to the data.) `newest` keeps the latest
+// modification time seen, in nanoseconds.
+std::uint64_t mix_stamp(std::uint64_t hash, const char* path, std::int64_t& newest) {
   const auto mix = [&](std::uint64_t value) {
     hash ^= value + 0x9e3779b97f4a7c15ULL + (hash << 6) + (hash >> 2);
   };
   struct stat info {};
-  if (::lstat(path, &info) != 0) {
+  if (::lstat(path, &info) != 0 || info.st_size == 0) {
     mix(0xdeadULL);
     return hash;
   }
@@ -206,41 +209,48 @@ std::uint64_t mix_stamp(std::uint64_t hash, const char* path) {
   mix(static_cast<std::uint64_t>(info.st_mtim.tv_sec));
   mix(static_cast<std::uint64_t>(info.st_mtim.tv_nsec));
   mix(static_cast<std::uint64_t>(info.st_ino));
+  newest = std::max<std::int64_t>(
+      newest, std::int64_t{info.st_mtim.tv_sec} * 1000000000 + info.st_mtim.tv_nsec);
   return hash;
 }
 
 }  // namespace
+
+std::uint64_t WikiSite::sources_stamp(const std::vector<std::filesystem::path>& watched,
+                                      std::int64_t& newest) const {
+  std::uint64_t stamp = 0;
+  for (const auto& path : watched) stamp = mix_stamp(stamp, path.c_str(), newest);
+  std::string path = g_.checkout_root().string() + "/";
+  const std::size_t prefix = path.size();
+  for (const auto& file : g_.index().files) {
+    path.resize(prefix);
+    path += file;
+    stamp = mix_stamp(stamp, path.c_str(), newest);
+  }
+  return stamp;
+}
 
 void WikiSite::load_if_changed(const std::vector<std::filesystem::path>& watched) {
   if (watched.empty()) {
     load();
     return;
   }
-  std::uint64_t stamp = 0;
-  for (const auto& path : watched) stamp = mix_stamp(stamp, path.c_str());
-  std::string path = g_.checkout_root().string() + "/";
-  const std::size_t prefix = path.size();
-  for (const auto& file : g_.index().files) {
-    path.resize(prefix);
-    path += file;
-    stamp = mix_stamp(stamp, path.c_str());
-  }
-  // A file written within the clock's tick may keep its stamp: only a
-  // stamp older than two seconds is trusted to say nothing changed.
-  const bool settled = loaded_stamp_ && *loaded_stamp_ == stamp &&
-                       std::chrono::steady_clock::now() - loaded_at_ > std::chrono::seconds(2);
-  if (settled) return;
+  std::int64_t newest = 0;
+  if (loaded_stamp_ && *loaded_stamp_ == sources_stamp(watched, newest)) return;
+  const std::int64_t started = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count();
   load();
-  // Taken again after the load, which may have seen a newer index.
-  stamp = 0;
-  for (const auto& watched_path : watched) stamp = mix_stamp(stamp, watched_path.c_str());
-  for (const auto& file : g_.index().files) {
-    path.resize(prefix);
-    path += file;
-    stamp = mix_stamp(stamp, path.c_str());
+  // Taken after the load, which may have seen a newer index. A file written
+  // within two seconds of the load may be written again in the same clock
+  // tick and keep its stamp: then the stamp is not trusted.
+  newest = 0;
+  const std::uint64_t stamp = sources_stamp(watched, newest);
+  if (newest < started - std::int64_t{2000000000}) {
+    loaded_stamp_ = stamp;
+  } else {
+    loaded_stamp_.reset();
   }
-  loaded_stamp_ = stamp;
-  loaded_at_ = std::chrono::steady_clock::now();
 }
 
 WikiSite::WikiSite(wiki::WikiGenerator& generator, SiteLinks links,
@@ -258,6 +268,7 @@ void WikiSite::load() {
   const wiki::Existing& existing = g_._existing();
   const std::set<std::string> stale = g_._select_stale(plans, existing, false);
   entries_.clear();
+  tree_cache_.clear();
   ids_.clear();
   cited_.clear();
   std::set<std::string> parts;
@@ -354,6 +365,22 @@ std::string WikiSite::badge(const Entry& entry) const {
 }
 
 std::string WikiSite::tree_html(std::string_view from, const std::string& current_page) const {
+  // Served pages all link from the root: the tree is drawn once a load and
+  // only the current page is marked in each copy.
+  if (!links_.static_site) {
+    if (tree_cache_.empty()) tree_cache_ = draw_tree(from, "");
+    std::string tree = tree_cache_;
+    const std::string item = "<li data-page=\"" + html_escaped(current_page) + "\" data-state=\"";
+    const std::size_t at = current_page.empty() ? std::string::npos : tree.find(item);
+    if (at != std::string::npos) {
+      tree.insert(tree.find('"', at + item.size()) + 1, " class=\"current\"");
+    }
+    return tree;
+  }
+  return draw_tree(from, current_page);
+}
+
+std::string WikiSite::draw_tree(std::string_view from, const std::string& current_page) const {
   std::map<std::string, const Entry*> by_id;
   for (const auto& entry : entries_) by_id.emplace(entry.plan->page_id, &entry);
   std::string out = "<nav class=\"tree\" aria-label=\"Pages\"><ul>";

@@ -89,6 +89,8 @@ class WikiSite {
     bool part = false;
   };
   const Entry* find(const std::string& page_id) const;
+  std::uint64_t sources_stamp(const std::vector<std::filesystem::path>& watched,
+                              std::int64_t& newest) const;
   std::string root(std::string_view from) const;
   std::string page_href(std::string_view from, const std::string& page_id) const;
   std::string source_href(std::string_view from, const std::string& path,
@@ -96,6 +98,7 @@ class WikiSite {
   std::string layout(std::string_view from, const std::string& title,
                      const std::string& current_page, const std::string& main) const;
   std::string tree_html(std::string_view from, const std::string& current_page) const;
+  std::string draw_tree(std::string_view from, const std::string& current_page) const;
   std::string badge(const Entry& entry) const;
   std::string body_html(const Entry& entry, const zenthar_kodrune::workers::wiki::Json& row,
                         const std::string& body,
@@ -108,8 +111,9 @@ class WikiSite {
   std::set<std::string> ids_;
   std::set<std::string> index_files_;
   std::size_t plan_size_ = 0;
+  // The stamp of what the last load read, when it can be trusted.
   std::optional<std::uint64_t> loaded_stamp_;
-  std::chrono::steady_clock::time_point loaded_at_;
+  mutable std::string tree_cache_;
   std::set<std::string> cited_;
 };
 
