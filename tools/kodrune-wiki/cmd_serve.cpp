@@ -104,6 +104,12 @@ class Server {
                               {"X-Content-Type-Options", "nosniff"},
                               {"Referrer-Policy", "no-referrer"},
                               {"Cache-Control", "no-store"}});
+    // The library's default shares the port with any other socket of ours
+    // that asks (SO_REUSEPORT): a port in use must be an error instead.
+    http.set_socket_options([](socket_t socket) {
+      int yes = 1;
+      setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    });
     // Browsers keep connections open; a short keep-alive lets a stop finish soon.
     http.set_keep_alive_timeout(1);
     http.Get(".*", [this](const httplib::Request& request, httplib::Response& response) {
