@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds against, and the npm
-# packages of the MCP test. Idempotent: the package lists are refreshed once,
+# packages of the MCP and browser tests. Idempotent: the package lists are refreshed once,
 # and only packages that are missing are installed, so a second run on a
 # ready machine touches nothing.
 set -euo pipefail
@@ -11,6 +11,7 @@ packages=(
   libsqlite3-dev libssl-dev libcli11-dev libmimalloc-dev libutfcpp-dev libsimdjson-dev
   libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev
   postgresql libpq-dev libyaml-cpp-dev
+  libcpp-httplib-dev libcmark-gfm-dev libcmark-gfm-extensions-dev chromium
 )
 
 missing=()
@@ -35,11 +36,15 @@ if [ "${#missing[@]}" -ne 0 ]; then
   DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
-# The test's npm packages, exactly as locked, when missing or older than the
-# lock file (npm ci rewrites node_modules/.package-lock.json).
-mcp_tests="$(dirname "$0")/../tests/mcp"
-if [ ! -f "$mcp_tests/node_modules/.package-lock.json" ] ||
-   [ "$mcp_tests/package-lock.json" -nt "$mcp_tests/node_modules/.package-lock.json" ]; then
-  echo "setup: installing the MCP test's npm packages" >&2
-  (cd "$mcp_tests" && npm ci --no-audit --no-fund --loglevel=error >/dev/null)
-fi
+# The tests' npm packages, exactly as locked, when missing or older than the
+# lock file (npm ci rewrites node_modules/.package-lock.json): the MCP SDK
+# client, and puppeteer-core for the browser test, which drives Debian's
+# chromium and downloads no browser of its own.
+for npm_tests in mcp browser; do
+  dir="$(dirname "$0")/../tests/$npm_tests"
+  if [ ! -f "$dir/node_modules/.package-lock.json" ] ||
+     [ "$dir/package-lock.json" -nt "$dir/node_modules/.package-lock.json" ]; then
+    echo "setup: installing the $npm_tests test's npm packages" >&2
+    (cd "$dir" && PUPPETEER_SKIP_DOWNLOAD=1 npm ci --no-audit --no-fund --loglevel=error >/dev/null)
+  fi
+done

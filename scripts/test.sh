@@ -40,8 +40,9 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer build (clang, fuzz target
 export ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 # The shared store's load test (8 workers, 25 rounds each) measures contention,
 # not memory, and runs in the normal build; unoptimised and instrumented it
-# would take most of the run.
-CC=clang CXX=clang++ run_suite build/asan 'SharedStore\.ConcurrentWorkers' -DCMAKE_BUILD_TYPE=Debug \
+# would take most of the run. The browser test's time is the browser's, and
+# it runs in the normal build.
+CC=clang CXX=clang++ run_suite build/asan 'SharedStore\.ConcurrentWorkers|BrowserView\.' -DCMAKE_BUILD_TYPE=Debug \
   -DKODRUNE_BUILD_TESTS=ON -DKODRUNE_BUILD_BENCH=OFF \
   -DKODRUNE_SANITIZE=ON -DKODRUNE_FUZZ=ON
 echo "== section fuzzer, 60 s =="

@@ -78,5 +78,6 @@ Command add_export_command(CLI::App& app);
 Command add_log_command(CLI::App& app);
 Command add_mcp_command(CLI::App& app);
 Command add_rpc_command(CLI::App& app);
+Command add_serve_command(CLI::App& app);
 
 }  // namespace kodrune_cli

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "kodrune-wiki/cmd_common.hpp"
+#include "kodrune-wiki/site.hpp"
 #include "workers/wiki/quoting.hpp"
 #include "workers/wiki/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -31,6 +32,7 @@ struct ExportOptions {
   CommonOptions common;
   std::string format = "okf";
   std::string dir;
+  std::string html;
 };
 
 // A YAML scalar: JSON's double-quoted string is one, escapes included.
@@ -54,25 +56,6 @@ std::string link_text(const std::string& text) {
     out.push_back(c);
   }
   return out;
-}
-
-// The page id a link target names, or empty: the MCP resource URI
-// "wiki://<branch>/pages/<id>.md", a wiki path ".../pages/<id>.md", or
-// "<id>.md" itself, for an id of the bundle.
-std::string linked_page(std::string_view target, const std::set<std::string>& ids) {
-  if (target.size() < 4 || target.substr(target.size() - 3) != ".md") return {};
-  if (target.find("://") != std::string_view::npos && target.rfind("wiki://", 0) != 0) return {};
-  std::string_view name = target.substr(0, target.size() - 3);
-  const auto slash = name.rfind('/');
-  if (slash != std::string_view::npos) {
-    const std::string_view folder = name.substr(0, slash);
-    if (folder != "pages" && (folder.size() < 6 || folder.substr(folder.size() - 6) != "/pages")) {
-      return {};
-    }
-    name = name.substr(slash + 1);
-  }
-  const std::string id(name);
-  return ids.count(id) != 0 ? id : std::string();
 }
 
 // `body` with every Markdown link to another page of the bundle made the
@@ -364,6 +347,52 @@ std::size_t export_okf(wiki::WikiGenerator& g, const fs::path& dir) {
   return bundle.changed();
 }
 
+// Writes `text` to `relative` below `root` through a renamed temporary,
+// only when it changed; folders on the way are made, no link followed.
+bool write_site_file(const wiki::SafeDir& root, const std::string& relative,
+                     const std::string& text) {
+  const fs::path path(relative);
+  std::optional<wiki::SafeDir> nested;
+  if (path.has_parent_path()) nested = wiki::SafeDir::open(root.path(), path.parent_path(), true);
+  const wiki::SafeDir& folder = nested ? *nested : root;
+  const std::string name = path.filename().string();
+  if (auto existing = folder.open_existing(name, O_RDONLY)) {
+    if (existing->read_all() == text) return false;
+  }
+  wiki::FileDescriptor temporary = folder.create_unique("." + name + ".writing-");
+  const std::string temporary_name = temporary.path().filename().string();
+  temporary.write_all(text);
+  temporary.close();
+  folder.rename(temporary_name, name);
+  return true;
+}
+
+// The static site: the pages `serve` shows, linked relatively, for any
+// static host. Returns how many files changed.
+std::size_t export_html(wiki::WikiGenerator& g, const fs::path& dir) {
+  WikiSite site(g, SiteLinks{true, {}}, {});
+  site.load();
+  const wiki::SafeDir root = wiki::SafeDir::open_path(dir, true);
+  std::size_t changed = 0;
+  changed += write_site_file(root, "style.css", std::string(WikiSite::stylesheet()));
+  changed += write_site_file(root, "index.html", site.index_html());
+  changed += write_site_file(root, "history.html", site.history_html());
+  for (const auto& id : site.page_ids()) {
+    if (id.find('/') != std::string::npos || id.empty() || id.front() == '.') {
+      throw wiki::ValueError("page id " + wiki::quote_input(id) +
+                             " cannot name a file of the site");
+    }
+    changed += write_site_file(root, "pages/" + id + ".html", *site.page_html(id));
+  }
+  for (const auto& path : site.linked_sources()) {
+    if (const auto html = site.source_html(path, std::nullopt)) {
+      changed += write_site_file(root, "source/" + path + ".html", *html);
+    }
+  }
+  root.sync();
+  return changed;
+}
+
 }  // namespace
 
 Command add_export_command(CLI::App& app) {
@@ -373,21 +402,27 @@ Command add_export_command(CLI::App& app) {
   command->add_option("--format", options->format, "okf: Markdown with YAML front matter")
       ->check(CLI::IsMember({"okf"}))
       ->capture_default_str();
-  command->add_option("DIR", options->dir, "The bundle's folder (created when missing)")
-      ->required();
+  command->add_option("DIR", options->dir, "The bundle's folder (created when missing)");
+  command->add_option("--html", options->html,
+                      "Write a static HTML site of the wiki to this folder instead");
   add_common_options(*command, options->common);
   return Command{
       command, [options] {
         return run_guarded(
             [&] {
+              if (options->html.empty() == options->dir.empty()) {
+                throw UsageError("export takes either DIR (--format okf) or --html DIR");
+              }
+              const std::string& dir = options->html.empty() ? options->dir : options->html;
               auto generator = open_generator(options->common);
-              const std::size_t changed = export_okf(*generator, options->dir);
+              const std::size_t changed = options->html.empty()
+                                              ? export_okf(*generator, options->dir)
+                                              : export_html(*generator, options->html);
               if (options->common.json) {
-                std::cout << Json({{"dir", options->dir}, {"changed", changed}}).dump() << "\n";
+                std::cout << Json({{"dir", dir}, {"changed", changed}}).dump() << "\n";
               } else {
-                std::cout << "exported branch " << generator->branch() << " to " << options->dir
-                          << " (" << changed << " file" << (changed == 1 ? "" : "s")
-                          << " changed)\n";
+                std::cout << "exported branch " << generator->branch() << " to " << dir << " ("
+                          << changed << " file" << (changed == 1 ? "" : "s") << " changed)\n";
               }
               return 0;
             },

@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
       kodrune_cli::add_changes_command(app), kodrune_cli::add_reanchor_command(app),
       kodrune_cli::add_log_command(app),     kodrune_cli::add_mcp_command(app),
       kodrune_cli::add_rpc_command(app),     kodrune_cli::add_check_command(app),
-      kodrune_cli::add_export_command(app)};
+      kodrune_cli::add_export_command(app),  kodrune_cli::add_serve_command(app)};
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {

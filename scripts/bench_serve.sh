@@ -1,0 +1,59 @@
+#!/usr/bin/env bash
+# Times `kodrune-wiki serve` answering the index and one page on a branch
+# whose wiki is written and fresh: PAGES folders of two files, a saved page
+# each (bench/written_branch.cpp, the branch scripts/bench_check.sh uses).
+# Each request reads the repository and the store afresh, as every request
+# of the server does. Medians of BENCH_COMMAND_RUNS requests (7).
+#
+#   bash scripts/bench_serve.sh [PAGES]     # default 32000
+set -euo pipefail
+cd "$(dirname "$0")/.."
+pages=${1:-32000}
+runs=${BENCH_COMMAND_RUNS:-7}
+build=build/release
+repo=$PWD/build/bench-written-$pages
+
+bash scripts/setup.sh
+cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" \
+  -DKODRUNE_BUILD_TESTS=ON -DKODRUNE_BUILD_BENCH=ON >/dev/null
+cmake --build "$build" -j 2 --target kodrune-wiki kodrune_bench_written_branch >/dev/null
+wiki=$PWD/$build/kodrune-wiki
+make=$PWD/$build/bench/kodrune_bench_written_branch
+
+if [ ! -f "$repo/.bench-ready" ]; then
+  rm -rf "$repo"
+  mkdir -p "$repo"
+  "$make" "$repo" "$pages" files
+  (
+    cd "$repo"
+    git init -q -b main
+    git add -A
+    git config gc.auto 0
+    git -c user.name=bench -c user.email=bench@localhost commit -q -m "Generated repository"
+  )
+  "$make" "$repo" "$pages" store
+  "$wiki" plan --repo "$repo" >/dev/null
+  touch "$repo/.bench-ready"
+  echo ".bench-ready" >"$repo/.git/info/exclude"
+fi
+
+work=$(mktemp -d)
+"$wiki" serve --json --repo "$repo" >"$work/start" 2>"$work/err" &
+server=$!
+trap 'kill "$server" 2>/dev/null; wait "$server" 2>/dev/null; rm -rf "$work"' EXIT
+for _ in $(seq 100); do [ -s "$work/start" ] && break; sleep 0.1; done
+url=$(sed -E 's/.*"url": ?"([^"]+)".*/\1/' "$work/start")
+page=$(curl -fsS "$url" | grep -o 'href="/pages/[^"]*"' | sed -n 2p | sed -E 's/href="\/(.*)"/\1/')
+
+median_ms() {
+  local times=()
+  curl -fsS -o /dev/null "$1"  # the first request opens the store and reads the hash cache
+  for _ in $(seq "$runs"); do
+    times+=($(curl -fsS -o /dev/null -w '%{time_total}' "$1" | awk '{printf "%d", $1 * 1000}'))
+  done
+  printf '%s\n' "${times[@]}" | sort -n | sed -n "$(((runs + 1) / 2))p"
+}
+
+echo "branch of $pages written pages; medians of $runs requests"
+echo "index ($(curl -fsS "$url" | wc -c) bytes): $(median_ms "$url") ms"
+echo "one page, $page ($(curl -fsS "$url$page" | wc -c) bytes): $(median_ms "$url$page") ms"
