@@ -28,6 +28,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -60,11 +61,19 @@ class WikiService : public mcp::Service {
 
  private:
   zenthar_kodrune::workers::wiki::WikiGenerator& generator();
-  mcp::Json work_list(const zenthar_kodrune::workers::wiki::PlanList& plans,
-                      const std::set<std::string>& stale,
-                      const std::map<std::string, std::string>& why,
-                      const std::set<std::string>& new_pages, const CarriedProse& carried);
+  // Writes the pages to write, in order, into `out`: "total", the slice
+  // `arguments` asks for ("limit", "cursor") as "pages", and "next_cursor".
+  // Returns the slice's position in the whole list.
+  std::size_t work_list(const zenthar_kodrune::workers::wiki::PlanList& plans,
+                        const std::set<std::string>& stale,
+                        const std::map<std::string, std::string>& why,
+                        const std::set<std::string>& new_pages, const CarriedProse& carried,
+                        const mcp::Json& arguments, mcp::Json& out);
   mcp::Json carried_body(const std::string& page_id);
+  // Every file of a page of the plan derived now, one a line; nullopt when
+  // the plan has no such page.
+  std::optional<std::string> planned_files(const std::string& page_id);
+  mcp::Json log_answer(const mcp::Json& arguments, mcp::Json out);
 
   mcp::Json plan_tool(const mcp::Json& arguments);
   mcp::Json wiki_tool(const mcp::Json& arguments);
