@@ -149,12 +149,14 @@ std::size_t resume_at(const Cursor& cursor, const std::vector<std::string>& ids)
 
 void cut_list(Json& object, const char* key, const char* total_key, std::size_t keep) {
   if (!object.is_object() || !object.contains(key)) return;
-  Json* list = &object[key];
-  if (!list->is_array() || list->size() <= keep) return;
-  object[total_key] = list->size();
+  Json& list = object[key];
+  if (!list.is_array() || list.size() <= keep) return;
+  const std::size_t total = list.size();
   Json kept = Json::array();
-  for (std::size_t i = 0; i < keep; ++i) kept.push_back(std::move((*list)[i]));
-  *list = std::move(kept);
+  for (std::size_t i = 0; i < keep; ++i) kept.push_back(std::move(list[i]));
+  list = std::move(kept);
+  // Last: a new member may move the others.
+  object[total_key] = total;
 }
 
 }  // namespace kodrune_cli

@@ -955,6 +955,10 @@ Json WikiService::save_page_tool(const Json& arguments) {
   cut_list(out, "citations", "citations_total", kListedCitations);
   cut_list(out, "invalid_citations", "invalid_citations_total", kListedCitations);
   cut_list(out, "sections", "sections_total", kListedCitations);
+  for (auto& section : out["sections"]) {
+    cut_list(section, "files", "files_total", kListedCitations);
+    cut_list(section, "symbols", "symbols_total", kListedCitations);
+  }
   std::string summary = "saved " + page_id + " to " + out["rel_path"].get<std::string>() + " (" +
                         std::to_string(saved.citations.size()) + " citations stored, " +
                         std::to_string(saved.invalid_citations.size()) + " invalid; " +
@@ -984,7 +988,6 @@ Json WikiService::changes_tool(const Json& arguments) {
   out["total"] = ids.size();
   out["next_cursor"] = nullptr;
   const std::size_t rest_size = json_size(out);
-  std::vector<std::pair<std::string, Json>> slice;
   Json sizes = Json::array();
   const std::size_t next =
       fill_slice(sizes, start, ids.size(), limit_argument(arguments, kDefaultPages),
@@ -1067,12 +1070,17 @@ Json WikiService::read_page_tool(const Json& arguments) {
   const std::string page_id = arguments.at("page_id").get<std::string>();
   const wiki::Existing rows = g.repository().load_pages(g.branch());
   const Json* row = row_of(rows, page_id);
-  if (row == nullptr) {
+  // A page a build retired may still have its body, carried into another
+  // page: the work list hands out its start and read_page the rest.
+  const std::optional<std::string> retired_body =
+      row == nullptr ? saved_body(g, nullptr, page_id) : std::nullopt;
+  if (row == nullptr && !retired_body) {
     throw wiki::KeyError("page id " + wiki::quote_input(page_id) +
                          " is not in the plan of record of branch " + g.branch());
   }
-  const std::optional<std::string> body =
-      written(*row) ? saved_body(g, row, page_id) : std::nullopt;
+  const std::optional<std::string> body = retired_body    ? retired_body
+                                          : written(*row) ? saved_body(g, row, page_id)
+                                                          : std::nullopt;
   if (!body)
     throw wiki::KeyError("page " + wiki::quote_input(page_id) + " of branch " + g.branch() +
                          " has no saved body");
@@ -1086,7 +1094,7 @@ Json WikiService::read_page_tool(const Json& arguments) {
   const TextSlice slice = slice_text(*body, static_cast<std::size_t>(offset), kBodySliceBytes);
   Json out = Json::object();
   out["page_id"] = page_id;
-  out["title"] = wiki::row_text(*row, "title");
+  out["title"] = row == nullptr ? page_id : wiki::row_text(*row, "title");
   out["uri"] = page_uri(g.branch(), page_id);
   out["body"] = body->substr(slice.begin, slice.end - slice.begin);
   out["offset"] = slice.begin;
