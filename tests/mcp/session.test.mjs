@@ -315,6 +315,28 @@ test('long lists and bodies come in slices', async () => {
     }
     assert.equal(joined, body);
     assert.ok(slices > 1);
+
+    // A status reuses what the one before it worked out, but never past a
+    // change: a save by another process, an edit, a committed new unit.
+    const listed_ids = async () =>
+      (await call('wiki', { action: 'status', limit: 0 })).structuredContent.pages.map((page) => page.page_id);
+    let before = await listed_ids();
+    assert.ok(before.includes('module-u01'));
+    assert.deepEqual(await listed_ids(), before);
+    const bodyFile = path.join(repo.root, 'u01-body.md');
+    fs.writeFileSync(bodyFile, '# u01\n\nSee [a](u01/a.cpp#L1-L2).\n');
+    execFileSync(exe, ['save', 'module-u01', bodyFile, '--repo', repo.root]);
+    before = await listed_ids();
+    assert.ok(!before.includes('module-u01'), before.join(' '));
+    repo.write('u01/a.cpp', 'int a() {\n  return 2;\n}\n');
+    const edited = await listed_ids();
+    assert.equal(edited[0], 'module-u01');
+    const catchAllFiles = async () => (await call('wiki', { action: 'status', limit: 0 }))
+      .structuredContent.pages.find((page) => page.page_id === catchAll.page_id).files_total;
+    const filesBefore = await catchAllFiles();
+    repo.unit('v00', ['a.cpp', 'b.cpp']);
+    repo.commit('a new unit past the page budget');
+    assert.equal(await catchAllFiles(), filesBefore + 2);
   } catch (error) {
     if (stderr) console.error(`server stderr:\n${stderr}`);
     throw error;

@@ -1,17 +1,23 @@
 // The wiki's tools and resources over MCP, and the `kodrune-wiki mcp` command.
 #include "kodrune-wiki/mcp_tools.hpp"
 
+#include <sys/stat.h>
+
 #include <cctype>
 #include <csignal>
 #include <iostream>
 #include <set>
+#include <thread>
 #include <unordered_set>
 
 #include "kodrune-wiki/cmd_common.hpp"
 #include "kodrune-wiki/mcp_slices.hpp"
 #include "workers/wiki/page_ids.hpp"
 #include "workers/wiki/quoting.hpp"
+#include "workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+#include "zenthar_kodrune/workers/wiki/steering.hpp"
 
 #ifndef KODRUNE_WIKI_VERSION
 #define KODRUNE_WIKI_VERSION "0"
@@ -596,9 +602,33 @@ std::string work_summary(const std::string& branch, const Json& out, std::size_t
   return out_text;
 }
 
+// The stamp of whatever is at `path`, a folder included; nullopt when nothing is.
+std::optional<wiki::FileStamp> any_stamp(const std::string& path) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0) return std::nullopt;
+  return wiki::FileStamp{
+      static_cast<std::uint64_t>(info.st_size),
+      static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec,
+      static_cast<std::uint64_t>(info.st_ino)};
+}
+
+// The stamps of `paths` from `begin` on, on two threads: a monorepo has a
+// hundred thousand of them.
+void stamp_all(const std::vector<std::string>& paths, std::size_t begin,
+               std::vector<std::optional<wiki::FileStamp>>& stamps) {
+  stamps.resize(paths.size());
+  const std::size_t middle = begin + (paths.size() - begin) / 2;
+  std::thread second([&] {
+    for (std::size_t i = middle; i < paths.size(); ++i) stamps[i] = any_stamp(paths[i]);
+  });
+  for (std::size_t i = begin; i < middle; ++i) stamps[i] = any_stamp(paths[i]);
+  second.join();
+}
+
 }  // namespace
 
-WikiService::WikiService(Opener open) : open_(std::move(open)) {}
+WikiService::WikiService(Opener open, std::vector<fs::path> store_files)
+    : open_(std::move(open)), store_files_(std::move(store_files)) {}
 
 const Json& WikiService::tools() const {
   static const Json tools = build_tools();
@@ -631,6 +661,8 @@ Json WikiService::call_tool(const std::string& name, const Json& arguments,
       service.progress_ = nullptr;
     }
   } end_progress{*this};
+  // Our own writes are the store's changes too; a read leaves the memo.
+  if (name != "wiki" && name != "read_page" && name != "changes") status_memo_.reset();
   try {
     if (name == "plan") return plan_tool(arguments);
     if (name == "wiki") return wiki_tool(arguments);
@@ -669,17 +701,16 @@ Json WikiService::carried_body(const std::string& page_id) {
 std::size_t WikiService::work_list(const wiki::PlanList& plans, const std::set<std::string>& stale,
                                    const std::map<std::string, std::string>& why,
                                    const std::set<std::string>& new_pages,
-                                   const CarriedProse& carried, const Json& arguments, Json& out) {
+                                   const CarriedProse& carried, const Json& arguments, Json& out,
+                                   std::vector<WorkEntry>* order) {
   wiki::WikiGenerator& g = generator();
-  struct Entry {
-    wiki::PlanPtr plan;
-    std::optional<wiki::PreciseChanges> precise;
-  };
+  using Entry = WorkEntry;
   // The order needs every page's verdict; only the slice is written out.
   std::vector<Entry> first;
   std::vector<Entry> rest;
   std::unordered_set<std::string> listed;
-  for (const auto& plan : wiki::_by_importance(plans)) {
+  if (order != nullptr && !order->empty()) first = *order;
+  for (const auto& plan : first.empty() ? wiki::_by_importance(plans) : wiki::PlanList()) {
     if (stale.count(plan->page_id) == 0 || !listed.insert(plan->page_id).second) continue;
     Entry entry{plan, std::nullopt};
     bool cited_code_changed = false;
@@ -696,6 +727,7 @@ std::size_t WikiService::work_list(const wiki::PlanList& plans, const std::set<s
   }
   // Prose whose cited code changed is the most wrong: it comes first.
   for (auto& entry : rest) first.push_back(std::move(entry));
+  if (order != nullptr && order->empty()) *order = first;
   std::vector<std::string> ids;
   ids.reserve(first.size());
   for (const auto& entry : first) ids.push_back(entry.plan->page_id);
@@ -849,31 +881,42 @@ Json WikiService::wiki_tool(const Json& arguments) {
     start = work_list(result.plans, result.stale, result.why, result.new_pages, carried_, arguments,
                       out);
   } else {
-    const wiki::Derivation derivation = g.derive(replan);
-    const wiki::PlanList& plans = derivation.pinned.plans;
-    const std::set<std::string> stale = g._select_stale(plans, g._existing(), false);
-    std::map<std::string, std::string> why;
-    std::set<std::string> new_pages;
-    for (const auto& plan : plans) {
-      if (g._existing().count(plan->page_id) == 0) new_pages.insert(plan->page_id);
-      if (stale.count(plan->page_id) == 0 || why.count(plan->page_id) != 0) continue;
-      why[plan->page_id] = g.stale_reason(*plan, false).value_or("selected");
+    StatusMemo* memo = current_status(replan);
+    if (memo == nullptr) {
+      StatusMemo fresh;
+      fresh.replan = replan;
+      const wiki::Derivation derivation = g.derive(replan);
+      fresh.plans = derivation.pinned.plans;
+      fresh.stale = g._select_stale(fresh.plans, g._existing(), false);
+      for (const auto& plan : fresh.plans) {
+        if (g._existing().count(plan->page_id) == 0) fresh.new_pages.insert(plan->page_id);
+        if (fresh.stale.count(plan->page_id) == 0 || fresh.why.count(plan->page_id) != 0) {
+          continue;
+        }
+        fresh.why[plan->page_id] = g.stale_reason(*plan, false).value_or("selected");
+      }
+      fresh.amendments = Json(derivation.pinned.amendments);
+      // What a build would warn of; a first plan is no churn.
+      const auto drift =
+          derivation.first_plan
+              ? std::nullopt
+              : wiki::drift_signal(derivation.pinned.amendments,
+                                   static_cast<std::int64_t>(derivation.pinned.plans.size()));
+      fresh.drift = drift ? Json(*drift) : Json(nullptr);
+      fresh.remap = derivation.pinned.remap;
+      remember_status(std::move(fresh));
+      memo = &*status_memo_;
     }
-    out["planned"] = plans.size();
+    out["planned"] = memo->plans.size();
     place_pages();
-    out["amendments"] = Json(derivation.pinned.amendments);
+    out["amendments"] = memo->amendments;
     cut_list(out, "amendments", "amendments_total", kListedAmendments);
-    // What a build would warn of; a first plan is no churn.
-    const auto drift =
-        derivation.first_plan
-            ? std::nullopt
-            : wiki::drift_signal(derivation.pinned.amendments,
-                                 static_cast<std::int64_t>(derivation.pinned.plans.size()));
-    out["drift"] = drift ? Json(*drift) : Json(nullptr);
+    out["drift"] = memo->drift;
     // What this derivation would carry is shown, not remembered: nothing was built.
     CarriedProse carried = carried_;
-    add_carries(carried, derivation.pinned.remap);
-    start = work_list(plans, stale, why, new_pages, carried, arguments, out);
+    add_carries(carried, memo->remap);
+    start = work_list(memo->plans, memo->stale, memo->why, memo->new_pages, carried, arguments, out,
+                      &memo->order);
   }
   const std::string summary = work_summary(g.branch(), out, start, action == "generate");
   Json content = Json::array({{{"type", "text"}, {"text", bounded_summary(summary)}}});
@@ -1192,6 +1235,73 @@ Json WikiService::read_resource(const std::string& uri) {
   return {{"contents", Json::array({content})}};
 }
 
+StatusMemo* WikiService::current_status(bool replan) {
+  if (!status_memo_ || status_memo_->replan != replan || status_memo_->watched.empty()) {
+    return nullptr;
+  }
+  std::vector<std::optional<wiki::FileStamp>> now;
+  stamp_all(status_memo_->watched, 0, now);
+  if (now != status_memo_->stamps) {
+    status_memo_.reset();
+    return nullptr;
+  }
+  return &*status_memo_;
+}
+
+void WikiService::remember_status(StatusMemo made) {
+  status_memo_ = std::move(made);
+  wiki::WikiGenerator& g = generator();
+  // Unwatched, it serves this call only.
+  if (store_files_.empty()) return;
+  if (!git_index_) {
+    // Only git tells cheaply that no file came or went: its index changes.
+    const wiki::ProcessResult found =
+        wiki::run_process({"git", "-C", g.checkout_root().string(), "rev-parse",
+                           "--path-format=absolute", "--git-path", "index"});
+    std::string path = found.exit_code == 0 ? found.out : std::string();
+    while (!path.empty() && (path.back() == '\n' || path.back() == '\r')) path.pop_back();
+    git_index_ = path;
+  }
+  if (git_index_->empty()) return;
+  StatusMemo& memo = *status_memo_;
+  const std::string root = g.checkout_root().string() + "/";
+  std::vector<std::string>& watched = memo.watched;
+  watched.push_back(*git_index_);
+  for (const auto& file : store_files_) watched.push_back(file.string());
+  watched.push_back(root + std::string(wiki::STEERING_PATH));
+  watched.push_back(g.wiki_dir().string());
+  watched.push_back(g.pages_dir().string());
+  for (const auto& [page_id, row] : g._existing()) {
+    if (written(row)) {
+      watched.push_back((g.wiki_dir() / rel_path_of(&row, page_id)).string());
+    }
+  }
+  std::set<std::string_view> folders;
+  for (const auto& file : g.index().source_files) {
+    std::string_view folder(file);
+    while (true) {
+      const std::size_t slash = folder.rfind('/');
+      folder = slash == std::string_view::npos ? std::string_view() : folder.substr(0, slash);
+      if (!folders.insert(folder).second || folder.empty()) break;
+    }
+  }
+  for (const auto& folder : folders) watched.push_back(root + std::string(folder));
+  const std::size_t stamped = watched.size();
+  // The source files keep the stamps the derivation saw, not later ones: a
+  // file changed meanwhile shows as changed at the next call.
+  memo.stamps.reserve(stamped + g.index().source_files.size());
+  for (const auto& file : g.index().source_files) watched.push_back(root + file);
+  std::vector<std::optional<wiki::FileStamp>> stamps(watched.size());
+  std::vector<std::string> first(watched.begin(),
+                                 watched.begin() + static_cast<std::ptrdiff_t>(stamped));
+  stamp_all(first, 0, stamps);
+  stamps.resize(watched.size());
+  for (std::size_t i = 0; i < g.index().source_stamps.size(); ++i) {
+    stamps[stamped + i] = g.index().source_stamps[i];
+  }
+  memo.stamps = std::move(stamps);
+}
+
 std::optional<std::string> WikiService::planned_files(const std::string& page_id) {
   wiki::WikiGenerator& g = generator();
   const wiki::Derivation derivation = g.derive(false);
@@ -1240,12 +1350,23 @@ Command add_mcp_command(CLI::App& app) {
                    // A client that goes away mid-answer ends the session, not in a signal.
                    std::signal(SIGPIPE, SIG_IGN);
                    std::ios::sync_with_stdio(false);
-                   WikiService service([options] {
-                     wiki::WikiGeneratorOptions generator_options;
-                     // Progress goes to the client, not to a terminal line.
-                     generator_options.progress = false;
-                     return open_generator(*options, std::move(generator_options));
-                   });
+                   std::vector<fs::path> store_files;
+                   const wiki::StoreUrl store = resolve_store(options->store);
+                   if (store.kind == wiki::StoreKind::Sqlite) {
+                     const fs::path file =
+                         store.target.empty()
+                             ? wiki::SqliteWikiStore::default_path(fs::absolute(options->repo))
+                             : fs::absolute(store.target);
+                     store_files = {file, file.string() + "-wal"};
+                   }
+                   WikiService service(
+                       [options] {
+                         wiki::WikiGeneratorOptions generator_options;
+                         // Progress goes to the client, not to a terminal line.
+                         generator_options.progress = false;
+                         return open_generator(*options, std::move(generator_options));
+                       },
+                       std::move(store_files));
                    const mcp::ServerInfo info = wiki_server_info();
                    return mcp::serve(std::cin, std::cout, service, info);
                  }};
