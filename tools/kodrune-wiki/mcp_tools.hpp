@@ -110,7 +110,6 @@ class WikiService : public mcp::Service {
   StatusMemo* current_status(bool replan);
   void remember_status(StatusMemo made);
 
-
   mcp::Json plan_tool(const mcp::Json& arguments);
   mcp::Json wiki_tool(const mcp::Json& arguments);
   mcp::Json save_page_tool(const mcp::Json& arguments);
