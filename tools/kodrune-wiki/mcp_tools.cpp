@@ -1276,8 +1276,12 @@ void WikiService::remember_status(StatusMemo made) {
       watched.push_back((g.wiki_dir() / rel_path_of(&row, page_id)).string());
     }
   }
+  // Every indexed file, its folder and the folders above it: a file that
+  // comes or goes changes its folder's stamp, an edit its own. A page may
+  // cite a file that is not source code.
+  const wiki::RepositoryIndex& index = g.index();
   std::set<std::string_view> folders;
-  for (const auto& file : g.index().source_files) {
+  for (const auto& file : index.files) {
     std::string_view folder(file);
     while (true) {
       const std::size_t slash = folder.rfind('/');
@@ -1286,18 +1290,19 @@ void WikiService::remember_status(StatusMemo made) {
     }
   }
   for (const auto& folder : folders) watched.push_back(root + std::string(folder));
-  const std::size_t stamped = watched.size();
+  std::size_t source = 0;
+  for (const auto& file : index.files) {
+    while (source < index.source_files.size() && index.source_files[source] < file) ++source;
+    if (source < index.source_files.size() && index.source_files[source] == file) continue;
+    watched.push_back(root + file);
+  }
+  std::vector<std::optional<wiki::FileStamp>> stamps;
+  stamp_all(watched, 0, stamps);
   // The source files keep the stamps the derivation saw, not later ones: a
   // file changed meanwhile shows as changed at the next call.
-  memo.stamps.reserve(stamped + g.index().source_files.size());
-  for (const auto& file : g.index().source_files) watched.push_back(root + file);
-  std::vector<std::optional<wiki::FileStamp>> stamps(watched.size());
-  std::vector<std::string> first(watched.begin(),
-                                 watched.begin() + static_cast<std::ptrdiff_t>(stamped));
-  stamp_all(first, 0, stamps);
-  stamps.resize(watched.size());
-  for (std::size_t i = 0; i < g.index().source_stamps.size(); ++i) {
-    stamps[stamped + i] = g.index().source_stamps[i];
+  for (std::size_t i = 0; i < index.source_files.size(); ++i) {
+    watched.push_back(root + index.source_files[i]);
+    stamps.push_back(index.source_stamps[i]);
   }
   memo.stamps = std::move(stamps);
 }
