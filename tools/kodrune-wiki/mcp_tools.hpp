@@ -1,21 +1,23 @@
 // The wiki side of `kodrune-wiki mcp`: the tools an agent writes the wiki
 // with, and each saved page as a resource.
 //
-//   plan       {replan?, force?}       one build; the data of `plan --json`
-//   wiki       {action, replan?, limit?}
+//   plan       {replan?, force?}       one build; counts, amendments, drift
+//   wiki       {action, replan?, limit?, cursor?}
 //              "generate": one build, then the pages to write in build order,
-//              each with its files, why it is stale, the stale sections of a
-//              written page, and the saved body of any old page whose prose a
-//              replan or a superseded family carries into it;
-//              "status": the same list without building (nothing written);
-//              "log": the branch's plan audit log
+//              a slice at a time, each with its files, why it is stale, the
+//              stale sections of a written page, and the saved body of any
+//              old page whose prose a replan or a superseded family carries
+//              into it; "status": the same list without building (nothing
+//              written); "log": the branch's plan audit log
 //   save_page  {page_id, body, citations?, title?}   as `save`
-//   changes    {page_ids?}             as `changes`
+//   changes    {page_ids?, limit?, cursor?}          as `changes`
 //   reanchor   {page_ids?}             as `reanchor`
-//   read_page  {page_id}               a saved body
+//   read_page  {page_id, offset?}      a saved body, a slice at a time
 //
-// Resources: wiki://<branch>/pages/<page id>.md for every saved page.
+// Resources: wiki://<branch>/pages/<page id>.md for every saved page, and
+// wiki://<branch>/files/<page id> listing a planned page's files.
 //
+// Every answer at default arguments fits the bounds of mcp_slices.hpp.
 // One orchestrator serves every call, so its file-hash cache stays loaded.
 // It is opened on first use: a repository or branch it cannot open makes
 // each call fail with the command's one-line error, and the next call tries
