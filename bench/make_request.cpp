@@ -7,6 +7,10 @@
 //   kodrune_bench_make_request select_stale PLANS
 //   kodrune_bench_make_request section_map BODY_BYTES
 //   kodrune_bench_make_request section_map_hashes FILES
+//   kodrune_bench_make_request pin_plan_kept ROWS   two rows in three without a fresh
+//                                                   plan, every row listing a gone file
+//   kodrune_bench_make_request section_map_many BODY_BYTES   a section per 3.3 KB,
+//                                                   a citation per 420 bytes
 //
 // Plans and rows are regular (ten files a page) so a request's size follows
 // its row count; the section workloads are the suite's (generator.hpp). The
@@ -98,6 +102,90 @@ Json pin_plan(std::size_t rows, bool whole) {
   return request("pin_plan", std::move(args));
 }
 
+// `rows` stored module pages of ten files and one that is gone; the planner
+// proposes only every third unit again, so the others are kept from the
+// record (their files still live), and every row drops its gone file.
+Json pin_plan_kept(std::size_t rows) {
+  Json existing = Json::object();
+  Json fresh = Json::array();
+  std::vector<std::string> live;
+  for (std::size_t unit = 0; unit < rows; ++unit) {
+    std::vector<std::string> files = files_of(unit, 10);
+    live.insert(live.end(), files.begin(), files.end());
+    if (unit % 3 == 0) {
+      Json plan = Json::object();
+      plan["page_id"] = page_of(unit);
+      plan["title"] = folder_of(unit);
+      plan["level"] = "module";
+      plan["source_files"] = files;
+      fresh.push_back(std::move(plan));
+    }
+    files.push_back(folder_of(unit) + "/gone.py");
+    Json row = Json::object();
+    row["page_id"] = page_of(unit);
+    row["title"] = folder_of(unit);
+    row["description"] = "What " + folder_of(unit) + " does.";
+    row["importance"] = "medium";
+    row["level"] = "module";
+    row["parent_section"] = "Modules";
+    row["source_files"] = std::move(files);
+    existing[page_of(unit)] = std::move(row);
+  }
+  Json args = Json::object();
+  args["fresh_plans"] = std::move(fresh);
+  args["existing"] = std::move(existing);
+  args["live_paths"] = live;
+  args["replan"] = false;
+  return request("pin_plan", std::move(args));
+}
+
+// A body of about `body_bytes` in many short sections (one per 3.3 KB), each
+// citing eight of the page's stored citations (one per 420 bytes).
+Json section_map_many(std::size_t body_bytes) {
+  const std::size_t sections = std::max<std::size_t>(1, body_bytes / 3355);
+  const std::size_t per_section = 8;
+  Rng rng(11);
+  std::vector<std::string> files;
+  for (std::size_t unit = 0; unit < 400; ++unit) {
+    for (const auto& file : files_of(unit, 5)) files.push_back(file);
+  }
+  Json hashes = Json::object();
+  for (const auto& file : files) hashes[file] = wiki::_text_hash(file).substr(0, 16);
+  Json citations = Json::array();
+  std::string body = "# A page of many sections\n\n";
+  body.reserve(body_bytes + 4096);
+  for (std::size_t section = 0; section < sections; ++section) {
+    body += "## Section ";
+    body += std::to_string(section);
+    body += "\n\n";
+    const std::size_t paragraph = body_bytes / sections / per_section;
+    for (std::size_t k = 0; k < per_section; ++k) {
+      const std::size_t begin = body.size();
+      const std::string& path = rng.pick(files);
+      const std::size_t start = section * per_section + k + 1;
+      Json citation = Json::object();
+      citation["path"] = path;
+      citation["line_start"] = start;
+      citation["line_end"] = start + 9;
+      citations.push_back(std::move(citation));
+      body += "The code in [" + path + "](" + path + "#L" + std::to_string(start) + "-L" +
+              std::to_string(start + 9) + ") does what this part says;";
+      static const std::vector<std::string> words = {"reads", "the",   "table", "and",    "writes",
+                                                     "each",  "entry", "once",  "before", "it"};
+      while (body.size() - begin + 2 < paragraph) {
+        body += ' ';
+        body += rng.pick(words);
+      }
+      body += "\n\n";
+    }
+  }
+  Json args = Json::object();
+  args["body"] = std::move(body);
+  args["citations"] = std::move(citations);
+  args["file_hashes"] = std::move(hashes);
+  return request("section_map", std::move(args));
+}
+
 // `plans` module pages of two files each, all stored: one in ten holds the
 // stale marker, one in twenty an older hash of a file, one in fifty no row.
 Json select_stale(std::size_t plans) {
@@ -149,7 +237,7 @@ Json section_map(const SectionWorkload& work) {
 
 int usage() {
   std::cerr << "usage: kodrune_bench_make_request pin_plan|pin_plan_full|select_stale|"
-               "section_map|section_map_hashes SIZE\n";
+               "section_map|section_map_hashes|pin_plan_kept|section_map_many SIZE\n";
   return 2;
 }
 
@@ -174,6 +262,10 @@ int main(int argc, char** argv) {
     line = select_stale(size);
   } else if (kind == "section_map") {
     line = section_map(make_section_workload(size, 10000, 7));
+  } else if (kind == "pin_plan_kept") {
+    line = pin_plan_kept(size);
+  } else if (kind == "section_map_many") {
+    line = section_map_many(size);
   } else if (kind == "section_map_hashes") {
     // A page citing `size` files: the body grows with them, about a
     // hundred bytes of prose per citation.

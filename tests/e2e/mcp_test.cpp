@@ -266,5 +266,103 @@ TEST(McpServer, CollapsedFamilyCarriesItsPartsSavedBodiesIntoTheUnitPage) {
   EXPECT_TRUE(carry_of_lib(session.result("after")).is_null()) << session.run.out;
 }
 
+// Every tool at its default arguments on a repository of 4,500 files, whose
+// plan has a catch-all page of thousands of files and whose overview cites
+// 2,000 ranges that all move: each answer stays a message an agent can read.
+TEST(McpServer, EveryAnswerAtDefaultArgumentsStaysWithinTheBounds) {
+  GitRepo repo;
+  for (int folder = 0; folder < 150; ++folder) {
+    repo.write_unit("d" + std::to_string(1000 + folder), 30);
+  }
+  repo.commit("seed");
+  std::string body = "# Overview\n\n## Everything\n\n";
+  for (int i = 0; i < 2000; ++i) {
+    const int number = i / 150 + 1;
+    const std::string file = "d" + std::to_string(1000 + i % 150) + "/f" +
+                             (number < 10 ? "0" : "") + std::to_string(number) + ".cpp";
+    body += "- [" + std::to_string(i) + "](" + file + "#L1-L2) opens the file.\n";
+  }
+  const std::vector<std::pair<std::string, Json>> first_calls = {
+      {"wiki", {{"action", "generate"}}},
+      {"wiki", {{"action", "status"}}},
+      {"plan", Json::object()},
+      {"wiki", {{"action", "log"}}},
+      {"save_page", {{"page_id", "overview"}, {"body", body}}},
+      {"read_page", {{"page_id", "overview"}}},
+  };
+  const auto check_bounds = [](const Session& session, std::size_t calls) {
+    std::size_t answered = 0;
+    std::istringstream out(session.run.out);
+    for (std::string line; std::getline(out, line);) {
+      const Json message = Json::parse(line);
+      if (!message.contains("id") || message.at("id") == "init") continue;
+      ++answered;
+      EXPECT_LE(line.size(), 64u * 1024) << message.at("id") << ": " << line.substr(0, 300);
+      const Json& result = message.at("result");
+      EXPECT_FALSE(result.contains("isError")) << line.substr(0, 300);
+      EXPECT_LE(text_of(result).size(), 4096u) << message.at("id");
+    }
+    EXPECT_EQ(answered, calls) << session.run.err;
+  };
+  std::vector<std::string> lines = {initialize()};
+  for (std::size_t i = 0; i < first_calls.size(); ++i) {
+    lines.push_back(call(first_calls[i].first + std::to_string(i), first_calls[i].first,
+                         first_calls[i].second));
+  }
+  Session session = run_mcp(repo, lines);
+  check_bounds(session, first_calls.size());
+  EXPECT_EQ(session.result("wiki1").at("structuredContent").at("pages").size(), 25u);
+  // The whole work list, as many pages a slice as fit: the catch-all page's
+  // file list comes cut.
+  bool cut = false;
+  Json cursor = nullptr;
+  for (int slices = 0; slices < 10; ++slices) {
+    Json arguments = {{"action", "status"}, {"limit", 0}};
+    if (!cursor.is_null()) arguments["cursor"] = cursor;
+    const Session slice = run_mcp(repo, {initialize(), call("all", "wiki", arguments)});
+    check_bounds(slice, 1);
+    const Json listed = slice.result("all").at("structuredContent");
+    for (const auto& page : listed.at("pages")) cut = cut || page.contains("files_total");
+    cursor = listed.at("next_cursor");
+    if (cursor.is_null()) break;
+  }
+  EXPECT_TRUE(cursor.is_null());
+  EXPECT_TRUE(cut);
+  const Json read = session.result("read_page5").at("structuredContent");
+  EXPECT_LT(read.at("body").get<std::string>().size(), body.size());
+  EXPECT_EQ(read.at("size"), body.size());
+
+  // A line above every cited range: 2,000 citations moved, the overview's
+  // changes and its re-anchoring are long lists (the overview owns no file,
+  // so only a named re-anchoring takes it).
+  for (int folder = 0; folder < 150; ++folder) {
+    for (int i = 1; i <= 30; ++i) {
+      const std::string unit = "d" + std::to_string(1000 + folder);
+      repo.write(unit + "/f" + (i < 10 ? "0" : "") + std::to_string(i) + ".cpp",
+                 "// moved\nint " + unit + "_" + std::to_string(i) + "() {\n  return " +
+                     std::to_string(i) + ";\n}\n");
+    }
+  }
+  const std::vector<std::pair<std::string, Json>> later_calls = {
+      {"wiki", {{"action", "status"}}},
+      {"changes", Json::object()},
+      {"reanchor", {{"page_ids", Json::array({"overview"})}}},
+      {"wiki", {{"action", "log"}}},
+  };
+  lines = {initialize()};
+  for (std::size_t i = 0; i < later_calls.size(); ++i) {
+    lines.push_back(call(later_calls[i].first + std::to_string(i), later_calls[i].first,
+                         later_calls[i].second));
+  }
+  session = run_mcp(repo, lines);
+  check_bounds(session, later_calls.size());
+  const Json changes = session.result("changes1").at("structuredContent").at("changes");
+  ASSERT_TRUE(changes.contains("overview")) << session.run.out.substr(0, 2000);
+  EXPECT_EQ(changes.at("overview").at("citations_total"), 2000);
+  const Json reanchored = session.result("reanchor2").at("structuredContent").at("reanchored");
+  ASSERT_EQ(reanchored.size(), 1u);
+  EXPECT_EQ(reanchored.at(0).at("citations_total"), 2000);
+}
+
 }  // namespace
 }  // namespace kodrune_e2e

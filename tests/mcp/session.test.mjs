@@ -124,9 +124,8 @@ test('an agent writes a wiki through the MCP server', async () => {
     assert.equal(saved.title, 'The library');
     assert.deepEqual(ids(await call('wiki', { action: 'status' })), ['overview']);
     const plan = await call('plan', {});
-    assert.deepEqual(plan.plans.map((p) => [p.page_id, p.state]),
-                     [['overview', 'stale'], ['module-src', 'fresh'], ['module-lib', 'fresh']]);
-    assert.deepEqual(plan.why, { overview: 'never written' });
+    assert.deepEqual([plan.planned, plan.new, plan.stale, plan.fresh], [3, 0, 1, 2]);
+    assert.deepEqual(plan.amendments, []);
 
     // An edit inside the cited lines: the page comes first, its cited lines
     // named. A line above lib's cited lines only moves them.
@@ -223,6 +222,121 @@ test('an agent writes a wiki through the MCP server', async () => {
     await assert.rejects(client.readResource({ uri: 'wiki://main/pages/overview.md' }),
                          (error) => error instanceof McpError && error.code === -32002);
     await client.ping();
+  } catch (error) {
+    if (stderr) console.error(`server stderr:\n${stderr}`);
+    throw error;
+  } finally {
+    await client.close();
+    repo.remove();
+  }
+});
+
+// A plan of 70 pages, one of them a catch-all page of 30 files, read as an
+// agent reads it: the work list a slice at a time, the cut file list through
+// its resource, and a long saved body in slices.
+test('long lists and bodies come in slices', async () => {
+  assert.ok(exe, 'KODRUNE_WIKI_EXE must name the kodrune-wiki binary');
+  const repo = new Repo();
+  // More units than the page budget: the last ones share the catch-all page.
+  for (let unit = 0; unit < 70; ++unit) {
+    repo.unit(`u${String(unit).padStart(2, '0')}`, ['a.cpp', 'b.cpp', 'c.cpp']);
+  }
+  repo.commit('seed');
+  const client = new Client({ name: 'kodrune-wiki-test', version: '1.0.0' });
+  let stderr = '';
+  const transport = new StdioClientTransport({
+    command: exe, args: ['mcp', '--repo', repo.root], cwd: repo.root, env: { ...process.env }, stderr: 'pipe',
+  });
+  transport.stderr.on('data', (chunk) => (stderr += chunk));
+  try {
+    await client.connect(transport);
+    const call = async (name, args) => {
+      const result = await client.callTool({ name, arguments: args });
+      assert.ok(!result.isError, `${name}: ${JSON.stringify(result.content)}`);
+      assert.ok(Buffer.byteLength(result.content[0].text) <= 4096, name);
+      assert.ok(Buffer.byteLength(JSON.stringify(result)) <= 65536, name);
+      return result;
+    };
+
+    // The default slice, then a walk with a small limit that meets every page once.
+    const first = (await call('wiki', { action: 'generate' })).structuredContent;
+    assert.equal(first.pages.length, 25);
+    assert.equal(first.total, first.planned);
+    assert.equal(typeof first.next_cursor, 'string');
+    const walked = [];
+    let cursor;
+    for (let slices = 0; slices < 20; ++slices) {
+      const args = { action: 'status', limit: 8 };
+      if (cursor !== undefined) args.cursor = cursor;
+      const slice = (await call('wiki', args)).structuredContent;
+      assert.ok(slice.pages.length <= 8);
+      walked.push(...slice.pages.map((page) => page.page_id));
+      cursor = slice.next_cursor;
+      if (cursor === null) break;
+    }
+    assert.equal(cursor, null);
+    const all = (await call('wiki', { action: 'status', limit: 0 })).structuredContent;
+    assert.equal(all.next_cursor, null);
+    assert.deepEqual(walked, all.pages.map((page) => page.page_id));
+    assert.equal(new Set(walked).size, first.total);
+    assert.deepEqual(walked.slice(0, 25), first.pages.map((page) => page.page_id));
+    const refused = await client.callTool({ name: 'wiki', arguments: { action: 'status', cursor: 'nonsense' } });
+    assert.equal(refused.isError, true);
+    assert.match(refused.content[0].text, /cursor "nonsense" is not one this server gave/);
+
+    // The catch-all page's files: 20 listed, the rest counted, all of them one read away.
+    const catchAll = all.pages.find((page) => page.files_total !== undefined);
+    assert.ok(catchAll, JSON.stringify(all.pages.map((page) => [page.page_id, page.files.length])));
+    assert.equal(catchAll.files.length, 20);
+    assert.ok(catchAll.files_total > 20);
+    assert.match(catchAll.files_summary, /^3 files in u\d\d, 3 files in u\d\d, 3 files in u\d\d; \d+ more$/);
+    const listed = await client.readResource({ uri: catchAll.files_uri });
+    const files = listed.contents[0].text.trimEnd().split('\n');
+    assert.equal(files.length, catchAll.files_total);
+    assert.deepEqual(files.slice(0, 20), catchAll.files);
+    for (const file of files) assert.ok(fs.existsSync(path.join(repo.root, file)), file);
+    const sliceOfCatchAll = await call('wiki', { action: 'status', limit: 0 });
+    assert.ok(sliceOfCatchAll.content.some((item) => item.type === 'resource_link' && item.uri === catchAll.files_uri));
+
+    // A body past the bound comes in slices that join up to it.
+    const line = '- a line of the page, long enough to fill it quickly: u00/a.cpp\n';
+    const body = '# u00\n\n' + line.repeat(3000);
+    await call('save_page', { page_id: 'module-u00', body });
+    let offset = 0;
+    let joined = '';
+    let slices = 0;
+    while (offset !== null) {
+      const read = (await call('read_page', { page_id: 'module-u00', offset })).structuredContent;
+      assert.equal(read.offset, offset);
+      assert.equal(read.size, Buffer.byteLength(body));
+      joined += read.body;
+      offset = read.next_offset;
+      ++slices;
+    }
+    assert.equal(joined, body);
+    assert.ok(slices > 1);
+
+    // A status reuses what the one before it worked out, but never past a
+    // change: a save by another process, an edit, a committed new unit.
+    const listed_ids = async () =>
+      (await call('wiki', { action: 'status', limit: 0 })).structuredContent.pages.map((page) => page.page_id);
+    let before = await listed_ids();
+    assert.ok(before.includes('module-u01'));
+    assert.deepEqual(await listed_ids(), before);
+    const bodyFile = path.join(repo.root, 'u01-body.md');
+    fs.writeFileSync(bodyFile, '# u01\n\nSee [a](u01/a.cpp#L1-L2).\n');
+    execFileSync(exe, ['save', 'module-u01', bodyFile, '--repo', repo.root]);
+    before = await listed_ids();
+    assert.ok(!before.includes('module-u01'), before.join(' '));
+    repo.write('u01/a.cpp', 'int a() {\n  return 2;\n}\n');
+    const edited = await listed_ids();
+    assert.equal(edited[0], 'module-u01');
+    const catchAllFiles = async () => (await call('wiki', { action: 'status', limit: 0 }))
+      .structuredContent.pages.find((page) => page.page_id === catchAll.page_id).files_total;
+    const filesBefore = await catchAllFiles();
+    repo.unit('v00', ['a.cpp', 'b.cpp']);
+    repo.commit('a new unit past the page budget');
+    assert.equal(await catchAllFiles(), filesBefore + 2);
   } catch (error) {
     if (stderr) console.error(`server stderr:\n${stderr}`);
     throw error;

@@ -469,8 +469,13 @@ class Session {
     }
     Json result = service_.call_tool(name, arguments, progress_for(params));
     if (protocol_version_ < kStructuredContentSince && result.contains("structuredContent")) {
-      result["content"].push_back(
-          {{"type", "text"}, {"text", dump(result.at("structuredContent"))}});
+      // Resource links came with structured content: older clients get neither.
+      Json content = Json::array();
+      for (auto& item : result["content"]) {
+        if (item.value("type", "") != "resource_link") content.push_back(std::move(item));
+      }
+      content.push_back({{"type", "text"}, {"text", dump(result.at("structuredContent"))}});
+      result["content"] = std::move(content);
     }
     return result;
   }
