@@ -5,39 +5,13 @@
 #
 #   bash scripts/bench_check.sh [PAGES]     # default 32000
 #
-# Builds kodrune-wiki and the generator in build/release, configured as the
-# test command configures it; the branch is made once into
-# build/bench-written-PAGES and reused.
+# scripts/written_branch.sh builds the command and makes the branch, once.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 pages=${1:-32000}
 runs=${BENCH_COMMAND_RUNS:-5}
-build=build/release
-repo=$PWD/build/bench-written-$pages
-
-bash scripts/setup.sh
-cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" \
-  -DKODRUNE_BUILD_TESTS=ON -DKODRUNE_BUILD_BENCH=ON >/dev/null
-cmake --build "$build" -j 2 --target kodrune-wiki kodrune_bench_written_branch >/dev/null
-wiki=$PWD/$build/kodrune-wiki
-make=$PWD/$build/bench/kodrune_bench_written_branch
-
-if [ ! -f "$repo/.bench-ready" ]; then
-  rm -rf "$repo"
-  mkdir -p "$repo"
-  "$make" "$repo" "$pages" files
-  (
-    cd "$repo"
-    git init -q -b main
-    git add -A
-    git config gc.auto 0
-    git -c user.name=bench -c user.email=bench@localhost commit -q -m "Generated repository"
-  )
-  "$make" "$repo" "$pages" store
-  "$wiki" plan --repo "$repo" >/dev/null  # the first build records the catch-all and the cache
-  touch "$repo/.bench-ready"
-  echo ".bench-ready" >"$repo/.git/info/exclude"
-fi
+# shellcheck source=scripts/written_branch.sh
+source scripts/written_branch.sh
 
 median_ms() {
   local times=()

@@ -79,4 +79,22 @@ int run_guarded(const std::function<int()>& body, std::ostream& err) {
   }
 }
 
+std::string percent_encoded(std::string_view text, bool keep_slash) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+        (byte >= '0' && byte <= '9') || c == '-' || c == '.' || c == '_' || c == '~' ||
+        (keep_slash && c == '/')) {
+      out.push_back(c);
+    } else {
+      out.push_back('%');
+      out.push_back(kHex[byte >> 4]);
+      out.push_back(kHex[byte & 15]);
+    }
+  }
+  return out;
+}
+
 }  // namespace kodrune_cli

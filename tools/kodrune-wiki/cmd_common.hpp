@@ -9,6 +9,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include "workers/wiki/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -53,6 +54,10 @@ std::string error_line(const std::exception& error);
 
 // Runs `body`, printing error_line for a failure.
 int run_guarded(const std::function<int()>& body, std::ostream& err);
+
+// `text` percent-encoded for a URI or URL path: every byte but ASCII letters,
+// digits and "-._~", and "/" where `keep_slash` (a branch keeps its folders).
+std::string percent_encoded(std::string_view text, bool keep_slash);
 
 // `plan --json`: the branch, every planned page with its state, the
 // amendments, the remap, the drift warning, the stale pages and why.

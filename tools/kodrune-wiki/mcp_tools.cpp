@@ -456,24 +456,6 @@ void bound_changes(Json& changes) {
 
 // ---- resource names ----
 
-// Percent-encodes what may not stand in a URI path; a branch keeps its "/".
-std::string uri_escape(std::string_view text, bool keep_slash) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (std::isalnum(byte) != 0 || c == '-' || c == '.' || c == '_' || c == '~' ||
-        (keep_slash && c == '/')) {
-      out.push_back(c);
-    } else {
-      out.push_back('%');
-      out.push_back(kHex[byte >> 4]);
-      out.push_back(kHex[byte & 15]);
-    }
-  }
-  return out;
-}
-
 std::optional<std::string> uri_unescape(std::string_view text) {
   std::string out;
   for (std::size_t i = 0; i < text.size(); ++i) {
@@ -492,19 +474,19 @@ std::optional<std::string> uri_unescape(std::string_view text) {
 }
 
 std::string pages_prefix(const std::string& branch) {
-  return "wiki://" + uri_escape(branch, true) + "/pages/";
+  return "wiki://" + percent_encoded(branch, true) + "/pages/";
 }
 
 std::string page_uri(const std::string& branch, const std::string& page_id) {
-  return pages_prefix(branch) + uri_escape(page_id, false) + ".md";
+  return pages_prefix(branch) + percent_encoded(page_id, false) + ".md";
 }
 
 std::string files_prefix(const std::string& branch) {
-  return "wiki://" + uri_escape(branch, true) + "/files/";
+  return "wiki://" + percent_encoded(branch, true) + "/files/";
 }
 
 std::string files_uri(const std::string& branch, const std::string& page_id) {
-  return files_prefix(branch) + uri_escape(page_id, false);
+  return files_prefix(branch) + percent_encoded(page_id, false);
 }
 
 bool written(const Json& row) { return !wiki::row_text(row, "content_hash").empty(); }

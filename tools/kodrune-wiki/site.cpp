@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <map>
 
+#include "kodrune-wiki/cmd_common.hpp"
 #include "workers/wiki/sections.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -52,22 +53,7 @@ std::string html_escaped(std::string_view text) {
   return out;
 }
 
-std::string url_path(std::string_view text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if ((byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
-        (byte >= '0' && byte <= '9') || c == '-' || c == '.' || c == '_' || c == '~' || c == '/') {
-      out.push_back(c);
-    } else {
-      out.push_back('%');
-      out.push_back(kHex[byte >> 4]);
-      out.push_back(kHex[byte & 15]);
-    }
-  }
-  return out;
-}
+std::string url_path(std::string_view text) { return percent_encoded(text, true); }
 
 std::string linked_page(std::string_view target, const std::set<std::string>& ids) {
   if (target.size() < 4 || target.substr(target.size() - 3) != ".md") return {};
