@@ -5,10 +5,9 @@
 #include <unordered_set>
 #include <utility>
 
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace kodrune_bench {
 
@@ -190,7 +189,7 @@ wiki::PlanList planner_plans(const std::vector<Unit>& units,
                                      .importance = "low",
                                      .description = "Remaining modules and files.",
                                      .source_files = std::move(files),
-                                     .type = std::string(zenthar_kodrune::workers::OTHER_CODE_TYPE),
+                                     .type = std::string(wiki::OTHER_CODE_TYPE),
                                      .catch_all = true}));
   }
   return plans;

@@ -23,7 +23,7 @@
 #include <string_view>
 
 #include "generator.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace {

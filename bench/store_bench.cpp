@@ -15,7 +15,7 @@
 #include "generator.hpp"
 #include "memory.hpp"
 #include "support/postgres_cluster.hpp"
-#include "workers/wiki/postgres_store.hpp"
+#include "workers/wiki/store/postgres/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"

@@ -16,7 +16,7 @@
 #include <string>
 
 #include "workers/wiki/orchestrator/citation_states.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
 namespace wiki = zenthar_kodrune::workers::wiki;

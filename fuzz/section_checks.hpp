@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "workers/wiki/verify.hpp"
+#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace kodrune_fuzz {

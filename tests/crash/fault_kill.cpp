@@ -15,7 +15,7 @@
 #include <fstream>
 #include <thread>
 
-#include "workers/wiki/fault_point.hpp"
+#include "workers/wiki/util/fault_point.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "e2e/repo_fixture.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 
 namespace kodrune_e2e {
 namespace {

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "e2e/repo_fixture.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 
 namespace kodrune_e2e {
 namespace {

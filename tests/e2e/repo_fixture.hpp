@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "support/temp_dir.hpp"
-#include "workers/wiki/store_url.hpp"
+#include "workers/wiki/orchestrator/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 

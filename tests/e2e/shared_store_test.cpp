@@ -11,7 +11,7 @@
 
 #include "e2e/repo_fixture.hpp"
 #include "support/postgres_cluster.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 
 namespace kodrune_e2e {
 namespace {

@@ -3,7 +3,7 @@
 // included. Built with the tests and the benchmarks; never installed.
 #pragma once
 
-#include "kodrune-wiki/rpc.hpp"
+#include "kodrune-wiki/rpc/rpc.hpp"
 
 namespace kodrune_harness {
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "kodrune-wiki/rpc.hpp"
+#include "kodrune-wiki/rpc/rpc.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 
 namespace kodrune_cli {

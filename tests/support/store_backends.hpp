@@ -14,8 +14,8 @@
 
 #include "support/postgres_cluster.hpp"
 #include "support/temp_dir.hpp"
-#include "workers/wiki/postgres_store.hpp"
-#include "workers/wiki/store_url.hpp"
+#include "workers/wiki/store/postgres/postgres_store.hpp"
+#include "workers/wiki/orchestrator/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki {

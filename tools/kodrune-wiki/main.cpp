@@ -2,7 +2,7 @@
 #include <CLI/CLI.hpp>
 #include <iostream>
 
-#include "kodrune-wiki/cmd_common.hpp"
+#include "kodrune-wiki/cli/cmd_common.hpp"
 
 int main(int argc, char** argv) {
   CLI::App app{"kodrune-wiki: the plan of record of a branch's code wiki"};

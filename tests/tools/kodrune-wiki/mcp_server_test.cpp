@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "e2e/repo_fixture.hpp"
-#include "kodrune-wiki/mcp_tools.hpp"
+#include "kodrune-wiki/mcp/mcp_tools.hpp"
 
 namespace kodrune_cli {
 namespace {

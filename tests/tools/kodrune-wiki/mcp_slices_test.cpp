@@ -1,6 +1,6 @@
 // The pieces that keep MCP answers short: summaries, slices of long texts
 // and the cursors that resume a list.
-#include "kodrune-wiki/mcp_slices.hpp"
+#include "kodrune-wiki/mcp/mcp_slices.hpp"
 
 #include <gtest/gtest.h>
 

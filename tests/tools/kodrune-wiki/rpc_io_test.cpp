@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "kodrune-wiki/rpc.hpp"
+#include "kodrune-wiki/rpc/rpc.hpp"
 #include "support/temp_dir.hpp"
 
 namespace kodrune_cli {

@@ -1,7 +1,7 @@
 // The HTML the browser view writes from texts it did not write itself:
 // escaping, URL paths, and Markdown whose raw HTML and dangerous links must
 // never act.
-#include "kodrune-wiki/site.hpp"
+#include "kodrune-wiki/web/site.hpp"
 
 #include <gtest/gtest.h>
 

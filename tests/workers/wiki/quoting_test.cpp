@@ -1,6 +1,6 @@
 // How outside texts are quoted in messages, which paths the index carries,
 // and which titles count as one line.
-#include "workers/wiki/quoting.hpp"
+#include "workers/wiki/util/quoting.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

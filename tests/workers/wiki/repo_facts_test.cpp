@@ -1,7 +1,7 @@
 // The one rule for repository paths, file content hashes, and the steering
 // entry of a page's hash mapping. (Path normal form and the hash of a text
 // show in the golden sections cases.)
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 
 #include <gtest/gtest.h>
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/model/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/json.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"

@@ -291,4 +291,15 @@ class IndexedOrderedMap {
 // Every JSON value of the worker: rows, records, requests and responses.
 using Json = nlohmann::basic_json<IndexedOrderedMap>;
 
+// The deepest nesting of arrays and objects a JSON text may have. Data of
+// this system nests a few levels; the limit keeps a hostile text from
+// exhausting the stack of the code that copies, writes or frees the value.
+inline constexpr std::size_t MAX_JSON_DEPTH = 512;
+
+// The value of one JSON text (a request line, a file, a stored column). Text
+// that is not JSON, a number beyond a double's range and nesting deeper than
+// MAX_JSON_DEPTH are a ValueError whose message says what was wrong and
+// where; nothing else is thrown for bad text.
+Json parse_json(std::string_view text);
+
 }  // namespace zenthar_kodrune::workers::wiki

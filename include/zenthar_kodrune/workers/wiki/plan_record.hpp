@@ -31,6 +31,7 @@
 #include <utility>
 #include <vector>
 
+#include "zenthar_kodrune/workers/wiki/logger.hpp"
 #include "zenthar_kodrune/workers/wiki/page_retirement.hpp"
 #include "zenthar_kodrune/workers/wiki/regex.hpp"
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
@@ -38,24 +39,14 @@
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace spdlog {
-class logger;
-}  // namespace spdlog
-
 namespace zenthar_kodrune::workers::wiki {
-
-// The name of this module's logger (spdlog).
-inline constexpr std::string_view PLAN_RECORD_LOGGER = "zenthar_kodrune.workers.wiki.plan_record";
-
-// This module's logger: the one registered under PLAN_RECORD_LOGGER, created
-// (writing to standard error) and registered on first use when none is.
-// Callers may add sinks to it to capture what the module logs.
-std::shared_ptr<spdlog::logger> plan_record_logger();
 
 // ---- reconciliation ----
 
 // "^module-additional(-\d+)?$": the whole id must match (ASCII digits).
 extern const Regex _CATCH_ALL_RE;
+// Whether the whole id matches _CATCH_ALL_RE ("module-additional-2").
+bool is_catch_all_id(std::string_view page_id);
 // The least number of new files admitted as a new page.
 inline constexpr std::size_t _MIN_NEW_PAGE_FILES = 2;
 
@@ -86,8 +77,6 @@ PinResult pin_plan(const PlanList& fresh_plans, const Existing& existing, const 
 // ---- audit ----
 
 inline constexpr std::string_view _PLAN_LOG_NAME = "plan-log.jsonl";
-inline constexpr std::size_t _PLAN_LOG_MAX_LINES = 2000;
-inline constexpr std::size_t _PLAN_LOG_KEEP_LINES = 1000;
 
 // Appends one line {"at", "replan", "amendments"} to wiki_dir/plan-log.jsonl
 // and rotates the log to its last 1000 lines once it holds more than 2000.

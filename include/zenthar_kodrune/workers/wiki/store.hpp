@@ -7,6 +7,7 @@
 // it by default (sqlite_store.hpp); anything that keeps these promises can.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -19,6 +20,11 @@
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
+
+// The audit log is rotated alike in a file and in a store: past
+// _PLAN_LOG_MAX_LINES lines, the last _PLAN_LOG_KEEP_LINES are kept.
+inline constexpr std::size_t _PLAN_LOG_MAX_LINES = 2000;
+inline constexpr std::size_t _PLAN_LOG_KEEP_LINES = 1000;
 
 // A bound "?" parameter: null, integer or text.
 using SqlValue = std::variant<std::nullptr_t, std::int64_t, std::string>;
@@ -160,8 +166,7 @@ class WikiStore {
     return std::nullopt;
   }
   // Appends one line to the branch's log, then rotates it as the log file
-  // is rotated: past _PLAN_LOG_MAX_LINES lines, the last _PLAN_LOG_KEEP_LINES
-  // are kept (plan_record.hpp).
+  // is rotated (_PLAN_LOG_MAX_LINES).
   virtual void append_plan_log_line(const std::string& branch, const std::string& line) {
     (void)branch, (void)line;
   }

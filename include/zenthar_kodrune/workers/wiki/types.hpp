@@ -15,6 +15,7 @@
 #include <tsl/ordered_map.h>
 #include <tsl/ordered_set.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -26,6 +27,20 @@
 #include "zenthar_kodrune/workers/wiki/json.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
+
+// The code-unit levels: "module" for a unit or a family parent, "part" for a
+// part of a decomposed family. Pages of any other level ("overview", "note",
+// levels the steering adds) have literal ids and are never pinned.
+inline constexpr std::array<std::string_view, 2> PINNED_LEVELS{"module", "part"};
+inline constexpr std::string_view NOTE_LEVEL = "note";
+inline constexpr std::string_view OTHER_CODE_TYPE = "other-code";
+
+constexpr bool is_pinned_level(std::string_view level) {
+  for (auto pinned : PINNED_LEVELS) {
+    if (pinned == level) return true;
+  }
+  return false;
+}
 
 // The branch's stored rows by page id, in first-insertion order (O(1) lookup).
 using Existing = tsl::ordered_map<std::string, Json>;
@@ -105,19 +120,6 @@ std::string section_of(const PagePlan& plan);
 // `parent_section` of each child id naming a plan of the list (the first with
 // that id) to the parent's title. Returns the same list, same objects.
 PlanList link_families(PlanList plans);
-
-// ---- JSON text from outside the program ----
-
-// The deepest nesting of arrays and objects a JSON text may have. Data of
-// this system nests a few levels; the limit keeps a hostile text from
-// exhausting the stack of the code that copies, writes or frees the value.
-inline constexpr std::size_t MAX_JSON_DEPTH = 512;
-
-// The value of one JSON text (a request line, a file, a stored column). Text
-// that is not JSON, a number beyond a double's range and nesting deeper than
-// MAX_JSON_DEPTH are a ValueError whose message says what was wrong and
-// where; nothing else is thrown for bad text.
-Json parse_json(std::string_view text);
 
 // ---- plans as JSON (the rpc protocol's and the command line's form) ----
 

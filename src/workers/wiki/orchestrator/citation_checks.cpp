@@ -5,8 +5,8 @@
 #include <map>
 #include <unordered_set>
 
-#include "generator_internals.hpp"
-#include "workers/wiki/verify.hpp"
+#include "workers/wiki/orchestrator/generator_internals.hpp"
+#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 

@@ -3,7 +3,7 @@
 // The fingerprints are the host's: they sit beside the staleness part of the
 // build cache and never change what the component makes or reads there. A
 // page saved before they existed keeps today's file rule.
-#include "citation_states.hpp"
+#include "workers/wiki/orchestrator/citation_states.hpp"
 
 #include <algorithm>
 #include <atomic>
@@ -13,8 +13,8 @@
 #include <thread>
 #include <unordered_set>
 
-#include "line_fingerprints.hpp"
-#include "workers/wiki/verify.hpp"
+#include "workers/wiki/orchestrator/line_fingerprints.hpp"
+#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 

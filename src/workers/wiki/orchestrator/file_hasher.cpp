@@ -16,8 +16,8 @@
 #include <string_view>
 #include <thread>
 
-#include "line_fingerprints.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/orchestrator/line_fingerprints.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"

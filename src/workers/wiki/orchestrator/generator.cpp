@@ -13,18 +13,17 @@
 #include <map>
 #include <unordered_set>
 
-#include "generator_internals.hpp"
-#include "mirrored_store.hpp"
-#include "workers/wiki/fault_point.hpp"
-#include "workers/wiki/page_ids.hpp"
-#include "workers/wiki/quoting.hpp"
-#include "workers/wiki/repo_facts.hpp"
-#include "workers/wiki/verify.hpp"
+#include "workers/wiki/orchestrator/generator_internals.hpp"
+#include "workers/wiki/orchestrator/mirrored_store.hpp"
+#include "workers/wiki/util/fault_point.hpp"
+#include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/util/quoting.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
+#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

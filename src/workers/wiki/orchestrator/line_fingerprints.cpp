@@ -1,6 +1,6 @@
 // Line hashes, fingerprints of cited ranges, and the index that finds a
 // fingerprinted range in a file as it is now.
-#include "line_fingerprints.hpp"
+#include "workers/wiki/orchestrator/line_fingerprints.hpp"
 
 #include <algorithm>
 #include <array>

@@ -1,5 +1,5 @@
 // The store as one build sees it (mirrored_store.hpp).
-#include "mirrored_store.hpp"
+#include "workers/wiki/orchestrator/mirrored_store.hpp"
 
 #include <unordered_set>
 

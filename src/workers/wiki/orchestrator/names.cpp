@@ -1,7 +1,7 @@
 // Names that become paths: branch names and page paths inside the wiki folder.
 #include <string>
 
-#include "workers/wiki/quoting.hpp"
+#include "workers/wiki/util/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 

@@ -9,13 +9,13 @@
 #include <cctype>
 #include <cstdio>
 
-#include "citation_states.hpp"
-#include "generator_internals.hpp"
-#include "mirrored_store.hpp"
-#include "workers/wiki/fault_point.hpp"
-#include "workers/wiki/page_ids.hpp"
-#include "workers/wiki/quoting.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/orchestrator/citation_states.hpp"
+#include "workers/wiki/orchestrator/generator_internals.hpp"
+#include "workers/wiki/orchestrator/mirrored_store.hpp"
+#include "workers/wiki/util/fault_point.hpp"
+#include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/util/quoting.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 

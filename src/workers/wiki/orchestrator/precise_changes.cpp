@@ -5,8 +5,8 @@
 #include <set>
 #include <unordered_set>
 
-#include "citation_states.hpp"
-#include "line_fingerprints.hpp"
+#include "workers/wiki/orchestrator/citation_states.hpp"
+#include "workers/wiki/orchestrator/line_fingerprints.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"

@@ -6,14 +6,13 @@
 #include <map>
 #include <set>
 
-#include "generator_internals.hpp"
-#include "mirrored_store.hpp"
-#include "workers/wiki/quoting.hpp"
-#include "workers/wiki/repo_facts.hpp"
+#include "workers/wiki/orchestrator/generator_internals.hpp"
+#include "workers/wiki/orchestrator/mirrored_store.hpp"
+#include "workers/wiki/util/quoting.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

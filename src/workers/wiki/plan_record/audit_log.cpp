@@ -34,8 +34,8 @@
 #include <system_error>
 #include <vector>
 
-#include "json_text.hpp"
-#include "workers/wiki/fault_point.hpp"
+#include "workers/wiki/util/json_text.hpp"
+#include "workers/wiki/util/fault_point.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
@@ -213,22 +213,6 @@ void append_lines(const SafeDir& dir, const std::vector<std::string>& lines, boo
 }
 
 }  // namespace
-
-std::shared_ptr<spdlog::logger> plan_record_logger() {
-  static std::mutex creating;
-  std::lock_guard<std::mutex> hold(creating);
-  const std::string name(PLAN_RECORD_LOGGER);
-  if (auto logger = spdlog::get(name)) return logger;
-  auto logger =
-      std::make_shared<spdlog::logger>(name, std::make_shared<spdlog::sinks::stderr_sink_mt>());
-  try {
-    spdlog::register_logger(logger);
-  } catch (const spdlog::spdlog_ex&) {
-    // Registered meanwhile by code that does not go through this function.
-    return spdlog::get(name);
-  }
-  return logger;
-}
 
 std::string plan_log_line(const Amendments& amendments, bool replan) {
   Json entry = Json::object();

@@ -13,10 +13,9 @@
 #include <unordered_set>
 #include <vector>
 
-#include "row_facts.hpp"
-#include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/plan_record/row_facts.hpp"
+#include "workers/wiki/model/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

@@ -11,8 +11,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "workers/wiki/repo_facts.hpp"
-#include "workers/wiki/sections.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
+#include "workers/wiki/plan_record/stale_sections.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"

@@ -17,12 +17,11 @@
 #include <utility>
 #include <vector>
 
-#include "pinning.hpp"
-#include "workers/wiki/page_ids.hpp"
-#include "workers/wiki/page_sources.hpp"
-#include "workers/wiki/page_title.hpp"
+#include "workers/wiki/plan_record/pinning.hpp"
+#include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/model/page_sources.hpp"
+#include "workers/wiki/plan_record/page_title.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

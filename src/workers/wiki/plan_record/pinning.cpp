@@ -12,7 +12,7 @@
 // identity, and which fresh plans pass through untouched. The pinning-mode
 // assembly that follows is pinned_assembly.cpp. The working collections keep
 // the names of the algorithm they serve; plans are shared with the caller.
-#include "pinning.hpp"
+#include "workers/wiki/plan_record/pinning.hpp"
 
 #include <cstdlib>
 #include <memory>
@@ -22,11 +22,10 @@
 #include <utility>
 #include <vector>
 
-#include "row_facts.hpp"
-#include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/plan_record/row_facts.hpp"
+#include "workers/wiki/model/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

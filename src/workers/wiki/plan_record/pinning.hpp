@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "row_facts.hpp"
+#include "workers/wiki/plan_record/row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 

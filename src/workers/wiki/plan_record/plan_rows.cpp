@@ -11,12 +11,11 @@
 #include <utility>
 #include <vector>
 
-#include "row_facts.hpp"
-#include "workers/wiki/page_ids.hpp"
-#include "workers/wiki/page_sources.hpp"
+#include "workers/wiki/plan_record/row_facts.hpp"
+#include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/model/page_sources.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -24,6 +23,11 @@ namespace zenthar_kodrune::workers::wiki {
 // "module-additional\n" from passing as a catch-all id. Without UCP, \d is
 // ASCII digits only.
 const Regex _CATCH_ALL_RE("^module-additional(-\\d+)?$", PCRE2_DOLLAR_ENDONLY);
+
+bool is_catch_all_id(std::string_view page_id) {
+  // The prefix test spares a regex match for nearly every id.
+  return page_id.starts_with(CATCH_ALL_ID) && _CATCH_ALL_RE.full_match(page_id);
+}
 
 namespace {
 

@@ -19,8 +19,8 @@
 #include <string_view>
 #include <vector>
 
-#include "workers/wiki/repo_facts.hpp"
-#include "workers/wiki/verify.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
+#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 

@@ -14,10 +14,9 @@
 #include <unordered_map>
 #include <vector>
 
-#include "workers/wiki/page_ids.hpp"
+#include "workers/wiki/model/page_ids.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

@@ -1,6 +1,6 @@
 // Cutting an oversized unit into parts by name; see family_parts.hpp for the
 // rule and why it keeps parts in place while files come and go.
-#include "family_parts.hpp"
+#include "workers/wiki/planner/family_parts.hpp"
 
 #include <algorithm>
 #include <cstdint>

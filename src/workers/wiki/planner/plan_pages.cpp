@@ -7,11 +7,11 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "family_parts.hpp"
-#include "workers/wiki/page_ids.hpp"
-#include "workers/wiki/page_sources.hpp"
+#include "workers/wiki/planner/family_parts.hpp"
+#include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/model/page_sources.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
-#include "zenthar_kodrune/workers/wiki_types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 

@@ -19,7 +19,7 @@
 #include <thread>
 #include <unordered_set>
 
-#include "workers/wiki/quoting.hpp"
+#include "workers/wiki/util/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 

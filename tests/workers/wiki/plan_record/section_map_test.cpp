@@ -4,8 +4,8 @@
 // sections_cache.)
 #include <gtest/gtest.h>
 
-#include "workers/wiki/sections.hpp"
-#include "workers/wiki/verify.hpp"
+#include "workers/wiki/plan_record/stale_sections.hpp"
+#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace zenthar_kodrune::workers::wiki {

@@ -1,8 +1,0 @@
-// The product's fault points: none of them does anything.
-#include "workers/wiki/fault_point.hpp"
-
-namespace zenthar_kodrune::workers::wiki {
-
-__attribute__((weak)) void fault_point(const char* /*name*/) {}
-
-}  // namespace zenthar_kodrune::workers::wiki

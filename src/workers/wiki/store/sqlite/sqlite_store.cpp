@@ -1,0 +1,142 @@
+// The SQLite store's rows: a branch's pages written, loaded in insertion
+// order through the shared row codec, restructured and deleted; and the plan
+// log lines a build left pending. See sqlite_store.hpp for its promises.
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "workers/wiki/store/row_codec.hpp"
+#include "workers/wiki/store/sqlite/internals.hpp"
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+
+namespace zenthar_kodrune::workers::wiki {
+
+using sqlite_detail::column_text;
+using sqlite_detail::integer_column;
+
+namespace {
+
+using detail::Column;
+using detail::decode;
+using detail::encode;
+using detail::encode_mapping;
+using detail::kColumns;
+using detail::kUpdateStructure;
+using detail::row_values;
+using detail::Shape;
+using detail::structure_values;
+
+std::string select_pages_sql() {
+  std::string sql = "SELECT ";
+  for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+    if (i > 0) sql += ", ";
+    sql += kColumns[i].name;
+  }
+  sql += " FROM wiki_pages WHERE branch = ? ORDER BY insertion_order";
+  return sql;
+}
+
+}  // namespace
+
+void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::string& page_id,
+                                       const std::string& title, const WikiPageColumns& columns) {
+  // The order column is set on insert only, so a replaced row keeps its place.
+  // Order is only read within a branch, so the next value is taken from the
+  // branch's own rows, which the (branch, insertion_order) index finds at once.
+  static constexpr std::string_view kUpsert =
+      "INSERT INTO wiki_pages (branch, page_id, title, description, importance, level, "
+      "parent_section, rel_path, source_files, source_hashes, related_pages, status, page_type, "
+      "content_hash, build_cache, insertion_order) "
+      "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
+      "(SELECT COALESCE(MAX(insertion_order), 0) + 1 FROM wiki_pages WHERE branch = ?)) "
+      "ON CONFLICT (branch, page_id) DO UPDATE SET title = excluded.title, "
+      "description = excluded.description, importance = excluded.importance, "
+      "level = excluded.level, parent_section = excluded.parent_section, "
+      "rel_path = excluded.rel_path, source_files = excluded.source_files, "
+      "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
+      "status = excluded.status, page_type = excluded.page_type, "
+      "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
+  std::vector<SqlValue> params = row_values(branch, page_id, title, columns);
+  params.emplace_back(branch);
+  db_.execute(kUpsert, params);
+}
+
+Existing SqliteWikiStore::load_pages(const std::string& branch) {
+  static const std::string kSelect = select_pages_sql();
+  Existing pages;
+  std::string number;
+  db_.for_each_row(kSelect, {branch}, [&](sqlite3_stmt* step) {
+    std::string page_id(column_text(step, 1));
+    // Built in column order, the order a row shows its columns.
+    Json row(Json::value_t::object);
+    auto& fields = row.get_ref<Json::object_t&>();
+    fields.reserve(std::size(kColumns));
+    for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+      const Column& column = kColumns[i];
+      const int index = static_cast<int>(i);
+      const int type = sqlite3_column_type(step, index);
+      if (type == SQLITE_NULL) {
+        fields.emplace(std::string(column.name), nullptr);
+        continue;
+      }
+      std::string_view text;
+      if (type == SQLITE_INTEGER) {
+        number = std::to_string(sqlite3_column_int64(step, index));
+        text = number;
+      } else {
+        text = column_text(step, index);
+      }
+      if (column.shape == Shape::Text) {
+        fields.emplace(std::string(column.name), Json(Json::string_t(text)));
+      } else {
+        fields.emplace(std::string(column.name),
+                       decode(text, column.shape, branch, page_id, column.name));
+      }
+    }
+    pages.insert_or_assign(std::move(page_id), std::move(row));
+  });
+  return pages;
+}
+
+void SqliteWikiStore::update_structure(const std::string& branch, const std::string& page_id,
+                                       const std::string& title, const WikiPageColumns& columns) {
+  db_.execute(kUpdateStructure, structure_values(branch, page_id, title, columns));
+}
+
+void SqliteWikiStore::delete_pages(const std::string& branch,
+                                   const std::vector<std::string>& page_ids) {
+  // Distinct and sorted: the same ids give the same statement.
+  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
+  if (ids.empty()) return;
+  std::string sql = "DELETE FROM wiki_pages WHERE branch = ? AND page_id IN (";
+  std::vector<SqlValue> params{branch};
+  for (const auto& id : ids) {
+    sql += params.size() == 1 ? "?" : ",?";
+    params.emplace_back(id);
+  }
+  sql += ")";
+  db_.execute(sql, params);
+}
+
+void SqliteWikiStore::add_pending_log_line(const std::string& branch, const std::string& line) {
+  db_.execute("INSERT INTO plan_log_pending (branch, line) VALUES (?, ?)", {branch, line});
+}
+
+std::vector<WikiStore::PendingLogLine> SqliteWikiStore::pending_log_lines(
+    const std::string& branch) {
+  std::vector<PendingLogLine> lines;
+  db_.for_each_row("SELECT sequence, line FROM plan_log_pending WHERE branch = ? ORDER BY sequence",
+                   {branch}, [&lines](sqlite3_stmt* step) {
+                     lines.emplace_back(integer_column(step, 0, "sequence"),
+                                        std::string(column_text(step, 1)));
+                   });
+  return lines;
+}
+
+void SqliteWikiStore::clear_pending_log_lines(const std::string& branch, std::int64_t through) {
+  db_.execute("DELETE FROM plan_log_pending WHERE branch = ? AND sequence <= ?", {branch, through});
+}
+
+}  // namespace zenthar_kodrune::workers::wiki

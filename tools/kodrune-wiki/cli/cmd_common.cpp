@@ -1,0 +1,100 @@
+// Options, orchestrator opening and error reporting shared by the subcommands.
+#include "kodrune-wiki/cli/cmd_common.hpp"
+
+#include <iostream>
+
+#include "zenthar_kodrune/workers/wiki/errors.hpp"
+#include "zenthar_kodrune/workers/wiki/planner.hpp"
+
+namespace kodrune_cli {
+
+namespace wiki = zenthar_kodrune::workers::wiki;
+namespace fs = std::filesystem;
+
+void add_common_options(CLI::App& command, CommonOptions& options) {
+  command.add_option("--branch", options.branch,
+                     "Branch whose wiki to use (default: the current git branch, else main)");
+  command.add_option("--repo", options.repo, "Repository root (default: .)");
+  add_store_option(command, options.store);
+  command.add_flag("--json", options.json, "Print one JSON value instead of text");
+}
+
+void add_store_option(CLI::App& command, std::string& store) {
+  command
+      .add_option("--store", store,
+                  "Wiki store: sqlite:PATH or a postgresql:// URI (default: the SQLite file "
+                  "under the repository)")
+      ->envname(std::string(wiki::STORE_ENV));
+}
+
+wiki::StoreUrl resolve_store(const std::string& store) {
+  try {
+    return wiki::parse_store_url(store);
+  } catch (const wiki::ValueError& e) {
+    throw UsageError(std::string("--store: ") + e.what());
+  }
+}
+
+std::string resolve_branch(const CommonOptions& options) {
+  std::string branch = options.branch;
+  if (branch.empty()) branch = wiki::current_git_branch(options.repo).value_or("main");
+  try {
+    wiki::check_branch_name(branch);
+  } catch (const wiki::ValueError& e) {
+    throw UsageError(e.what());
+  }
+  return branch;
+}
+
+void check_repo(const CommonOptions& options) {
+  std::error_code ec;
+  if (!fs::is_directory(options.repo, ec)) {
+    throw UsageError("--repo " + options.repo + " is not a folder");
+  }
+}
+
+std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options,
+                                                    wiki::WikiGeneratorOptions generator_options) {
+  check_repo(options);
+  const std::string branch = resolve_branch(options);
+  const wiki::StoreUrl store = resolve_store(options.store);
+  return std::make_unique<wiki::WikiGenerator>(options.repo, branch,
+                                               wiki::open_store(store, fs::absolute(options.repo)),
+                                               std::move(generator_options));
+}
+
+std::string error_line(const std::exception& error) {
+  return std::string("kodrune-wiki: error: ") + error.what();
+}
+
+int run_guarded(const std::function<int()>& body, std::ostream& err) {
+  try {
+    return body();
+  } catch (const UsageError& e) {
+    err << error_line(e) << "\n";
+    return 2;
+  } catch (const std::exception& e) {
+    err << error_line(e) << "\n";
+    return 1;
+  }
+}
+
+std::string percent_encoded(std::string_view text, bool keep_slash) {
+  static constexpr char kHex[] = "0123456789ABCDEF";
+  std::string out;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if ((byte >= 'a' && byte <= 'z') || (byte >= 'A' && byte <= 'Z') ||
+        (byte >= '0' && byte <= '9') || c == '-' || c == '.' || c == '_' || c == '~' ||
+        (keep_slash && c == '/')) {
+      out.push_back(c);
+    } else {
+      out.push_back('%');
+      out.push_back(kHex[byte >> 4]);
+      out.push_back(kHex[byte & 15]);
+    }
+  }
+  return out;
+}
+
+}  // namespace kodrune_cli

@@ -1,0 +1,139 @@
+// rpc ops over the component's pure functions: pinning a fresh plan, the
+// drift signal and the section map. They touch no store, so the product and
+// the test harness serve them alike.
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <thread>
+#include <utility>
+
+#include "kodrune-wiki/rpc/rpc.hpp"
+#include "zenthar_kodrune/workers/wiki/plan_record.hpp"
+
+namespace kodrune_cli {
+
+namespace wiki = zenthar_kodrune::workers::wiki;
+
+namespace {
+
+// What pin_plan works on and answers with. It is freed once the answer has
+// been sent: a large branch's rows take as long to free as the answer to
+// write.
+struct PinWork {
+  wiki::PlanList fresh_plans;
+  wiki::Existing existing;
+  wiki::PathSet live_paths;
+  wiki::PinResult pinned;
+};
+
+// The plans of the answer are written as text, never built as values.
+RpcResult pinned(std::shared_ptr<PinWork> work, bool replan) {
+  work->pinned = wiki::pin_plan(work->fresh_plans, work->existing, work->live_paths, replan);
+  const wiki::PinResult& pinned = work->pinned;
+  Json amendments = Json::array();
+  for (const auto& record : pinned.amendments) amendments.push_back(record);
+  const std::string amendments_text =
+      amendments.dump(-1, ' ', false, Json::error_handler_t::replace);
+  const std::string remap_text =
+      pinned.remap.to_json().dump(-1, ' ', false, Json::error_handler_t::replace);
+  std::string text;
+  // Room for the plans, the rest and what the loop writes around the
+  // answer, made once.
+  text.reserve(wiki::plans_json_size(pinned.plans) + amendments_text.size() + remap_text.size() +
+               128);
+  text += "{\"plans\":";
+  wiki::append_plans_json(pinned.plans, text);
+  text += ",\"amendments\":";
+  text += amendments_text;
+  text += ",\"remap\":";
+  text += remap_text;
+  text += '}';
+  RpcResult result = RpcResult::text(std::move(text));
+  result.keep_until_sent = std::move(work);
+  return result;
+}
+
+// The stored rows and live paths are taken out of the request: a large
+// branch's rows would otherwise be held twice.
+RpcResult pin_plan_op(Json& args) {
+  auto work = std::make_shared<PinWork>();
+  work->fresh_plans = plans_arg(args, "fresh_plans");
+  work->existing = existing_from_json(std::move(require_arg(args, "existing")));
+  work->live_paths = paths_from_json(std::move(require_arg(args, "live_paths")), "live_paths");
+  return pinned(std::move(work), bool_arg(args, "replan", false));
+}
+
+// A part of a request read on its own: its value, or what reading it threw.
+template <class T>
+struct ReadPart {
+  template <class Read>
+  explicit ReadPart(Read&& read) {
+    try {
+      value.emplace(read());
+    } catch (...) {
+      error = std::current_exception();
+    }
+  }
+  T take() {
+    if (error) std::rethrow_exception(error);
+    return std::move(*value);
+  }
+  std::optional<T> value;
+  std::exception_ptr error;
+};
+
+// The same, read from the request's document: a large request is never
+// built as values. The stored rows are read on this thread while the fresh
+// plans and the live paths are read on two others; a part's error is raised
+// in the order the op over values reads them.
+RpcResult pin_plan_document_op(simdjson::dom::object args) {
+  std::optional<ReadPart<wiki::PlanList>> fresh_plans;
+  std::optional<ReadPart<wiki::PathSet>> live_paths;
+  std::thread plans_reader([&] {
+    fresh_plans.emplace(
+        [&] { return plan_list_from_document(require_arg(args, "fresh_plans"), "fresh_plans"); });
+  });
+  std::thread paths_reader([&] {
+    live_paths.emplace(
+        [&] { return paths_from_document(require_arg(args, "live_paths"), "live_paths"); });
+  });
+  ReadPart<wiki::Existing> existing(
+      [&] { return existing_from_document(require_arg(args, "existing")); });
+  plans_reader.join();
+  paths_reader.join();
+  auto work = std::make_shared<PinWork>();
+  work->fresh_plans = fresh_plans->take();
+  work->existing = existing.take();
+  work->live_paths = live_paths->take();
+  return pinned(std::move(work), bool_arg(args, "replan", false));
+}
+
+Json drift_signal_op(const Json& args) {
+  const wiki::Amendments amendments =
+      records_from_json(require_arg(args, "amendments"), "amendments");
+  const Json& plan_size = require_arg(args, "plan_size");
+  if (!plan_size.is_number_integer() ||
+      (plan_size.is_number_unsigned() &&
+       plan_size.get<std::uint64_t>() > static_cast<std::uint64_t>(INT64_MAX))) {
+    throw InvalidRequest("\"plan_size\" must be an integer of 64 bits");
+  }
+  auto warning = wiki::drift_signal(amendments, plan_size.get<std::int64_t>());
+  if (!warning) return nullptr;
+  return *warning;
+}
+
+Json section_map_op(const Json& args) {
+  return wiki::section_map(body_arg(args), require_arg(args, "citations"),
+                           require_arg(args, "file_hashes"));
+}
+
+}  // namespace
+
+void register_component_ops(OpTable& ops) {
+  ops.emplace("pin_plan", RpcHandler(pin_plan_op, pin_plan_document_op));
+  ops.emplace("drift_signal", drift_signal_op);
+  ops.emplace("section_map", section_map_op);
+}
+
+}  // namespace kodrune_cli
