@@ -464,7 +464,7 @@ StaleWorkload make_stale_workload(std::size_t plans, std::uint64_t seed) {
   Rng rng(seed ^ 0x57a1eULL);
   StaleWorkload work;
   work.steering_text = "Write for engineers new to the code base; name the invariants.\n";
-  const std::string steering_hash = wiki::_text_hash(work.steering_text);
+  const std::string steering_hash = wiki::util::_text_hash(work.steering_text);
   work.plans = make_code_plans(plans, seed);
   for (const auto& plan : work.plans) {
     for (const auto& file : plan->source_files) work.file_hashes.emplace(file, hex_hash(rng));

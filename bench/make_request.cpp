@@ -150,7 +150,7 @@ Json section_map_many(std::size_t body_bytes) {
     for (const auto& file : files_of(unit, 5)) files.push_back(file);
   }
   Json hashes = Json::object();
-  for (const auto& file : files) hashes[file] = wiki::_text_hash(file).substr(0, 16);
+  for (const auto& file : files) hashes[file] = wiki::util::_text_hash(file).substr(0, 16);
   Json citations = Json::array();
   std::string body = "# A page of many sections\n\n";
   body.reserve(body_bytes + 4096);
@@ -193,7 +193,7 @@ Json select_stale(std::size_t plans) {
   Json plan_list = Json::array();
   Json existing = Json::object();
   const auto hash = [](const std::string& path, int version) {
-    return wiki::_text_hash(path + std::to_string(version)).substr(0, 16);
+    return wiki::util::_text_hash(path + std::to_string(version)).substr(0, 16);
   };
   for (std::size_t unit = 0; unit < plans; ++unit) {
     const std::vector<std::string> paths = files_of(unit, 2);

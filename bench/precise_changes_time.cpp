@@ -26,6 +26,7 @@
 #include <string>
 #include <vector>
 
+#include "workers/wiki/orchestrator/file_hasher.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
 namespace fs = std::filesystem;

@@ -34,13 +34,14 @@
 #include <unordered_set>
 #include <vector>
 
+#include "workers/wiki/util/process.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace fs = std::filesystem;
 using zenthar_kodrune::workers::wiki::Json;
-using zenthar_kodrune::workers::wiki::ProcessResult;
-using zenthar_kodrune::workers::wiki::run_process;
+using zenthar_kodrune::workers::wiki::util::ProcessResult;
+using zenthar_kodrune::workers::wiki::util::run_process;
 
 namespace {
 

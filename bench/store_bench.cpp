@@ -71,13 +71,13 @@ class FreshStore {
 
   std::unique_ptr<wiki::WikiStore> open() const {
     if (backend_ == Backend::Sqlite) return std::make_unique<wiki::SqliteWikiStore>(file_);
-    return std::make_unique<wiki::PostgresWikiStore>(uri_);
+    return std::make_unique<wiki::store::postgres::PostgresWikiStore>(uri_);
   }
 
   // What the store takes on disk, in MiB.
   double size_mb() const {
     if (backend_ == Backend::Sqlite) return static_cast<double>(fs::file_size(file_)) / 1048576.0;
-    wiki::PostgresWikiStore store(uri_);
+    wiki::store::postgres::PostgresWikiStore store(uri_);
     const auto rows = store.postgres().query("SELECT pg_database_size(current_database())");
     return static_cast<double>(std::stoll(rows.at(0).at(0).value())) / 1048576.0;
   }
@@ -235,8 +235,9 @@ std::vector<std::pair<std::string, wiki::CachedFileHash>> hash_entries(std::size
   for (const Unit& unit : make_units(files, 11)) {
     for (const auto& path : unit.files) {
       if (entries.size() == files) return entries;
-      wiki::CachedFileHash entry{rng.next() % 100000, static_cast<std::int64_t>(rng.next() >> 2),
-                                 rng.next(), std::to_string(rng.next())};
+      wiki::CachedFileHash entry{
+          {rng.next() % 100000, static_cast<std::int64_t>(rng.next() >> 2), rng.next()},
+          std::to_string(rng.next())};
       entries.emplace_back(path, std::move(entry));
     }
   }

@@ -80,13 +80,14 @@ int main(int argc, char** argv) {
     columns.rel_path = "pages/" + id + ".md";
     columns.source_files = files;
     columns.source_hashes = generator._hashes_with_steering(files);
-    columns.content_hash = wiki::_text_hash(body);
+    columns.content_hash = wiki::util::_text_hash(body);
     columns.build_cache = generator._section_cache(body, citations);
     columns.build_cache["citations"] = citations;
-    columns.build_cache[std::string(wiki::kFingerprintsKey)] = wiki::make_fingerprints(
-        body, citations, [&](const std::string& path) -> std::optional<std::string> {
-          return wiki::read_whole_file(root / path);
-        });
+    columns.build_cache[std::string(wiki::orchestrator::kFingerprintsKey)] =
+        wiki::orchestrator::make_fingerprints(
+            body, citations, [&](const std::string& path) -> std::optional<std::string> {
+              return wiki::read_whole_file(root / path);
+            });
     columns.status = "fresh";
     generator.repository().upsert_wiki_page("main", id, folder, columns);
     write_file(pages_dir / (id + ".md"), body);

@@ -15,18 +15,18 @@ namespace kodrune_fuzz {
 
 // "" when the answer to `line` is well formed, else what was wrong.
 inline std::string rpc_check_failure(std::string_view line) {
-  using kodrune_cli::Json;
+  using kodrune_cli::rpc::Json;
   // The one op that writes files, at a path the request names.
   if (line.find("append_plan_log") != std::string_view::npos) return "";
-  const kodrune_cli::OpTable& ops = kodrune_harness::harness_rpc_ops();
-  const std::string answer = kodrune_cli::rpc_respond(ops, line);
+  const kodrune_cli::rpc::OpTable& ops = kodrune_harness::harness_rpc_ops();
+  const std::string answer = kodrune_cli::rpc::rpc_respond(ops, line);
   if (answer.find('\n') != std::string::npos) return "the answer spans lines: " + answer;
-  static const kodrune_cli::OpTable from_values = [&] {
-    kodrune_cli::OpTable table;
+  static const kodrune_cli::rpc::OpTable from_values = [&] {
+    kodrune_cli::rpc::OpTable table;
     for (const auto& [name, handler] : ops) table.emplace(name, handler.from_values);
     return table;
   }();
-  if (const std::string other = kodrune_cli::rpc_respond(from_values, line); other != answer) {
+  if (const std::string other = kodrune_cli::rpc::rpc_respond(from_values, line); other != answer) {
     return "read from the document: " + answer + "\nread from the value: " + other;
   }
   Json parsed;

@@ -40,7 +40,7 @@ inline std::string section_check_failure(std::string_view body) {
 
   // Citations written in the body, cited back as stored ones, must never
   // throw whatever the body holds.
-  const wiki::Json written = wiki::prose_citations(body);
+  const wiki::Json written = wiki::plan_record::prose_citations(body);
   try {
     (void)wiki::section_map(body, wiki::Json::array(), wiki::Json::object());
     (void)wiki::section_map(body, written, wiki::Json::object());

@@ -19,7 +19,7 @@
 
 namespace zenthar_kodrune::workers::wiki {
 
-void fault_point(const char* name) {
+void util::fault_point(const char* name) {
   const char* wanted = std::getenv("KODRUNE_FAULT_POINT");
   if (wanted == nullptr || std::strcmp(wanted, name) != 0) return;
   const char* pause = std::getenv("KODRUNE_FAULT_PAUSE_DIR");

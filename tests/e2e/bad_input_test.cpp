@@ -8,7 +8,7 @@
 namespace kodrune_e2e {
 namespace {
 
-using zenthar_kodrune::workers::wiki::_text_hash;
+using zenthar_kodrune::workers::wiki::util::_text_hash;
 
 TEST(BadInput, RefusedBranchNamesAreUsageErrorsNamingTheRule) {
   GitRepo repo;

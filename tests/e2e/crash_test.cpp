@@ -10,7 +10,7 @@
 namespace kodrune_e2e {
 namespace {
 
-using zenthar_kodrune::workers::wiki::_text_hash;
+using zenthar_kodrune::workers::wiki::util::_text_hash;
 
 RunResult killed_at(const GitRepo& repo, const std::string& point, const std::string& args) {
   return repo.run(args, KODRUNE_WIKI_FAULTY_EXE, "KODRUNE_FAULT_POINT=" + point);

@@ -11,7 +11,7 @@
 namespace kodrune_e2e {
 namespace {
 
-using zenthar_kodrune::workers::wiki::_text_hash;
+using zenthar_kodrune::workers::wiki::util::_text_hash;
 
 // Runs `count` jobs at once, each given its index.
 template <typename Job>

@@ -132,7 +132,7 @@ class GitRepo {
   // A connection of our own to the store the runs use.
   std::unique_ptr<zenthar_kodrune::workers::wiki::WikiStore> store() const {
     namespace wiki = zenthar_kodrune::workers::wiki;
-    return wiki::open_store(wiki::parse_store_url(store_url_), root_);
+    return wiki::orchestrator::open_store(wiki::orchestrator::parse_store_url(store_url_), root_);
   }
 
   const fs::path& scratch() const { return scratch_; }

@@ -186,7 +186,7 @@ TEST_F(SharedStore, ConcurrentWorkersLoseNoSaveAndLogEveryBuildOnce) {
       const std::string id = "module-u" + std::to_string(w);
       ASSERT_EQ(rows.count(id), 1u) << branch << " " << id;
       EXPECT_EQ(rows.at(id).at("content_hash"),
-                wiki::_text_hash(last_body[static_cast<std::size_t>(w)]))
+                wiki::util::_text_hash(last_body[static_cast<std::size_t>(w)]))
           << branch << " " << id;
       EXPECT_EQ(store->page_body(branch, id), last_body[static_cast<std::size_t>(w)]);
     }

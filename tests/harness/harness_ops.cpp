@@ -19,15 +19,14 @@ namespace kodrune_harness {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
-using kodrune_cli::bool_arg;
-using kodrune_cli::existing_from_json;
-using kodrune_cli::InvalidRequest;
-using kodrune_cli::Json;
-using kodrune_cli::OpTable;
-using kodrune_cli::paths_from_json;
-using kodrune_cli::plans_arg;
-using kodrune_cli::RecordingHost;
-using kodrune_cli::require_arg;
+using kodrune_cli::rpc::bool_arg;
+using kodrune_cli::rpc::existing_from_json;
+using kodrune_cli::rpc::InvalidRequest;
+using kodrune_cli::rpc::Json;
+using kodrune_cli::rpc::OpTable;
+using kodrune_cli::rpc::paths_from_json;
+using kodrune_cli::rpc::plans_arg;
+using kodrune_cli::rpc::require_arg;
 
 namespace {
 
@@ -65,10 +64,10 @@ Json append_plan_log_op(const Json& args) {
   if (!wiki_dir.is_string()) throw InvalidRequest("\"wiki_dir\" must be a path as text");
   const fs::path dir = wiki_dir.get<std::string>();
   const wiki::Amendments amendments =
-      kodrune_cli::records_from_json(require_arg(args, "amendments"), "amendments");
+      kodrune_cli::rpc::records_from_json(require_arg(args, "amendments"), "amendments");
   const bool replan = bool_arg(args, "replan");
 
-  kodrune_cli::CapturedWarnings captured;
+  kodrune_cli::rpc::CapturedWarnings captured;
   wiki::append_plan_log(dir, amendments, replan);
 
   Json result = Json::object();
@@ -81,7 +80,7 @@ Json append_plan_log_op(const Json& args) {
 
 Json sections_op(const Json& args) {
   Json out = Json::array();
-  for (auto& [heading, text] : wiki::_sections(kodrune_cli::body_arg(args))) {
+  for (auto& [heading, text] : wiki::_sections(kodrune_cli::rpc::body_arg(args))) {
     out.push_back(Json::array({std::move(heading), std::move(text)}));
   }
   return out;
@@ -122,18 +121,18 @@ Json select_stale_op(Json& args) {
 
 // The same, with the plans read from the request's document rather than
 // built as values first.
-kodrune_cli::RpcResult select_stale_document_op(simdjson::dom::object args) {
-  RecordingHost host(wiki::json_from_dom(require_arg(args, "host")));
+kodrune_cli::rpc::RpcResult select_stale_document_op(simdjson::dom::object args) {
+  RecordingHost host(wiki::util::json_from_dom(require_arg(args, "host")));
   const wiki::PlanList plans =
-      kodrune_cli::plan_list_from_document(require_arg(args, "plans"), "plans");
+      kodrune_cli::rpc::plan_list_from_document(require_arg(args, "plans"), "plans");
   const wiki::Existing existing =
-      existing_from_json(wiki::json_from_dom(require_arg(args, "existing")));
+      existing_from_json(wiki::util::json_from_dom(require_arg(args, "existing")));
   return stale_answer(host, plans, existing, bool_arg(args, "force"));
 }
 
 Json mark_synthesis_stale_op(Json& args) {
   RecordingHost host = host_arg(args);
-  host._mark_synthesis_stale(kodrune_cli::texts_arg(args, "page_ids"));
+  host._mark_synthesis_stale(kodrune_cli::rpc::texts_arg(args, "page_ids"));
   Json result = Json::object();
   result["calls"] = host.take_calls();
   return result;
@@ -141,7 +140,8 @@ Json mark_synthesis_stale_op(Json& args) {
 
 Json section_cache_op(Json& args) {
   RecordingHost host = host_arg(args);
-  Json cache = host._section_cache(kodrune_cli::body_arg(args), require_arg(args, "citations"));
+  Json cache =
+      host._section_cache(kodrune_cli::rpc::body_arg(args), require_arg(args, "citations"));
   Json out = Json::object();
   out["cache"] = std::move(cache);
   out["calls"] = host.take_calls();
@@ -164,7 +164,7 @@ Json page_changes_op(Json& args) {
 const OpTable& harness_rpc_ops() {
   static const OpTable table = [] {
     OpTable ops;
-    kodrune_cli::register_component_ops(ops);
+    kodrune_cli::rpc::register_component_ops(ops);
     ops.emplace("_plan_from_row", plan_from_row_op);
     ops.emplace("_by_importance", by_importance_op);
     ops.emplace("_demote_unrecorded_families", demote_op);
@@ -172,7 +172,7 @@ const OpTable& harness_rpc_ops() {
     ops.emplace("_sections", sections_op);
     ops.emplace("_persist_plan_skeleton", persist_plan_skeleton_op);
     ops.emplace("_select_stale",
-                kodrune_cli::RpcHandler(select_stale_op, select_stale_document_op));
+                kodrune_cli::rpc::RpcHandler(select_stale_op, select_stale_document_op));
     ops.emplace("_mark_synthesis_stale", mark_synthesis_stale_op);
     ops.emplace("_section_cache", section_cache_op);
     ops.emplace("_page_changes", page_changes_op);

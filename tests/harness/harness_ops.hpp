@@ -8,6 +8,6 @@
 namespace kodrune_harness {
 
 // Every op the harness serves.
-const kodrune_cli::OpTable& harness_rpc_ops();
+const kodrune_cli::rpc::OpTable& harness_rpc_ops();
 
 }  // namespace kodrune_harness

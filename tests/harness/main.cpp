@@ -7,7 +7,7 @@
 
 int main(int argc, char** argv) {
   if (argc == 2 && std::strcmp(argv[1], "rpc") == 0) {
-    return kodrune_cli::serve_rpc_fd(kodrune_harness::harness_rpc_ops(), 0, 1);
+    return kodrune_cli::rpc::serve_rpc_fd(kodrune_harness::harness_rpc_ops(), 0, 1);
   }
   std::cerr << "usage: kodrune-wiki-harness rpc  (JSON Lines on stdin/stdout)\n";
   return 2;

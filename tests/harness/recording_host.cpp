@@ -7,9 +7,12 @@
 #include "kodrune-wiki/rpc/rpc.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_harness {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
+using kodrune_cli::rpc::existing_from_json;
+using kodrune_cli::rpc::InvalidRequest;
+using kodrune_cli::rpc::optional_arg;
 
 namespace {
 
@@ -157,4 +160,4 @@ Json RecordingHost::_hashes_with_steering(const std::vector<std::string>& files)
 
 Json RecordingHost::take_calls() { return std::exchange(calls_, Json::array()); }
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_harness

@@ -25,7 +25,7 @@
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_harness {
 
 using zenthar_kodrune::workers::wiki::Json;
 
@@ -72,4 +72,4 @@ class RecordingHost final : public zenthar_kodrune::workers::wiki::PlanRecordMix
   std::unique_ptr<Store> store_;
 };
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_harness

@@ -14,24 +14,24 @@
 
 #include "support/postgres_cluster.hpp"
 #include "support/temp_dir.hpp"
-#include "workers/wiki/store/postgres/postgres_store.hpp"
 #include "workers/wiki/orchestrator/store_url.hpp"
+#include "workers/wiki/store/postgres/postgres_store.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 // Names the backend in test listings.
-inline void PrintTo(StoreKind kind, std::ostream* out) {
-  *out << (kind == StoreKind::Postgres ? "postgres" : "sqlite");
+inline void PrintTo(orchestrator::StoreKind kind, std::ostream* out) {
+  *out << (kind == orchestrator::StoreKind::Postgres ? "postgres" : "sqlite");
 }
 }  // namespace zenthar_kodrune::workers::wiki
 
 namespace kodrune_test {
 
 class StoreBackendTest
-    : public ::testing::TestWithParam<zenthar_kodrune::workers::wiki::StoreKind> {
+    : public ::testing::TestWithParam<zenthar_kodrune::workers::wiki::orchestrator::StoreKind> {
  protected:
   void SetUp() override {
-    if (GetParam() != zenthar_kodrune::workers::wiki::StoreKind::Postgres) return;
+    if (GetParam() != zenthar_kodrune::workers::wiki::orchestrator::StoreKind::Postgres) return;
     PostgresCluster& cluster = PostgresCluster::instance();
     if (!cluster.running()) cluster.start();
     ASSERT_TRUE(cluster.running()) << "the test's PostgreSQL server did not start:\n"
@@ -42,7 +42,7 @@ class StoreBackendTest
   }
 
   bool postgres() const {
-    return GetParam() == zenthar_kodrune::workers::wiki::StoreKind::Postgres;
+    return GetParam() == zenthar_kodrune::workers::wiki::orchestrator::StoreKind::Postgres;
   }
 
   // The --store URL of this test's store.
@@ -54,8 +54,8 @@ class StoreBackendTest
   std::unique_ptr<zenthar_kodrune::workers::wiki::WikiStore> open_store() const {
     namespace wiki = zenthar_kodrune::workers::wiki;
     if (postgres()) {
-      return std::make_unique<wiki::PostgresWikiStore>(postgres_uri_,
-                                                       tmp_.path() / "file-hashes.db");
+      return std::make_unique<wiki::store::postgres::PostgresWikiStore>(
+          postgres_uri_, tmp_.path() / "file-hashes.db");
     }
     return std::make_unique<wiki::SqliteWikiStore>(tmp_.path() / "wiki.db");
   }
@@ -65,14 +65,17 @@ class StoreBackendTest
 };
 
 inline std::string backend_name(
-    const ::testing::TestParamInfo<zenthar_kodrune::workers::wiki::StoreKind>& info) {
-  return info.param == zenthar_kodrune::workers::wiki::StoreKind::Postgres ? "Postgres" : "Sqlite";
+    const ::testing::TestParamInfo<zenthar_kodrune::workers::wiki::orchestrator::StoreKind>& info) {
+  return info.param == zenthar_kodrune::workers::wiki::orchestrator::StoreKind::Postgres
+             ? "Postgres"
+             : "Sqlite";
 }
 
 }  // namespace kodrune_test
 
-#define KODRUNE_ON_EVERY_BACKEND(suite)                                                            \
-  INSTANTIATE_TEST_SUITE_P(Backends, suite,                                                        \
-                           ::testing::Values(zenthar_kodrune::workers::wiki::StoreKind::Sqlite,    \
-                                             zenthar_kodrune::workers::wiki::StoreKind::Postgres), \
-                           kodrune_test::backend_name)
+#define KODRUNE_ON_EVERY_BACKEND(suite)                                                     \
+  INSTANTIATE_TEST_SUITE_P(                                                                 \
+      Backends, suite,                                                                      \
+      ::testing::Values(zenthar_kodrune::workers::wiki::orchestrator::StoreKind::Sqlite,    \
+                        zenthar_kodrune::workers::wiki::orchestrator::StoreKind::Postgres), \
+      kodrune_test::backend_name)

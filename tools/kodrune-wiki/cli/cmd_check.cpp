@@ -9,6 +9,7 @@
 
 #include "kodrune-wiki/cli/cmd_common.hpp"
 #include "workers/wiki/orchestrator/citation_states.hpp"
+#include "workers/wiki/util/process.hpp"
 #include "workers/wiki/util/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
@@ -51,7 +52,7 @@ std::set<std::string> parse_fail_on(const std::string& text) {
     item.erase(item.find_last_not_of(' ') + 1);
     if (item.empty()) continue;
     if (std::find(std::begin(kKinds), std::end(kKinds), item) == std::end(kKinds)) {
-      throw UsageError("--fail-on: unknown kind " + wiki::quote_input(item) +
+      throw UsageError("--fail-on: unknown kind " + wiki::util::quote_input(item) +
                        " (expected stale, files, citations, unwritten or drift)");
     }
     kinds.insert(item);
@@ -64,18 +65,18 @@ std::set<std::string> parse_fail_on(const std::string& text) {
 std::set<std::string> changed_since(const std::string& repo, const std::string& rev) {
   // "--end-of-options" keeps a revision that begins with "-" from being
   // read as an option.
-  const wiki::ProcessResult verified =
-      wiki::run_process({"git", "-C", repo, "rev-parse", "--verify", "--quiet", "--end-of-options",
-                         rev + "^{commit}"});
+  const wiki::util::ProcessResult verified =
+      wiki::util::run_process({"git", "-C", repo, "rev-parse", "--verify", "--quiet",
+                               "--end-of-options", rev + "^{commit}"});
   if (verified.exit_code != 0) {
-    throw UsageError("--since: git does not know the revision " + wiki::quote_input(rev));
+    throw UsageError("--since: git does not know the revision " + wiki::util::quote_input(rev));
   }
   std::string commit = verified.out;
   while (!commit.empty() && (commit.back() == '\n' || commit.back() == '\r')) commit.pop_back();
-  const wiki::ProcessResult diff = wiki::run_process(
+  const wiki::util::ProcessResult diff = wiki::util::run_process(
       {"git", "-C", repo, "-c", "core.quotepath=off", "diff", "--name-only", "-z", commit, "--"});
   if (diff.exit_code != 0) {
-    throw wiki::OsError("git diff against " + wiki::quote_input(rev) + " failed");
+    throw wiki::OsError("git diff against " + wiki::util::quote_input(rev) + " failed");
   }
   std::set<std::string> files;
   std::size_t start = 0;
@@ -132,8 +133,9 @@ void written_page_findings(wiki::WikiGenerator& g, const wiki::PagePlan& plan, c
     finding.path = citation.at("path").get<std::string>();
     finding.line = citation.value("line_start", std::int64_t{0});
     finding.end_line = citation.value("line_end", finding.line);
-    finding.message = in_section(plan.page_id, finding.section) + ": cited lines " + state + ": " +
-                      wiki::describe_range(finding.path, finding.line, finding.end_line);
+    finding.message =
+        in_section(plan.page_id, finding.section) + ": cited lines " + state + ": " +
+        wiki::orchestrator::describe_range(finding.path, finding.line, finding.end_line);
     finding.because = {finding.path};
     sections_named.insert(finding.section);
     report.findings.push_back(std::move(finding));
@@ -213,8 +215,8 @@ void written_page_findings(wiki::WikiGenerator& g, const wiki::PagePlan& plan, c
       const std::int64_t lines = known->second;
       if (end <= lines) continue;
       finding.message = "page " + plan.page_id + ": cites " +
-                        wiki::describe_range(path, start, end) + ", but " + path + " has " +
-                        std::to_string(lines) + " line" + (lines == 1 ? "" : "s");
+                        wiki::orchestrator::describe_range(path, start, end) + ", but " + path +
+                        " has " + std::to_string(lines) + " line" + (lines == 1 ? "" : "s");
     } else {
       continue;
     }
@@ -244,7 +246,7 @@ Report make_report(wiki::WikiGenerator& g) {
     finding.page_id = plan->page_id;
     finding.because = plan->source_files;
     if (!plan->source_files.empty()) finding.path = plan->source_files.front();
-    finding.message = "page " + plan->page_id + " (" + wiki::escaped(plan->title) +
+    finding.message = "page " + plan->page_id + " (" + wiki::util::escaped(plan->title) +
                       ") is due and has never been written";
     report.findings.push_back(std::move(finding));
   }
@@ -383,7 +385,7 @@ void print_report(std::ostream& out, const std::string& format, const std::strin
     for (const auto& finding : report.findings) {
       if (finding.kind != kind) continue;
       out << "  " << (fails(finding) ? "FAIL " : "warn ") << kind << ": "
-          << wiki::escaped(finding.message) << "\n";
+          << wiki::util::escaped(finding.message) << "\n";
     }
   }
   if (!report.amendments.empty()) {

@@ -24,12 +24,12 @@ void add_store_option(CLI::App& command, std::string& store) {
       .add_option("--store", store,
                   "Wiki store: sqlite:PATH or a postgresql:// URI (default: the SQLite file "
                   "under the repository)")
-      ->envname(std::string(wiki::STORE_ENV));
+      ->envname(std::string(wiki::orchestrator::STORE_ENV));
 }
 
-wiki::StoreUrl resolve_store(const std::string& store) {
+wiki::orchestrator::StoreUrl resolve_store(const std::string& store) {
   try {
-    return wiki::parse_store_url(store);
+    return wiki::orchestrator::parse_store_url(store);
   } catch (const wiki::ValueError& e) {
     throw UsageError(std::string("--store: ") + e.what());
   }
@@ -57,10 +57,10 @@ std::unique_ptr<wiki::WikiGenerator> open_generator(const CommonOptions& options
                                                     wiki::WikiGeneratorOptions generator_options) {
   check_repo(options);
   const std::string branch = resolve_branch(options);
-  const wiki::StoreUrl store = resolve_store(options.store);
-  return std::make_unique<wiki::WikiGenerator>(options.repo, branch,
-                                               wiki::open_store(store, fs::absolute(options.repo)),
-                                               std::move(generator_options));
+  const wiki::orchestrator::StoreUrl store = resolve_store(options.store);
+  return std::make_unique<wiki::WikiGenerator>(
+      options.repo, branch, wiki::orchestrator::open_store(store, fs::absolute(options.repo)),
+      std::move(generator_options));
 }
 
 std::string error_line(const std::exception& error) {

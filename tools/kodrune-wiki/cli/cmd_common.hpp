@@ -35,7 +35,7 @@ void add_common_options(CLI::App& command, CommonOptions& options);
 void add_store_option(CLI::App& command, std::string& store);
 
 // The store URL checked; a bad one is a UsageError.
-zenthar_kodrune::workers::wiki::StoreUrl resolve_store(const std::string& store);
+zenthar_kodrune::workers::wiki::orchestrator::StoreUrl resolve_store(const std::string& store);
 
 // The branch to use: the option checked by git's ref-name rules, else the
 // current git branch, else "main". A bad name is a UsageError.

@@ -44,11 +44,11 @@ Command add_log_command(CLI::App& app) {
                 throw UsageError("--repo " + options->common.repo + " is not a folder");
               }
               const std::string branch = resolve_branch(options->common);
-              const wiki::StoreUrl store = resolve_store(options->common.store);
+              const wiki::orchestrator::StoreUrl store = resolve_store(options->common.store);
               // A shared store holds the log every worker wrote; a local one
               // leaves it to the branch's log file.
               const auto read =
-                  store.kind == wiki::StoreKind::Postgres
+                  store.kind == wiki::orchestrator::StoreKind::Postgres
                       ? open_generator(options->common)->plan_log_read(options->limit)
                       : wiki::read_plan_log(std::filesystem::absolute(options->common.repo), branch,
                                             options->limit);

@@ -81,7 +81,7 @@ void print_plan(std::ostream& out, const std::string& branch, const wiki::BuildR
       const std::size_t files =
           plan->children.empty() ? distinct_file_count(*plan) : plan->children.size();
       rows.push_back(
-          {plan->page_id, wiki::escaped(plan->title), plan->level, plan->importance,
+          {plan->page_id, wiki::util::escaped(plan->title), plan->level, plan->importance,
            plan->children.empty() ? std::to_string(files) : std::to_string(files) + " parts",
            state});
     }

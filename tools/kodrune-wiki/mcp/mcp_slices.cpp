@@ -7,7 +7,7 @@
 #include "workers/wiki/util/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::mcp {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 using mcp::Json;
@@ -112,7 +112,7 @@ std::string write_cursor(const Cursor& cursor) {
 
 Cursor read_cursor(std::string_view text) {
   const auto refuse = [&]() -> wiki::ValueError {
-    return wiki::ValueError("cursor " + wiki::quote_input(text) +
+    return wiki::ValueError("cursor " + wiki::util::quote_input(text) +
                             " is not one this server gave: pass a next_cursor unchanged");
   };
   const std::size_t dot = text.find('.');
@@ -159,4 +159,4 @@ void cut_list(Json& object, const char* key, const char* total_key, std::size_t 
   object[total_key] = total;
 }
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::mcp

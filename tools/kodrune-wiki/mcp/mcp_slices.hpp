@@ -11,7 +11,7 @@
 
 #include "kodrune-wiki/mcp/mcp_server.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::mcp {
 
 // A tool's whole answer at its default arguments, and its text summary.
 inline constexpr std::size_t kAnswerBytes = 64 * 1024;
@@ -61,4 +61,4 @@ std::size_t resume_at(const Cursor& cursor, const std::vector<std::string>& ids)
 void cut_list(mcp::Json& object, const char* key, const char* total_key,
               std::size_t keep = kListedEntries);
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::mcp

@@ -40,7 +40,7 @@
 #include "kodrune-wiki/mcp/mcp_server.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::mcp {
 
 // Page id -> (old page id, "seeds" or "merged") for each old page whose prose
 // a build carries into it.
@@ -137,4 +137,4 @@ class WikiService : public mcp::Service {
 // Name, version and usage notes the server introduces itself with.
 mcp::ServerInfo wiki_server_info();
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::mcp

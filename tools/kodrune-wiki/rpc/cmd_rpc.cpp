@@ -27,12 +27,12 @@ Command add_rpc_command(CLI::App& app) {
                        },
                        std::cerr);
                    if (checked != 0) return checked;
-                   const OpTable ops = product_rpc_ops([options] {
+                   const rpc::OpTable ops = rpc::product_rpc_ops([options] {
                      zenthar_kodrune::workers::wiki::WikiGeneratorOptions quiet;
                      quiet.progress = false;  // stderr is the client's, not a terminal's
                      return open_generator(*options, std::move(quiet));
                    });
-                   return serve_rpc_fd(ops, 0, 1);
+                   return rpc::serve_rpc_fd(ops, 0, 1);
                  }};
 }
 

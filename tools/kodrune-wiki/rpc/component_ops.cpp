@@ -11,7 +11,7 @@
 #include "kodrune-wiki/rpc/rpc.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::rpc {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 
@@ -136,4 +136,4 @@ void register_component_ops(OpTable& ops) {
   ops.emplace("section_map", section_map_op);
 }
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::rpc

@@ -16,7 +16,7 @@
 #include "workers/wiki/model/plan_fields.hpp"
 #include "workers/wiki/plan_record/row_facts.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::rpc {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 namespace dom = simdjson::dom;
@@ -62,14 +62,15 @@ std::optional<wiki::PagePlan> common_plan(dom::element value) {
   if (!value.is_object()) return std::nullopt;
   wiki::PagePlan plan;
   for (const auto field : dom::object(value)) {
-    if (field.key == wiki::kPlanCatchAll) {
+    if (field.key == wiki::model::kPlanCatchAll) {
       if (!field.value.is_bool()) return std::nullopt;
       plan.catch_all = bool(field.value);
       continue;
     }
-    const auto known = std::find_if(std::begin(wiki::kPlanFields), std::end(wiki::kPlanFields),
-                                    [&](const wiki::PlanField& f) { return f.key == field.key; });
-    if (known == std::end(wiki::kPlanFields)) continue;
+    const auto known =
+        std::find_if(std::begin(wiki::model::kPlanFields), std::end(wiki::model::kPlanFields),
+                     [&](const wiki::model::PlanField& f) { return f.key == field.key; });
+    if (known == std::end(wiki::model::kPlanFields)) continue;
     const bool read = known->text != nullptr ? read_text(field.value, plan.*known->text)
                                              : read_texts(field.value, plan.*known->texts);
     if (!read) return std::nullopt;
@@ -89,23 +90,23 @@ Json reconciled_columns(dom::element row, Fields& kept) {
   kept.clear();
   bool has_page_id = false;
   for (const auto field : dom::object(row)) {
-    if (!wiki::is_reconciled_column(field.key)) continue;
+    if (!wiki::plan_record::is_reconciled_column(field.key)) continue;
     const bool page_id = field.key == "page_id";
     has_page_id = has_page_id || page_id;
     // An empty value still replaces an earlier one of the same key.
-    if (!page_id && wiki::is_empty_element(field.value) &&
+    if (!page_id && wiki::util::is_empty_element(field.value) &&
         std::none_of(kept.begin(), kept.end(),
                      [&](const auto& earlier) { return earlier.first == field.key; })) {
       continue;
     }
     kept.emplace_back(field.key, field.value);
   }
-  if (!has_page_id) return wiki::json_from_dom(row);
+  if (!has_page_id) return wiki::util::json_from_dom(row);
   Json out(Json::value_t::object);
   auto& columns = out.get_ref<Json::object_t&>();
   columns.reserve(kept.size());
   for (const auto& [key, value] : kept) {
-    columns.emplace(key).first->second = wiki::json_from_dom(value);
+    columns.emplace(key).first->second = wiki::util::json_from_dom(value);
   }
   return out;
 }
@@ -113,7 +114,7 @@ Json reconciled_columns(dom::element row, Fields& kept) {
 }  // namespace
 
 wiki::PlanList plan_list_from_document(dom::element value, std::string_view key) {
-  if (!value.is_array()) return plan_list_from_json(wiki::json_from_dom(value), key);
+  if (!value.is_array()) return plan_list_from_json(wiki::util::json_from_dom(value), key);
   const dom::array items(value);
   wiki::PlanList plans;
   plans.reserve(items.size());
@@ -121,14 +122,14 @@ wiki::PlanList plan_list_from_document(dom::element value, std::string_view key)
     if (auto plan = common_plan(item)) {
       plans.push_back(wiki::make_plan(std::move(*plan)));
     } else {
-      plans.push_back(wiki::plan_from_json(wiki::json_from_dom(item)));
+      plans.push_back(wiki::plan_from_json(wiki::util::json_from_dom(item)));
     }
   }
   return plans;
 }
 
 wiki::Existing existing_from_document(dom::element value) {
-  const auto from_value = [&] { return existing_from_json(wiki::json_from_dom(value)); };
+  const auto from_value = [&] { return existing_from_json(wiki::util::json_from_dom(value)); };
   if (!value.is_object()) return from_value();
   const dom::object rows(value);
   wiki::Existing existing;
@@ -146,7 +147,7 @@ wiki::Existing existing_from_document(dom::element value) {
 }
 
 wiki::PathSet paths_from_document(dom::element value, std::string_view what) {
-  const auto from_value = [&] { return paths_from_json(wiki::json_from_dom(value), what); };
+  const auto from_value = [&] { return paths_from_json(wiki::util::json_from_dom(value), what); };
   if (!value.is_array()) return from_value();
   const dom::array items(value);
   wiki::PathSet paths;
@@ -159,13 +160,13 @@ wiki::PathSet paths_from_document(dom::element value, std::string_view what) {
 }
 
 bool bool_arg(dom::object args, std::string_view key) {
-  return !wiki::is_empty_element(require_arg(args, key));
+  return !wiki::util::is_empty_element(require_arg(args, key));
 }
 
 bool bool_arg(dom::object args, std::string_view key, bool fallback) {
   const auto value = find_arg(args, key);
   if (!value) return fallback;
-  return !wiki::is_empty_element(*value);
+  return !wiki::util::is_empty_element(*value);
 }
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::rpc

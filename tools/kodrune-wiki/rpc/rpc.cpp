@@ -3,8 +3,6 @@
 #include "kodrune-wiki/rpc/rpc.hpp"
 
 #include <fcntl.h>
-#include <spdlog/logger.h>
-#include <spdlog/sinks/base_sink.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,7 +25,7 @@
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::rpc {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 
@@ -94,7 +92,7 @@ RpcAnswer answer(const Json& id, Call&& call) {
 // request is well formed and names such an op; nothing otherwise, and the
 // request is then answered from its value.
 std::optional<RpcAnswer> answer_from_document(const OpTable& ops,
-                                              const wiki::JsonDocument& document) {
+                                              const wiki::util::JsonDocument& document) {
   const simdjson::dom::element* root = document.root();
   if (root == nullptr || !root->is_object()) return std::nullopt;
   const simdjson::dom::object request(*root);
@@ -106,9 +104,9 @@ std::optional<RpcAnswer> answer_from_document(const OpTable& ops,
   if (!args || !args->is_object()) return std::nullopt;
   try {
     const auto id_value = find_arg(request, "id");
-    const Json id = id_value ? wiki::json_from_dom(*id_value) : Json(nullptr);
+    const Json id = id_value ? wiki::util::json_from_dom(*id_value) : Json(nullptr);
     return answer(id, [&] { return found->second.from_document(simdjson::dom::object(*args)); });
-  } catch (const wiki::NotReadAsParseJson&) {
+  } catch (const wiki::util::NotReadAsParseJson&) {
     return std::nullopt;
   }
 }
@@ -116,7 +114,7 @@ std::optional<RpcAnswer> answer_from_document(const OpTable& ops,
 }  // namespace
 
 RpcAnswer rpc_answer(const OpTable& ops, std::string_view line, bool padded) {
-  const wiki::JsonDocument document(line, padded);
+  const wiki::util::JsonDocument document(line, padded);
   if (auto answered = answer_from_document(ops, document)) return std::move(*answered);
   const auto refused = [](const Json& id, std::string_view message) {
     return RpcAnswer{dump(error_response(id, "invalid_request", message)), nullptr};
@@ -133,7 +131,7 @@ RpcAnswer rpc_answer(const OpTable& ops, std::string_view line, bool padded) {
   if (op == nullptr || !op->is_string()) return refused(id, "a request needs \"op\" as text");
   auto found = ops.find(op->get_ref<const std::string&>());
   if (found == ops.end())
-    return refused(id, "unknown op: " + wiki::cut_input(op->get<std::string>()));
+    return refused(id, "unknown op: " + wiki::util::cut_input(op->get<std::string>()));
   const auto args = request.find("args");
   if (args == request.end() || !args->is_object()) {
     return refused(id, "a request needs \"args\" as an object");
@@ -307,161 +305,4 @@ int serve_rpc_fd(const OpTable& ops, int in, int out) {
   return 0;
 }
 
-const Json& require_arg(const Json& args, std::string_view key) {
-  const Json* value = wiki::find_value(args, key);
-  if (value == nullptr) throw InvalidRequest("missing args: " + std::string(key));
-  return *value;
-}
-
-Json& require_arg(Json& args, std::string_view key) {
-  return const_cast<Json&>(require_arg(std::as_const(args), key));
-}
-
-const Json* optional_arg(const Json& args, std::string_view key) {
-  const Json* value = wiki::find_value(args, key);
-  return value == nullptr || value->is_null() ? nullptr : value;
-}
-
-Json* optional_arg(Json& args, std::string_view key) {
-  return const_cast<Json*>(optional_arg(std::as_const(args), key));
-}
-
-namespace {
-
-// Rows copied from a request's "existing", or moved out of it.
-template <typename Value>
-wiki::Existing existing_rows(Value& value) {
-  if (!value.is_object()) throw InvalidRequest("\"existing\" must be an object of page id to row");
-  wiki::Existing existing;
-  existing.reserve(value.size());
-  for (auto it = value.begin(); it != value.end(); ++it) {
-    if (!it.value().is_object()) {
-      throw InvalidRequest("the row of \"" + it.key() + "\" in \"existing\" must be an object");
-    }
-    if constexpr (std::is_const_v<Value>) {
-      existing.emplace(it.key(), it.value());
-    } else {
-      existing.emplace(it.key(), std::move(it.value()));
-    }
-  }
-  return existing;
-}
-
-}  // namespace
-
-wiki::Existing existing_from_json(const Json& value) { return existing_rows(value); }
-wiki::Existing existing_from_json(Json&& value) { return existing_rows(value); }
-
-namespace {
-
-template <typename Value>
-wiki::PathSet path_set(Value& value, std::string_view what) {
-  if (!value.is_array())
-    throw InvalidRequest("\"" + std::string(what) + "\" must be a list of paths");
-  wiki::PathSet paths;
-  paths.reserve(value.size());
-  for (auto& item : value) {
-    if (!item.is_string())
-      throw InvalidRequest("\"" + std::string(what) + "\" must hold text only");
-    if constexpr (std::is_const_v<Value>) {
-      paths.insert(item.template get_ref<const std::string&>());
-    } else {
-      paths.insert(std::move(item.template get_ref<std::string&>()));
-    }
-  }
-  return paths;
-}
-
-}  // namespace
-
-wiki::PathSet paths_from_json(const Json& value, std::string_view what) {
-  return path_set(value, what);
-}
-wiki::PathSet paths_from_json(Json&& value, std::string_view what) { return path_set(value, what); }
-
-wiki::Amendments records_from_json(const Json& value, std::string_view what) {
-  if (!value.is_array())
-    throw InvalidRequest("\"" + std::string(what) + "\" must be a list of records");
-  wiki::Amendments records;
-  records.reserve(value.size());
-  for (const auto& item : value) records.push_back(item);
-  return records;
-}
-
-bool bool_arg(const Json& args, std::string_view key) {
-  return !wiki::is_empty(require_arg(args, key));
-}
-
-bool bool_arg(const Json& args, std::string_view key, bool fallback) {
-  const Json* value = wiki::find_value(args, key);
-  if (value == nullptr) return fallback;
-  return !wiki::is_empty(*value);
-}
-
-wiki::PlanList plans_arg(const Json& args, std::string_view key) {
-  return plan_list_from_json(require_arg(args, key), key);
-}
-
-wiki::PlanList plan_list_from_json(const Json& value, std::string_view key) {
-  if (!value.is_array())
-    throw InvalidRequest("\"" + std::string(key) + "\" must be a list of plans");
-  return wiki::plans_from_json(value);
-}
-
-std::vector<std::string> texts_arg(const Json& args, std::string_view key) {
-  const Json& value = require_arg(args, key);
-  const std::string what = "\"" + std::string(key) + "\"";
-  if (!value.is_array()) throw InvalidRequest(what + " must be a list of page ids");
-  std::vector<std::string> texts;
-  texts.reserve(value.size());
-  for (const auto& item : value) {
-    if (!item.is_string()) throw InvalidRequest(what + " must hold text only");
-    texts.push_back(item.get<std::string>());
-  }
-  return texts;
-}
-
-const std::string& body_arg(const Json& args) {
-  const Json& body = require_arg(args, "body");
-  if (!body.is_string()) {
-    throw wiki::TypeError(std::string("\"body\" must be text, not ") + body.type_name());
-  }
-  return body.get_ref<const std::string&>();
-}
-
-namespace {
-
-class WarningSink : public spdlog::sinks::base_sink<std::mutex> {
- public:
-  std::vector<std::string> messages;
-
- protected:
-  void sink_it_(const spdlog::details::log_msg& message) override {
-    if (message.level >= spdlog::level::warn) {
-      messages.emplace_back(message.payload.data(), message.payload.size());
-    }
-  }
-  void flush_() override {}
-};
-
-}  // namespace
-
-struct CapturedWarnings::Capture {
-  std::shared_ptr<spdlog::logger> logger = wiki::plan_record_logger();
-  std::shared_ptr<WarningSink> sink = std::make_shared<WarningSink>();
-};
-
-CapturedWarnings::CapturedWarnings() : capture_(std::make_unique<Capture>()) {
-  capture_->logger->sinks().push_back(capture_->sink);
-}
-
-CapturedWarnings::~CapturedWarnings() {
-  auto& sinks = capture_->logger->sinks();
-  sinks.erase(std::remove(sinks.begin(), sinks.end(), capture_->sink), sinks.end());
-}
-
-const std::vector<std::string>& CapturedWarnings::messages() const {
-  return capture_->sink->messages;
-}
-
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::rpc

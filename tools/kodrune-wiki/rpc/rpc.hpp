@@ -18,7 +18,7 @@
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::rpc {
 
 using zenthar_kodrune::workers::wiki::Json;
 
@@ -167,4 +167,4 @@ zenthar_kodrune::workers::wiki::PathSet paths_from_document(simdjson::dom::eleme
 bool bool_arg(simdjson::dom::object args, std::string_view key);
 bool bool_arg(simdjson::dom::object args, std::string_view key, bool fallback);
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::rpc

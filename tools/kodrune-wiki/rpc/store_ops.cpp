@@ -16,7 +16,7 @@
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::rpc {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 
@@ -49,8 +49,8 @@ void check_plan_ids(const wiki::WikiGenerator& generator, const wiki::PlanList& 
   for (const auto& plan : plans) {
     if (plan->page_id.empty()) throw wiki::ValueError("a plan's page_id must not be empty");
     wiki::check_page_id_length(plan->page_id);
-    wiki::path_inside(generator.wiki_dir(), wiki::page_rel_path(plan->page_id),
-                      "page " + wiki::quote_input(plan->page_id) + ": its body path");
+    wiki::path_inside(generator.wiki_dir(), wiki::model::page_rel_path(plan->page_id),
+                      "page " + wiki::util::quote_input(plan->page_id) + ": its body path");
   }
 }
 
@@ -161,4 +161,4 @@ OpTable product_rpc_ops(GeneratorOpener open) {
   return ops;
 }
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::rpc

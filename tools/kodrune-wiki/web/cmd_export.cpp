@@ -51,7 +51,7 @@ std::string iso_utc(std::time_t seconds) {
 // Markdown link text with the brackets that would end it escaped.
 std::string link_text(const std::string& text) {
   std::string out;
-  for (const char c : wiki::escaped(text)) {
+  for (const char c : wiki::util::escaped(text)) {
     if (c == '[' || c == ']' || c == '\\') out.push_back('\\');
     out.push_back(c);
   }
@@ -140,7 +140,7 @@ std::string index_markdown(const std::string& branch, const std::vector<PageEntr
     by_id.emplace(entry.plan->page_id, &entry);
     for (const auto& child : entry.plan->children) parts.insert(child);
   }
-  std::string out = "# Wiki of branch " + wiki::escaped(branch) + "\n\n";
+  std::string out = "# Wiki of branch " + wiki::util::escaped(branch) + "\n\n";
   const auto line = [&](const PageEntry& entry, const char* indent) {
     const std::string title =
         link_text(entry.plan->title.empty() ? entry.plan->page_id : entry.plan->title);
@@ -178,12 +178,12 @@ std::string log_markdown(const std::vector<Json>& entries) {
     const std::string time = at.size() > 11 ? at.substr(11) : at;
     const bool replan = entry->value("replan", false);
     for (const Json& amendment : entry->value("amendments", Json::array())) {
-      out += "- " + time + " " + wiki::escaped(amendment.value("action", "?")) + " " +
-             wiki::escaped(amendment.value("page_id", "?"));
+      out += "- " + time + " " + wiki::util::escaped(amendment.value("action", "?")) + " " +
+             wiki::util::escaped(amendment.value("page_id", "?"));
       if (amendment.contains("level"))
-        out += " [" + wiki::escaped(amendment.value("level", "")) + "]";
+        out += " [" + wiki::util::escaped(amendment.value("level", "")) + "]";
       const std::string reason = amendment.value("reason", "");
-      if (!reason.empty()) out += ": " + wiki::escaped(reason);
+      if (!reason.empty()) out += ": " + wiki::util::escaped(reason);
       if (replan) out += " (replan)";
       out += "\n";
     }
@@ -228,7 +228,7 @@ class Bundle {
   }
 
   void write(const std::string& name, const std::string& text) {
-    written_[name] = wiki::_text_hash(text);
+    written_[name] = wiki::util::_text_hash(text);
     if (read(name) == text) return;
     wiki::FileDescriptor temporary = dir_.create_unique("." + name + ".writing-");
     const std::string temporary_name = temporary.path().filename().string();
@@ -245,7 +245,7 @@ class Bundle {
       for (const auto& [name, hash] : before->items()) {
         if (written_.contains(name) || name.find('/') != std::string::npos) continue;
         const auto text = read(name);
-        if (text && hash.is_string() && wiki::_text_hash(*text) == hash.get<std::string>()) {
+        if (text && hash.is_string() && wiki::util::_text_hash(*text) == hash.get<std::string>()) {
           dir_.remove(name);
           ++changed_;
         }
@@ -313,7 +313,7 @@ std::size_t export_okf(wiki::WikiGenerator& g, const fs::path& dir) {
     if (!entry.written) continue;
     const wiki::PagePlan& plan = *entry.plan;
     if (plan.page_id.find('/') != std::string::npos || plan.page_id.front() == '.') {
-      throw wiki::ValueError("page id " + wiki::quote_input(plan.page_id) +
+      throw wiki::ValueError("page id " + wiki::util::quote_input(plan.page_id) +
                              " cannot name a file of the bundle");
     }
     const Json& row = existing.at(plan.page_id);
@@ -379,7 +379,7 @@ std::size_t export_html(wiki::WikiGenerator& g, const fs::path& dir) {
   changed += write_site_file(root, "history.html", site.history_html());
   for (const auto& id : site.page_ids()) {
     if (id.find('/') != std::string::npos || id.empty() || id.front() == '.') {
-      throw wiki::ValueError("page id " + wiki::quote_input(id) +
+      throw wiki::ValueError("page id " + wiki::util::quote_input(id) +
                              " cannot name a file of the site");
     }
     changed += write_site_file(root, "pages/" + id + ".html", *site.page_html(id));

@@ -233,7 +233,7 @@ class Server {
     generator_options.progress = false;
     open.generator = std::make_unique<wiki::WikiGenerator>(
         options_.common.repo, branch,
-        wiki::open_store(store_url_, fs::absolute(options_.common.repo)),
+        wiki::orchestrator::open_store(store_url_, fs::absolute(options_.common.repo)),
         std::move(generator_options));
     SiteLinks links;
     if (branch != default_branch_) links.query = "?branch=" + url_path(branch);
@@ -247,7 +247,7 @@ class Server {
   // for a store that other machines write, or a folder outside git, whose
   // file list only a walk can tell.
   std::vector<fs::path> watched_files(const std::string& branch) const {
-    if (store_url_.kind != wiki::StoreKind::Sqlite) return {};
+    if (store_url_.kind != wiki::orchestrator::StoreKind::Sqlite) return {};
     const fs::path root = fs::absolute(options_.common.repo);
     fs::path git = root / ".git";
     std::error_code error;
@@ -305,7 +305,7 @@ class Server {
 
   ServeOptions options_;
   std::string default_branch_;
-  wiki::StoreUrl store_url_;
+  wiki::orchestrator::StoreUrl store_url_;
   int port_ = 0;
   std::mutex mutex_;
   std::map<std::string, Open> sites_;

@@ -1,41 +1,8 @@
 // The wiki orchestrator `WikiGenerator`: the host the plan of record is mixed
 // into. One build indexes the repository, plans, pins the plan to the stored
 // plan of record, logs the amendments, records the plan in the store and
-// selects the pages to write. Saving a page and asking what changed under a
-// written page go through it too.
-//
-// Where things live, for a repository root R and a branch B:
-//   R/memory/orvane/.store/wiki.db   the store (SQLite by default; moved
-//                                    there from R/memory/orvane/wiki.db)
-//   R/memory/orvane/.store/branch-H.lock  the branch's lock (H: a hash of B)
-//   R/memory/orvane/steering.md      the steering text
-//   R/memory/orvane/B/               the branch's wiki folder: plan-log.jsonl
-//   R/memory/orvane/B/pages/ID.md    a written page (its row's `rel_path`)
-//
-// The branch name is checked by git's ref-name rules, and so that its folder
-// overlaps nothing else, before it names a folder; every path taken from a
-// row or a page id is checked to stay inside the branch's wiki folder; and
-// every folder and file under memory/orvane is opened without following
-// symbolic links (safe_fs.hpp), so a cloned repository cannot make the tool
-// read or write outside it.
-//
-// Concurrency and crashes. Builds and saves of one branch are serialised by
-// the branch's lock (an flock, released when a process dies), always taken
-// before any database transaction, so two processes never wait on each
-// other in opposite orders. A build reads the stored rows, pins and writes
-// them in one write transaction; a save writes its body to a synced file of
-// its own, commits its row, then renames the body into place. A build's log
-// line is recorded in the store in the build's transaction and appended to
-// the log after the commit; the next command under the lock appends what a
-// killed process left pending (once: a line the log already ends with is
-// not appended again) and finishes or removes what a killed save left.
-//
-// File hashing reads each file at most once per build. Content hashes are
-// cached in the store keyed by path with size, modification time (ns) and
-// inode, so a build over an unchanged repository reads no file content. A
-// file modified within two seconds of the build's start is hashed but not
-// cached: a later write in the same clock tick could leave size and time
-// unchanged.
+// selects the pages to write; saves and change reports go through it too.
+// Where its files live, its locking and its crash rules: docs/design.md.
 #pragma once
 
 #include <cstdint>
@@ -110,88 +77,11 @@ PlanLogRead read_plan_log(const std::filesystem::path& checkout_root, const std:
 
 // ---- file hashing ----
 
-// Told how far hashing has got: files hashed so far and files to hash.
-using HashProgress = std::function<void(std::size_t done, std::size_t total)>;
-
 // Reads a whole file; an OsError naming the path when it cannot, a
 // NotRegularFile for a symbolic link (never followed) or a file of another
 // kind.
 using FileReader = std::function<std::string(const std::filesystem::path&)>;
 std::string read_whole_file(const std::filesystem::path& path);
-
-// Content hashes of the files under one root, each file read at most once
-// per build. A source path that is a symbolic link counts as no regular
-// file and is left out, whatever it points to: git keeps a link's text, not
-// its target, and the target may lie outside the repository. Not shared between threads; it starts
-// threads of its own.
-class FileHasher {
- public:
-  explicit FileHasher(std::filesystem::path root, FileReader reader = read_whole_file,
-                      bool progress = true);
-
-  // Forgets what the last build learned; the cache stays.
-  void begin_build();
-  // Entries known to hold the content hash of a file with that stamp.
-  void load_cache(FileHashCache cache);
-  // Hashes every path not yet known, on all cores when there are many.
-  void prefetch(const std::vector<std::string>& paths);
-  // The same, trusting `stamps` (one per path, taken this build) instead of
-  // asking the file system again.
-  void prefetch(const std::vector<std::string>& paths, const std::vector<FileStamp>& stamps);
-  // Hashes of `paths` in the order asked; a path that is not a regular file
-  // is left out. A path that would leave the root is a ValueError.
-  Json hashes(const std::vector<std::string>& paths);
-  // Entries learned since the last call that are safe to cache.
-  FileHashCache take_new_entries();
-  // How many files were read since construction.
-  std::size_t files_read() const { return files_read_; }
-  // From now on, a file among `paths` that is read for its content hash also
-  // has the hash of each of its lines taken from the same read, kept until
-  // taken; an empty list stops it and drops what was kept. Judging cited
-  // ranges of changed files then costs no second read.
-  void keep_line_hashes(const std::vector<std::string>& paths);
-  // The line hashes kept since keep_line_hashes, handed over and forgotten.
-  std::unordered_map<std::string, std::vector<std::uint64_t>> take_line_hashes();
-  // Called, on the hashing thread, while reading runs past a second (the
-  // same moments as the terminal line) and once when it ends; empty for none.
-  void set_progress_callback(HashProgress callback) { progress_callback_ = std::move(callback); }
-
- private:
-  struct Known {
-    bool is_file = false;
-    std::string hash;
-  };
-  struct Task {
-    std::string path;
-    FileStamp stamp;
-    std::string hash;
-    bool not_file = false;
-    bool keep_lines = false;
-    std::vector<std::uint64_t> lines;
-  };
-  std::optional<FileStamp> stat_file(const std::string& path) const;
-  void hash_tasks(std::vector<Task>& tasks);
-  // `stamps`, when given, holds one stamp per path.
-  void learn(const std::vector<std::string>& paths, const std::vector<FileStamp>* stamps);
-  // `paths` in normal form: the list itself when every path already is, else
-  // `normal` filled with their normal forms.
-  const std::vector<std::string>& normal_paths(const std::vector<std::string>& paths,
-                                               std::vector<std::string>& normal) const;
-
-  std::filesystem::path root_;
-  // root_ as text ending in "/", to which a relative path is appended.
-  std::string root_prefix_;
-  FileReader reader_;
-  bool progress_;
-  HashProgress progress_callback_;
-  FileHashCache cache_;
-  FileHashCache new_entries_;
-  std::unordered_map<std::string, Known> known_;
-  std::unordered_set<std::string> lines_wanted_;
-  std::unordered_map<std::string, std::vector<std::uint64_t>> lines_kept_;
-  std::int64_t build_started_ns_ = 0;
-  std::size_t files_read_ = 0;
-};
 
 // ---- the orchestrator ----
 
@@ -262,18 +152,21 @@ struct ReanchorResult {
   SaveResult saved;
 };
 
+namespace orchestrator {
+class FileHasher;
 class MirroredStore;
 struct CitationReport;
+}  // namespace orchestrator
 
-// One name for one thing: `repository()` is the wiki store (the name the
-// plan-of-record host mixins reach it by); the git checkout the wiki
-// documents is `checkout_root()`.
+// `repository()` is the wiki store as the component reaches it: the branch's
+// store behind a mirror that keeps `_existing` in step with every write. The
+// git checkout the wiki documents is `checkout_root()`.
 class WikiGenerator : public PlanRecordMixin {
  public:
   // Opens the default store (SQLite in R/memory/orvane/.store/wiki.db) when
-  // `repository` is null. The branch is checked first (check_branch_name).
+  // `store` is null. The branch is checked first (check_branch_name).
   WikiGenerator(std::filesystem::path checkout_root, std::string branch,
-                std::unique_ptr<WikiStore> repository = nullptr, WikiGeneratorOptions options = {});
+                std::unique_ptr<WikiStore> store = nullptr, WikiGeneratorOptions options = {});
   ~WikiGenerator() override;
   WikiGenerator(const WikiGenerator&) = delete;
   WikiGenerator& operator=(const WikiGenerator&) = delete;
@@ -309,7 +202,8 @@ class WikiGenerator : public PlanRecordMixin {
   const std::filesystem::path& wiki_dir() const { return wiki_dir_; }
   // The index of the last derivation.
   const RepositoryIndex& index() const { return index_; }
-  FileHasher& hasher() { return hasher_; }
+  // The file hasher (workers/wiki/orchestrator/file_hasher.hpp).
+  orchestrator::FileHasher& hasher() { return *hasher_; }
 
   // Indexes, plans and pins; writes nothing. Loads the branch's rows afresh:
   // the one load of a build. With `prefetch`, the source files are hashed on
@@ -349,13 +243,14 @@ class WikiGenerator : public PlanRecordMixin {
   std::optional<std::string> stale_reason(const PagePlan& plan, bool force);
 
   // Records a written page against the plan derived now, in one transaction
-  // under the branch's lock: the branch's rows are read once, and nothing
-  // but the page's row is written (a branch without rows gets its first plan
-  // recorded first, as a build would). Without `citations`, the body's prose citations that verify
-  // are stored. An id outside the current plan is a KeyError; a body or title that is not UTF-8
-  // text is a ValueError naming the page and the offending byte. The row and the body agree after a
-  // crash at any point, or the next command under the branch's lock makes them agree (or a build
-  // names the page stale for it).
+  // under the branch's lock: the branch's rows are read once, and only the
+  // page's row is written, unless the branch has no rows yet: then its first
+  // plan is recorded first, with its audit-log line, as a build would.
+  // Without `citations`, the body's prose citations that verify are stored.
+  // An id outside the current plan is a KeyError; a body or title that is not
+  // UTF-8 text is a ValueError naming the page and the offending byte. The row
+  // and the body agree after a crash at any point, or the next command under
+  // the branch's lock makes them agree (or a build names the page stale).
   SaveResult save_page(const std::string& page_id, const std::string& body,
                        const std::optional<Json>& citations,
                        const std::optional<std::string>& title);
@@ -401,21 +296,27 @@ class WikiGenerator : public PlanRecordMixin {
   SafeDir open_wiki_dir() const;
   // Appends the log lines the store holds as pending, then clears them; a
   // file-system failure is a warning and leaves them for the next build.
+  // REQUIRES: the branch's lock is held; no transaction is open.
   void flush_pending_log(const SafeDir& wiki);
   // Renames each body a killed save left beside its page when its row was
   // committed with that content; removes the rest.
+  // REQUIRES: the branch's lock is held.
   void finish_interrupted_saves();
   // Why a written page's body no longer matches its row, or nullopt.
   std::optional<std::string> body_mismatch(const Json& row);
   // precise_page_changes, with the judged citations left in `report`;
   // `moved` is filled only when `describe_moved`.
-  PreciseChanges precise_page_changes(const PagePlan& plan, const Json* row, CitationReport& report,
-                                      bool describe_moved);
+  PreciseChanges precise_page_changes(const PagePlan& plan, const Json* row,
+                                      orchestrator::CitationReport& report, bool describe_moved);
   // A cited file's text now, nullopt when it is no regular file.
   std::optional<std::string> read_cited_file(const std::string& path) const;
 
   // Retires, persists and updates rows so the store holds the pinned plan.
+  // REQUIRES: the branch's lock is held and a write transaction is open.
   void record_plan(const PinResult& pinned, bool replan);
+  // Records a log line in the store as pending and in the store's own log.
+  // REQUIRES: the branch's lock is held and a write transaction is open.
+  void record_log_line(const std::string& line);
   // Hashes every source file once, from the store's cache where it can (read
   // on the first build only).
   void prefetch_hashes();
@@ -432,11 +333,13 @@ class WikiGenerator : public PlanRecordMixin {
   std::string branch_;
   std::filesystem::path wiki_dir_;
   std::filesystem::path pages_dir_;
-  std::unique_ptr<WikiStore> repository_;
-  std::unique_ptr<MirroredStore> mirror_;
+  // The store itself; the component and every write reach it through
+  // `mirror_` (repository()), which keeps `_existing` in step.
+  std::unique_ptr<WikiStore> unmirrored_store_;
+  std::unique_ptr<orchestrator::MirroredStore> mirror_;
   WikiGeneratorOptions options_;
   RepositoryIndex index_;
-  FileHasher hasher_;
+  std::unique_ptr<orchestrator::FileHasher> hasher_;
   bool cache_loaded_ = false;
   // The plans of the last build, which a save is checked against.
   PlanList last_plans_;

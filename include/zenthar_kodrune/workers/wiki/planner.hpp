@@ -1,62 +1,6 @@
-// The planner: a fresh structural plan of the wiki from the repository index.
-//
-// The index is the tracked files of a git work tree (`git ls-files -z`, run
-// without a shell), else every file below the root outside hidden folders.
-// Source files are those with a code extension; a code unit is a folder with
-// source files directly in it. The plan, in this order:
-//
-//  - "overview" (level "overview", title "Overview", importance "high");
-//  - one page per kept code unit, by folder path: id "module-" + slug of the
-//    folder ("module-root" for the root), title the folder path ("." for the
-//    root), importance "high" for the top fifth of kept units by file count
-//    (rounded up, so one unit of any size is "high"), "medium" for the rest;
-//  - a folder of at most `fold_files` files and no subfolder is planned on
-//    the page of its nearest ancestor folder that has one (where that keeps
-//    the ancestor within `family_threshold` files); with no such ancestor,
-//    two or more of them gather on a page of their parent folder;
-//  - a unit of more than `family_threshold` files is a family: the parent keeps
-//    the unit's id and holds no files, and its parts (level "part") follow it
-//    in the plan, in name order. Parts are cut by name, never by position:
-//    files of one stem ("foo.c", "foo.h", "foo_test.c") always share a part,
-//    names with a common prefix ("zstd_compress*") stay together where the
-//    size allows, and each cut falls where the names themselves part, chosen
-//    by the shortest prefix that tells the names after it from those before
-//    (earlier parting first, then a hash of that prefix). No cut depends on
-//    how many files sort before it, so a file coming or going changes only
-//    the part its name falls into (and the cut inside it when that part
-//    crosses a size bound). A part holds at most `chunk_size` files and at
-//    least `min_part_size` wherever the stems allow. Its id is the unit's id,
-//    "-part-" and that prefix ("module-lib-part-zstd-ldm"); the first part is
-//    named by the first word of its first name ("module-lib-part-clevels").
-//    Its title is "<folder>: <label>", the label naming what it holds
-//    ("zstd_compress*", "fileio", "clevels, hist, huf_compress, ..."). A part
-//    id that another page already has takes the first free "-2", "-3", ...;
-//  - "module-additional" (title "Other code", importance "low", catch-all),
-//    holding the files of the units past the page budget, when there are any,
-//    and described as pinning describes it ("Remaining modules and files (N
-//    files)."), so the second build leaves its row as the first wrote it.
-//
-// The budget keeps the `page_budget` largest units by file count, ties by
-// path.
-//
-// Given the plan of record (the branch's stored rows), the planner proposes
-// what the record already holds wherever the files still allow it, so that
-// structure near a bound does not flicker from build to build:
-//  - a unit the record holds as a family stays one while it has more than
-//    `family_floor` files; any other unit becomes one past `family_threshold`;
-//  - a stored part keeps its id and its files, and takes the new files whose
-//    names fall into its range; it is cut again only past `part_ceiling`
-//    files and merged into a neighbour only below `part_floor` (see
-//    family_parts.hpp). Parts named by position (`<unit>-part-<n>`, an older
-//    planner's) are cut afresh once;
-//  - a folder the record holds on an ancestor's page stays there until it
-//    has `unfold_files` files; a folder the record holds on its own page, or
-//    on the catch-all page, is not folded.
-// Ids the record holds are never handed to a new part. The same files and
-// the same record always give the same plan; without a record the plan
-// depends on the files alone. Two folders whose slugs meet get distinct ids: the later path (in
-// code-point order) takes "-2", "-3", ...; no folder is ever given an id the
-// catch-all pattern matches, since that would make it a catch-all page.
+// The planner: a fresh structural plan of the wiki from the repository index,
+// proposed against the plan of record so that structure holds still. The
+// rules are in docs/design.md ("The planner").
 #pragma once
 
 #include <cstddef>
@@ -67,6 +11,7 @@
 #include <string_view>
 #include <vector>
 
+#include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -101,14 +46,6 @@ struct PlannerSettings {
       ".r",   ".jl",   ".sql",  ".proto", ".vue", ".svelte"};
 };
 
-// What identifies a file's content without reading it.
-struct FileStamp {
-  std::uint64_t size = 0;
-  std::int64_t mtime_ns = 0;
-  std::uint64_t inode = 0;
-  bool operator==(const FileStamp&) const = default;
-};
-
 // The stamp of the regular file at `path` (symbolic links followed); nullopt
 // when there is none.
 std::optional<FileStamp> regular_file_stamp(const char* path);
@@ -127,16 +64,6 @@ struct RepositoryIndex {
   // output could carry them as they are. Sorted, as git or the walk gave them.
   std::vector<std::string> left_out;
 };
-
-// The output of a program run without a shell.
-struct ProcessResult {
-  int exit_code = -1;  // -1 when the program could not be started or was killed
-  std::string out;
-};
-
-// Runs `argv` (argv[0] looked up on PATH) with standard input and standard
-// error on /dev/null and returns its exit code and standard output.
-ProcessResult run_process(const std::vector<std::string>& argv);
 
 // The repository's files: `git ls-files -z` inside a git work tree, else a
 // walk of `root` that skips hidden folders. Only paths that are regular files

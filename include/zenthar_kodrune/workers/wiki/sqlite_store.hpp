@@ -43,51 +43,9 @@ struct sqlite3_stmt;
 
 namespace zenthar_kodrune::workers::wiki {
 
-class SqliteDatabase final : public Database {
- public:
-  // Opens (creating it and its parent folders when missing) the database file;
-  // a file that is not a database is a StoreError. The connection waits up to
-  // `busy_timeout_ms` on a database another connection holds locked. Like
-  // the store, a connection is used by one thread at a time.
-  explicit SqliteDatabase(const std::filesystem::path& path, int busy_timeout_ms = 10000);
-  ~SqliteDatabase() override;
-  SqliteDatabase(const SqliteDatabase&) = delete;
-  SqliteDatabase& operator=(const SqliteDatabase&) = delete;
-
-  // One statement; its result rows, if any, are dropped. A parameter count
-  // that does not match the placeholders is a StoreError.
-  void execute(std::string_view sql, const std::vector<SqlValue>& params = {}) override;
-  // One statement's result rows: INTEGER as integer, NULL as null, anything
-  // else as text.
-  std::vector<std::vector<SqlValue>> query(std::string_view sql,
-                                           const std::vector<SqlValue>& params = {});
-  // One statement's result rows handed to `on_row` one at a time, to be read
-  // with sqlite3_column_*() before it returns; nothing is copied.
-  void for_each_row(std::string_view sql, const std::vector<SqlValue>& params,
-                    const std::function<void(sqlite3_stmt*)>& on_row);
-
-  // Outermost scope: BEGIN IMMEDIATE, so the write lock is taken (or waited
-  // for) at once rather than on the first write. Inner scopes: SAVEPOINTs.
-  void begin_transaction() override;
-  // A failing COMMIT rolls the transaction back, then throws a StoreError.
-  void end_transaction(bool error) override;
-
-  // WAL journal; the store turns it on once it knows the file is its own.
-  // Another connection switching at the same moment makes SQLite answer
-  // "busy" without waiting: the switch is tried again until the busy timeout.
-  void enable_wal();
-
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
-  int busy_timeout_ms_;
-  sqlite3* handle_ = nullptr;
-  // One entry per open scope: true for a savepoint, false for the transaction.
-  std::vector<bool> scopes_;
-  struct StatementCache;
-  std::unique_ptr<StatementCache> statements_;
-};
+namespace store::sqlite {
+class SqliteDatabase;
+}  // namespace store::sqlite
 
 class SqliteWikiStore final : public WikiStore {
  public:
@@ -97,6 +55,7 @@ class SqliteWikiStore final : public WikiStore {
 
   // Opens the store at `path`, creating the schema on a new file.
   explicit SqliteWikiStore(const std::filesystem::path& path, int busy_timeout_ms = 10000);
+  ~SqliteWikiStore() override;
 
   // checkout_root / "memory/orvane/.store/wiki.db".
   static std::filesystem::path default_path(const std::filesystem::path& checkout_root);
@@ -111,8 +70,9 @@ class SqliteWikiStore final : public WikiStore {
   static std::unique_ptr<SqliteWikiStore> open_default(const std::filesystem::path& checkout_root,
                                                        int busy_timeout_ms = 60000);
 
-  Database& db() override { return db_; }
-  SqliteDatabase& sqlite() { return db_; }
+  Database& db() override;
+  // The connection itself (workers/wiki/store/sqlite/database.hpp).
+  store::sqlite::SqliteDatabase& sqlite() { return *db_; }
 
   // JSON columns are written as compact JSON text; a value that cannot be
   // encoded (invalid UTF-8) is a StoreError naming the page and the column.
@@ -136,7 +96,7 @@ class SqliteWikiStore final : public WikiStore {
  private:
   void open_schema();
 
-  SqliteDatabase db_;
+  std::unique_ptr<store::sqlite::SqliteDatabase> db_;
 };
 
 }  // namespace zenthar_kodrune::workers::wiki

@@ -93,12 +93,17 @@ Json stored_row(const std::string& branch, const std::string& page_id, const std
 // The same after `update_structure` replaced the structural columns of `row`.
 void restructure_row(Json& row, const std::string& title, const WikiPageColumns& columns);
 
-// What the content-hash cache remembers of one file: the hash is reused while
-// size, modification time and inode are unchanged.
-struct CachedFileHash {
+// What identifies a file's content without reading it.
+struct FileStamp {
   std::uint64_t size = 0;
   std::int64_t mtime_ns = 0;
   std::uint64_t inode = 0;
+  bool operator==(const FileStamp&) const = default;
+};
+
+// What the content-hash cache remembers of one file: the hash is reused while
+// the stamp is unchanged.
+struct CachedFileHash : FileStamp {
   std::string hash;
   bool operator==(const CachedFileHash&) const = default;
 };

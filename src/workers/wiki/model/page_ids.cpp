@@ -5,7 +5,7 @@
 
 #include "workers/wiki/model/page_sources.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::model {
 
 std::string page_rel_path(std::string_view page_id) {
   std::string path = "pages/";
@@ -30,4 +30,4 @@ PlanPtr catch_all_page(std::vector<std::string> files, std::string page_id, std:
   return make_plan(std::move(plan));
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::model

@@ -10,7 +10,7 @@
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::model {
 
 // The catch-all page's id and title when no stored row names them.
 inline constexpr std::string_view CATCH_ALL_ID = "module-additional";
@@ -31,4 +31,4 @@ PlanPtr catch_all_page(std::vector<std::string> files,
                        std::string page_id = std::string(CATCH_ALL_ID),
                        std::string title = std::string(CATCH_ALL_TITLE));
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::model

@@ -7,7 +7,7 @@
 #include <algorithm>
 #include <cstddef>
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::model {
 
 namespace {
 
@@ -30,4 +30,4 @@ std::string unit_topic(std::string_view title, const std::vector<std::string>& f
   return topic;
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::model

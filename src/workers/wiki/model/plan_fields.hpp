@@ -9,7 +9,7 @@
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::model {
 
 struct PlanField {
   std::string_view key;
@@ -31,4 +31,4 @@ inline constexpr PlanField kPlanFields[] = {{"page_id", &PagePlan::page_id, null
 
 inline constexpr std::string_view kPlanCatchAll = "catch_all";
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::model

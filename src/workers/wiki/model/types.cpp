@@ -119,15 +119,15 @@ Json plan_to_json(const PagePlan& plan) {
   Json out = Json::object();
   // Sized once: a plan is the most numerous object of a large answer.
   auto& members = out.get_ref<Json::object_t&>();
-  members.reserve(std::size(kPlanFields) + 1);
-  for (const PlanField& field : kPlanFields) {
+  members.reserve(std::size(model::kPlanFields) + 1);
+  for (const model::PlanField& field : model::kPlanFields) {
     if (field.text != nullptr) {
       members.emplace(field.key, plan.*field.text);
     } else {
       members.emplace(field.key, plan.*field.texts);
     }
   }
-  members.emplace(kPlanCatchAll, plan.catch_all);
+  members.emplace(model::kPlanCatchAll, plan.catch_all);
   return out;
 }
 
@@ -166,14 +166,14 @@ PlanPtr plan_from_json(const Json& value) {
   if (!value.is_object())
     throw TypeError(std::string("a plan must be a mapping, not ") + value.type_name());
   PagePlan plan;
-  for (const PlanField& field : kPlanFields) {
+  for (const model::PlanField& field : model::kPlanFields) {
     if (field.text != nullptr) {
       read_text_field(value, field.key, plan.*field.text);
     } else {
       read_list_field(value, field.key, plan.*field.texts);
     }
   }
-  if (const Json* v = find_value(value, kPlanCatchAll); v != nullptr && !v->is_null()) {
+  if (const Json* v = find_value(value, model::kPlanCatchAll); v != nullptr && !v->is_null()) {
     if (!v->is_boolean())
       throw TypeError(std::string("plan field \"catch_all\" must be a boolean, not ") +
                       v->type_name());
@@ -221,7 +221,7 @@ constexpr std::string_view kCatchAllFalse = ",\"catch_all\":false}";
 
 void append_plan_json(const PagePlan& plan, std::string& out) {
   char separator = '{';
-  for (const PlanField& field : kPlanFields) {
+  for (const model::PlanField& field : model::kPlanFields) {
     out += separator;
     separator = ',';
     out += '"';
@@ -239,7 +239,7 @@ void append_plan_json(const PagePlan& plan, std::string& out) {
 // What append_plan_json writes when no text needs escaping.
 std::size_t plan_json_size(const PagePlan& plan) {
   std::size_t size = plan.catch_all ? kCatchAllTrue.size() : kCatchAllFalse.size();
-  for (const PlanField& field : kPlanFields) {
+  for (const model::PlanField& field : model::kPlanFields) {
     size += field.key.size() + 4;  // separator, quotes, colon
     if (field.text != nullptr) {
       size += (plan.*field.text).size() + 2;

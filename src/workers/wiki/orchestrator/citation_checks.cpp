@@ -22,10 +22,10 @@ std::size_t line_count(const std::string& text) {
 
 }  // namespace
 
-CheckedCitations check_citations(const std::optional<Json>& given, const std::string& body,
-                                 const std::vector<std::string>& indexed_files,
-                                 const std::filesystem::path& checkout_root) {
-  CheckedCitations out;
+orchestrator::CheckedCitations orchestrator::check_citations(
+    const std::optional<Json>& given, const std::string& body,
+    const std::vector<std::string>& indexed_files, const std::filesystem::path& checkout_root) {
+  orchestrator::CheckedCitations out;
   if (given) {
     if (!given->is_array()) throw TypeError("citations must be a list of citation records");
     for (const auto& citation : *given) {
@@ -38,7 +38,7 @@ CheckedCitations check_citations(const std::optional<Json>& given, const std::st
   }
   const std::unordered_set<std::string> indexed(indexed_files.begin(), indexed_files.end());
   std::map<std::string, std::size_t> lines;
-  for (const auto& citation : prose_citations(body)) {
+  for (const auto& citation : plan_record::prose_citations(body)) {
     const std::string path = citation.at("path").get<std::string>();
     const auto start = citation.at("line_start").get<std::int64_t>();
     const auto end = citation.at("line_end").get<std::int64_t>();

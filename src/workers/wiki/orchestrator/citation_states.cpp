@@ -18,7 +18,7 @@
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 namespace {
 
@@ -39,7 +39,7 @@ Json listed_sections(std::string_view body, const CitationIndex& index) {
     Json cites = Json::array();
     std::unordered_set<std::size_t> seen;
     std::size_t pos = 0;
-    while (const auto written = next_prose_citation(text, pos)) {
+    while (const auto written = plan_record::next_prose_citation(text, pos)) {
       const auto found = index.find(
           CitationKey{std::string(written->path), written->line_start, written->line_end});
       if (found != index.end() && seen.insert(found->second).second) cites.push_back(found->second);
@@ -342,7 +342,7 @@ std::pair<std::string, Json> reanchored(std::string_view body, const Json& citat
   out.reserve(body.size() + 64);
   std::size_t copied = 0;
   std::size_t pos = 0;
-  while (const auto written = next_prose_citation(body, pos)) {
+  while (const auto written = plan_record::next_prose_citation(body, pos)) {
     const auto moved = report.moved.find(
         CitationKey{std::string(written->path), written->line_start, written->line_end});
     if (moved == report.moved.end()) continue;
@@ -371,4 +371,4 @@ std::pair<std::string, Json> reanchored(std::string_view body, const Json& citat
   return {std::move(out), std::move(updated)};
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

@@ -15,7 +15,7 @@
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 // The build cache's key the fingerprints are kept under, beside the
 // staleness part.
@@ -78,4 +78,4 @@ std::string describe_range(const std::string& path, std::int64_t line_start, std
 std::pair<std::string, Json> reanchored(std::string_view body, const Json& citations,
                                         const CitationReport& report);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

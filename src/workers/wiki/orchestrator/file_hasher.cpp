@@ -1,5 +1,7 @@
 // File hashing for the orchestrator: a per-build memo over a stamp-keyed cache,
 // with the reading spread over every core when there is much to read.
+#include "workers/wiki/orchestrator/file_hasher.hpp"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -58,7 +60,7 @@ bool is_plain_relative(std::string_view path) {
 
 // The repository-relative path in normal form, by the one rule of `_repo_path`.
 std::string checked_relative(const std::string& path) {
-  return is_plain_relative(path) ? path : _repo_path(path);
+  return is_plain_relative(path) ? path : util::_repo_path(path);
 }
 
 }  // namespace
@@ -80,6 +82,8 @@ std::string read_whole_file(const fs::path& path) {
   }
   return file.read_all();
 }
+
+namespace orchestrator {
 
 FileHasher::FileHasher(fs::path root, FileReader reader, bool progress)
     : root_(std::move(root)),
@@ -128,7 +132,7 @@ void FileHasher::hash_tasks(std::vector<Task>& tasks) {
   auto hash_one = [this](Task& task) {
     try {
       const std::string text = reader_(root_ / task.path);
-      task.hash = _text_hash(text);
+      task.hash = util::_text_hash(text);
       if (task.keep_lines) task.lines = line_hashes(text);
     } catch (const NotRegularFile&) {
       task.not_file = true;
@@ -186,8 +190,7 @@ void FileHasher::learn(const std::vector<std::string>& paths,
         stamps != nullptr ? std::optional<FileStamp>((*stamps)[i]) : stat_file(path);
     if (!stamp) continue;  // stays known as no file
     const auto cached = cache_.find(path);
-    if (cached != cache_.end() && cached->second.size == stamp->size &&
-        cached->second.mtime_ns == stamp->mtime_ns && cached->second.inode == stamp->inode) {
+    if (cached != cache_.end() && static_cast<const FileStamp&>(cached->second) == *stamp) {
       slot->second = Known{true, cached->second.hash};
       continue;
     }
@@ -208,7 +211,7 @@ void FileHasher::learn(const std::vector<std::string>& paths,
     known_[task.path] = Known{true, task.hash};
     if (task.keep_lines) lines_kept_[task.path] = std::move(task.lines);
     if (task.stamp.mtime_ns < build_started_ns_ - kRacyWindowNs) {
-      const CachedFileHash entry{task.stamp.size, task.stamp.mtime_ns, task.stamp.inode, task.hash};
+      const CachedFileHash entry{task.stamp, task.hash};
       cache_[task.path] = entry;
       new_entries_[task.path] = entry;
     }
@@ -292,5 +295,7 @@ FileHashCache FileHasher::take_new_entries() {
   taken.swap(new_entries_);
   return taken;
 }
+
+}  // namespace orchestrator
 
 }  // namespace zenthar_kodrune::workers::wiki

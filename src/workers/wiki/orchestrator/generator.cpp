@@ -13,13 +13,14 @@
 #include <map>
 #include <unordered_set>
 
+#include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/orchestrator/file_hasher.hpp"
 #include "workers/wiki/orchestrator/generator_internals.hpp"
 #include "workers/wiki/orchestrator/mirrored_store.hpp"
+#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "workers/wiki/util/fault_point.hpp"
-#include "workers/wiki/model/page_ids.hpp"
 #include "workers/wiki/util/quoting.hpp"
 #include "workers/wiki/util/repo_facts.hpp"
-#include "workers/wiki/plan_record/prose_citations.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
@@ -40,7 +41,7 @@ void warn_left_out(const std::vector<std::string>& left_out) {
   std::string names;
   for (std::size_t i = 0; i < left_out.size() && i < kLeftOutNamed; ++i) {
     if (i > 0) names.append(", ");
-    names.append(quote_input(left_out[i]));
+    names.append(util::quote_input(left_out[i]));
   }
   if (left_out.size() > kLeftOutNamed) {
     names.append(" and " + std::to_string(left_out.size() - kLeftOutNamed) + " more");
@@ -95,7 +96,7 @@ bool same_structure(const Json& row, const PagePlan& plan,
          row_text_is(row, "importance", plan.importance.empty() ? "medium" : plan.importance) &&
          row_text_is(row, "level", plan.level) &&
          row_text_is(row, "parent_section", section_of(plan)) &&
-         row_text_is(row, "rel_path", page_rel_path(plan.page_id)) &&
+         row_text_is(row, "rel_path", model::page_rel_path(plan.page_id)) &&
          row_list_is(row, "source_files", stored_files) &&
          row_list_is(row, "related_pages", related_of(plan)) &&
          row_text_is(row, "page_type", plan.type);
@@ -103,24 +104,27 @@ bool same_structure(const Json& row, const PagePlan& plan,
 
 }  // namespace
 
-fs::path wiki_relative(const std::string& branch) { return fs::path("memory/orvane") / branch; }
+fs::path orchestrator::wiki_relative(const std::string& branch) {
+  return fs::path("memory/orvane") / branch;
+}
 
 WikiGenerator::WikiGenerator(fs::path checkout_root, std::string branch,
-                             std::unique_ptr<WikiStore> repository, WikiGeneratorOptions options)
+                             std::unique_ptr<WikiStore> store, WikiGeneratorOptions options)
     : checkout_root_(fs::absolute(checkout_root).lexically_normal()),
       branch_(std::move(branch)),
       wiki_dir_(wiki_dir_of(checkout_root_, branch_)),
       pages_dir_(wiki_dir_ / "pages"),
-      repository_(std::move(repository)),
+      unmirrored_store_(std::move(store)),
       options_(std::move(options)),
-      hasher_(checkout_root_, options_.reader, options_.progress) {
+      hasher_(std::make_unique<orchestrator::FileHasher>(checkout_root_, options_.reader,
+                                                         options_.progress)) {
   std::error_code ec;
   if (!fs::is_directory(checkout_root_, ec)) {
     throw OsError("repository " + checkout_root_.string() + " is not a folder");
   }
   if (!options_.reader) options_.reader = read_whole_file;
-  if (!repository_) repository_ = open_default_store(checkout_root_);
-  mirror_ = std::make_unique<MirroredStore>(*repository_, branch_);
+  if (!unmirrored_store_) unmirrored_store_ = open_default_store(checkout_root_);
+  mirror_ = std::make_unique<orchestrator::MirroredStore>(*unmirrored_store_, branch_);
 }
 
 WikiGenerator::~WikiGenerator() { abandon_prefetch(); }
@@ -130,7 +134,7 @@ const Existing& WikiGenerator::_existing() const { return mirror_->rows(); }
 WikiStore& WikiGenerator::repository() { return *mirror_; }
 
 Json WikiGenerator::_source_hashes(const std::vector<std::string>& paths) {
-  return hasher_.hashes(paths);
+  return hasher_->hashes(paths);
 }
 
 std::string WikiGenerator::_steering_text() {
@@ -163,7 +167,7 @@ WikiGenerator::BranchHold::BranchHold(WikiGenerator& owner) : owner_(owner) {
         owner_.open_below_root(SqliteWikiStore::default_path({}).parent_path(), true);
     // Named by a hash: a branch name may hold "/" and be long.
     owner_.branch_lock_ = store.open_file(
-        "branch-" + _text_hash(owner_.branch_).substr(0, 32) + ".lock", O_RDWR | O_CREAT);
+        "branch-" + util::_text_hash(owner_.branch_).substr(0, 32) + ".lock", O_RDWR | O_CREAT);
     owner_.branch_lock_.lock_exclusive();
     owner_.finish_interrupted_saves();
     owner_.flush_pending_log(owner_.open_wiki_dir());
@@ -183,7 +187,7 @@ SafeDir WikiGenerator::open_below_root(const fs::path& relative, bool create) co
 }
 
 SafeDir WikiGenerator::open_wiki_dir() const {
-  SafeDir wiki = open_below_root(wiki_relative(branch_), true);
+  SafeDir wiki = open_below_root(orchestrator::wiki_relative(branch_), true);
   // Refused before anything is written, not only when the log is appended.
   const auto log = wiki.entry_status(_PLAN_LOG_NAME);
   if (log && !S_ISREG(log->st_mode)) wiki.open_file(_PLAN_LOG_NAME, O_RDONLY);  // throws
@@ -191,7 +195,7 @@ SafeDir WikiGenerator::open_wiki_dir() const {
 }
 
 void WikiGenerator::flush_pending_log(const SafeDir& wiki) {
-  const auto pending = repository_->pending_log_lines(branch_);
+  const auto pending = unmirrored_store_->pending_log_lines(branch_);
   if (pending.empty()) return;
   std::vector<std::string> lines;
   lines.reserve(pending.size());
@@ -199,7 +203,7 @@ void WikiGenerator::flush_pending_log(const SafeDir& wiki) {
   try {
     // A shared store's log is the log: every worker's folder holds a copy
     // of it, whoever's builds wrote the lines.
-    if (auto shared = repository_->plan_log_lines(branch_)) {
+    if (auto shared = unmirrored_store_->plan_log_lines(branch_)) {
       write_plan_log_copy(wiki, *shared);
     } else {
       append_plan_log_lines(wiki, lines);
@@ -211,13 +215,13 @@ void WikiGenerator::flush_pending_log(const SafeDir& wiki) {
     plan_record_logger()->warn("could not append wiki plan log: {}", e.what());
     return;
   }
-  fault_point("plan:log-appended");
-  repository_->clear_pending_log_lines(branch_, pending.back().first);
+  util::fault_point("plan:log-appended");
+  unmirrored_store_->clear_pending_log_lines(branch_, pending.back().first);
 }
 
 void WikiGenerator::forget_reads() {
   abandon_prefetch();
-  hasher_.begin_build();
+  hasher_->begin_build();
   steering_memo_.reset();
   // What another process wrote since is seen.
   mirror_->forget();
@@ -300,12 +304,12 @@ void WikiGenerator::record_plan(const PinResult& pinned, bool replan) {
 }
 
 void WikiGenerator::prefetch_hashes() {
-  if (!cache_loaded_) hasher_.load_cache(repository_->load_file_hash_cache());
+  if (!cache_loaded_) hasher_->load_cache(unmirrored_store_->load_file_hash_cache());
   cache_loaded_ = true;
   if (index_.source_stamps.size() == index_.source_files.size()) {
-    hasher_.prefetch(index_.source_files, index_.source_stamps);
+    hasher_->prefetch(index_.source_files, index_.source_stamps);
   } else {
-    hasher_.prefetch(index_.source_files);
+    hasher_->prefetch(index_.source_files);
   }
 }
 
@@ -327,12 +331,12 @@ void WikiGenerator::abandon_prefetch() noexcept {
 }
 
 void WikiGenerator::save_hash_cache() {
-  FileHashCache entries = hasher_.take_new_entries();
+  FileHashCache entries = hasher_->take_new_entries();
   if (entries.empty()) return;
   std::vector<std::pair<std::string, CachedFileHash>> list(entries.begin(), entries.end());
   std::sort(list.begin(), list.end(),
             [](const auto& a, const auto& b) { return a.first < b.first; });
-  repository_->save_file_hashes(list);
+  unmirrored_store_->save_file_hashes(list);
 }
 
 BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
@@ -354,13 +358,11 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
     }
     record_plan(derivation.pinned, replan);
     if (!derivation.pinned.amendments.empty()) {
-      const std::string line = plan_log_line(derivation.pinned.amendments, replan);
-      repository().add_pending_log_line(branch_, line);
-      repository().append_plan_log_line(branch_, line);
+      record_log_line(plan_log_line(derivation.pinned.amendments, replan));
     }
-    fault_point("plan:recorded");
+    util::fault_point("plan:recorded");
   }
-  fault_point("plan:committed");
+  util::fault_point("plan:committed");
   flush_pending_log(wiki);
   if (!derivation.first_plan) {
     result.drift = drift_signal(derivation.pinned.amendments,
@@ -396,7 +398,7 @@ BuildResult WikiGenerator::build(bool replan, bool force, bool select) {
 void WikiGenerator::refresh() {
   forget_reads();
   // A file whose stamp the cache holds is not read again.
-  if (!cache_loaded_) hasher_.load_cache(repository_->load_file_hash_cache());
+  if (!cache_loaded_) hasher_->load_cache(unmirrored_store_->load_file_hash_cache());
   cache_loaded_ = true;
 }
 
@@ -409,10 +411,16 @@ void WikiGenerator::log_amendments(const Amendments& amendments, bool replan) {
   {
     auto transaction = repository().db().transaction();
     repository().lock_branch(branch_);
-    repository().add_pending_log_line(branch_, line);
-    repository().append_plan_log_line(branch_, line);
+    record_log_line(line);
   }
   flush_pending_log(wiki);
+}
+
+void WikiGenerator::record_log_line(const std::string& line) {
+  // Pending until the log file has it too: a process killed between the
+  // commit and the append leaves the line for the next command to append.
+  repository().add_pending_log_line(branch_, line);
+  repository().append_plan_log_line(branch_, line);
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

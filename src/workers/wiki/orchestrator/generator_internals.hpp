@@ -12,7 +12,7 @@
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 // What is written while a save runs: "<file>.saving-XXXXXX" beside the body.
 inline constexpr std::string_view kSavingInfix = ".saving";
@@ -34,4 +34,4 @@ CheckedCitations check_citations(const std::optional<Json>& given, const std::st
                                  const std::vector<std::string>& indexed_files,
                                  const std::filesystem::path& checkout_root);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

@@ -8,7 +8,9 @@
 #include <cstring>
 #include <limits>
 
-namespace zenthar_kodrune::workers::wiki {
+#include "workers/wiki/util/mix64.hpp"
+
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 namespace {
 
@@ -21,15 +23,6 @@ std::uint64_t load_le(const char* bytes, std::size_t size) {
   std::memcpy(&word, bytes, size);
   if constexpr (std::endian::native == std::endian::big) word = __builtin_bswap64(word);
   return word;
-}
-
-std::uint64_t mix(std::uint64_t h) {
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdULL;
-  h ^= h >> 33;
-  h *= 0xc4ceb9fe1a85ec53ULL;
-  h ^= h >> 33;
-  return h;
 }
 
 std::int64_t distance(std::size_t a, std::size_t b) {
@@ -51,7 +44,7 @@ std::uint64_t line_hash(std::string_view line) {
     h = (h ^ load_le(line.data() + i, line.size() - i)) * kMultiplier;
     h ^= h >> 29;
   }
-  return mix(h);
+  return util::mix64(h);
 }
 
 std::vector<std::uint64_t> line_hashes(std::string_view text) {
@@ -238,4 +231,4 @@ Judgement LineIndex::judge(const Fingerprint& fingerprint, std::int64_t line_sta
   return {CitationState::moved, start, start + span - 1};
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

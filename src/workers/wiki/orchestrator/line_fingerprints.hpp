@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 // Lines of context kept on each side of a cited range.
 inline constexpr std::size_t kFingerprintContext = 3;
@@ -88,4 +88,4 @@ class LineIndex {
   std::vector<std::uint32_t> next_;
 };
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

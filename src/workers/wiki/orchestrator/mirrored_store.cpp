@@ -3,7 +3,7 @@
 
 #include <unordered_set>
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 MirroredStore::MirroredStore(WikiStore& store, std::string branch)
     : store_(store), branch_(std::move(branch)) {}
@@ -58,4 +58,4 @@ void MirroredStore::delete_pages(const std::string& branch,
   current_ = true;
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

@@ -11,7 +11,7 @@
 
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 class MirroredStore final : public WikiStore {
  public:
@@ -90,4 +90,4 @@ class MirroredStore final : public WikiStore {
   mutable bool current_ = false;
 };
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

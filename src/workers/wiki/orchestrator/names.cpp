@@ -12,7 +12,7 @@ namespace fs = std::filesystem;
 namespace {
 
 [[noreturn]] void refuse(std::string_view branch, std::string_view rule) {
-  throw ValueError("invalid branch name " + quote_input(branch) + ": " + std::string(rule));
+  throw ValueError("invalid branch name " + util::quote_input(branch) + ": " + std::string(rule));
 }
 
 bool starts_with(std::string_view text, std::string_view prefix) {

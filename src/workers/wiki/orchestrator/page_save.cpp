@@ -9,11 +9,11 @@
 #include <cctype>
 #include <cstdio>
 
+#include "workers/wiki/model/page_ids.hpp"
 #include "workers/wiki/orchestrator/citation_states.hpp"
 #include "workers/wiki/orchestrator/generator_internals.hpp"
 #include "workers/wiki/orchestrator/mirrored_store.hpp"
 #include "workers/wiki/util/fault_point.hpp"
-#include "workers/wiki/model/page_ids.hpp"
 #include "workers/wiki/util/quoting.hpp"
 #include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
@@ -28,9 +28,10 @@ namespace {
 // The body a save was writing when it stopped: "<file>.saving-XXXXXX" (or
 // "<file>.saving", as older versions named it), and the file it was for.
 std::optional<std::string> saving_target(const std::string& name) {
-  const auto infix = name.rfind(kSavingInfix);
+  const auto infix = name.rfind(orchestrator::kSavingInfix);
   if (infix == std::string::npos || infix == 0) return std::nullopt;
-  const std::string_view rest = std::string_view(name).substr(infix + kSavingInfix.size());
+  const std::string_view rest =
+      std::string_view(name).substr(infix + orchestrator::kSavingInfix.size());
   const bool random_suffix = rest.size() == 7 && rest.front() == '-' &&
                              std::all_of(rest.begin() + 1, rest.end(), [](char c) {
                                return std::isalnum(static_cast<unsigned char>(c)) != 0;
@@ -53,7 +54,7 @@ void check_utf8(std::string_view text, const std::string& what) {
 }  // namespace
 
 void WikiGenerator::finish_interrupted_saves() {
-  const fs::path pages_relative = wiki_relative(branch_) / "pages";
+  const fs::path pages_relative = orchestrator::wiki_relative(branch_) / "pages";
   const std::optional<SafeDir> pages = SafeDir::open_if_exists(checkout_root_, pages_relative);
   if (!pages) return;  // nothing saved yet
   bool changed = false;
@@ -69,7 +70,7 @@ void WikiGenerator::finish_interrupted_saves() {
     bool committed = false;
     if (!content_hash.empty()) {
       try {
-        committed = _text_hash(pages->open_file(name, O_RDONLY).read_all()) == content_hash;
+        committed = util::_text_hash(pages->open_file(name, O_RDONLY).read_all()) == content_hash;
       } catch (const OsError&) {
         // Not a file a save of ours wrote: removed below.
       }
@@ -91,12 +92,12 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
                                     const std::optional<Json>& citations,
                                     const std::optional<std::string>& title) {
   check_page_id_length(page_id);
-  check_utf8(body, "body of page " + quote_input(page_id));
+  check_utf8(body, "body of page " + util::quote_input(page_id));
   if (title) {
-    check_utf8(*title, "title of page " + quote_input(page_id));
+    check_utf8(*title, "title of page " + util::quote_input(page_id));
     // A title is shown on one line of every listing; a line feed in it
     // would split a page's line in two.
-    check_one_line(*title, "title of page " + quote_input(page_id));
+    util::check_one_line(*title, "title of page " + util::quote_input(page_id));
   }
   const BranchHold hold = hold_branch();
   SaveResult result;
@@ -116,9 +117,7 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
       // saved is not the only row the next build pins against.
       record_plan(derivation.pinned, false);
       if (!derivation.pinned.amendments.empty()) {
-        const std::string line = plan_log_line(derivation.pinned.amendments, false);
-        repository().add_pending_log_line(branch_, line);
-        repository().append_plan_log_line(branch_, line);
+        record_log_line(plan_log_line(derivation.pinned.amendments, false));
         logged = true;
       }
     }
@@ -127,18 +126,20 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
         std::find_if(last_plans_.begin(), last_plans_.end(),
                      [&](const PlanPtr& plan) { return plan->page_id == page_id; });
     if (plan_it == last_plans_.end()) {
-      throw KeyError("page id " + quote_input(page_id) + " is not in the current plan of branch " +
-                     branch_);
+      throw KeyError("page id " + util::quote_input(page_id) +
+                     " is not in the current plan of branch " + branch_);
     }
     const PagePlan& plan = **plan_it;
     const Existing& existing = _existing();
     const auto row = existing.find(page_id);
-    const std::string rel_path = row == existing.end()
-                                     ? page_rel_path(page_id)
-                                     : row_text(row->second, "rel_path", page_rel_path(page_id));
-    result.body_path = path_inside(wiki_dir_, rel_path, "rel_path of page " + quote_input(page_id));
+    const std::string rel_path =
+        row == existing.end() ? model::page_rel_path(page_id)
+                              : row_text(row->second, "rel_path", model::page_rel_path(page_id));
+    result.body_path =
+        path_inside(wiki_dir_, rel_path, "rel_path of page " + util::quote_input(page_id));
 
-    CheckedCitations checked = check_citations(citations, body, index_.files, checkout_root_);
+    orchestrator::CheckedCitations checked =
+        orchestrator::check_citations(citations, body, index_.files, checkout_root_);
     result.citations = std::move(checked.valid);
     result.invalid_citations = std::move(checked.invalid);
 
@@ -148,13 +149,15 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
                                                ? row_text_list(row->second, "source_files")
                                                : plan.source_files;
     columns.source_hashes = _hashes_with_steering(files);
-    columns.content_hash = _text_hash(body);
+    columns.content_hash = util::_text_hash(body);
     columns.build_cache = _section_cache(body, result.citations);
     columns.build_cache["citations"] = result.citations;
     // Beside the staleness part, never in it: the cited lines' hashes, which
     // tell later whether a section's cited code itself changed.
-    columns.build_cache[std::string(kFingerprintsKey)] = make_fingerprints(
-        body, result.citations, [this](const std::string& path) { return read_cited_file(path); });
+    columns.build_cache[std::string(orchestrator::kFingerprintsKey)] =
+        orchestrator::make_fingerprints(body, result.citations, [this](const std::string& path) {
+          return read_cited_file(path);
+        });
     columns.status = "fresh";
     const std::string page_title = title && !title->empty() ? *title : plan.title;
 
@@ -164,12 +167,13 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
     const fs::path relative = result.body_path.lexically_relative(checkout_root_);
     folder = open_below_root(relative.parent_path(), true);
     name = relative.filename().string();
-    FileDescriptor temporary = folder->create_unique(name + std::string(kSavingInfix) + "-");
+    FileDescriptor temporary =
+        folder->create_unique(name + std::string(orchestrator::kSavingInfix) + "-");
     temporary_name = temporary.path().filename().string();
     temporary.write_all(body);
     temporary.sync();
     temporary.close();
-    fault_point("save:body-written");
+    util::fault_point("save:body-written");
     repository().upsert_wiki_page(branch_, page_id, page_title, columns);
     repository().put_page_body(branch_, page_id, body);
   } catch (...) {
@@ -182,7 +186,7 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
     }
     throw;
   }
-  fault_point("save:committed");
+  util::fault_point("save:committed");
   folder->rename(temporary_name, name);
   folder->sync();
   if (logged) flush_pending_log(open_wiki_dir());
@@ -191,7 +195,7 @@ SaveResult WikiGenerator::save_page(const std::string& page_id, const std::strin
 }
 
 std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id) {
-  const Existing rows = repository_->load_pages(branch_);
+  const Existing rows = unmirrored_store_->load_pages(branch_);
   const auto row = rows.find(page_id);
   if (row == rows.end()) return std::nullopt;
   return saved_body(page_id, row->second);
@@ -199,12 +203,12 @@ std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id)
 
 std::optional<std::string> WikiGenerator::saved_body(const std::string& page_id, const Json& row) {
   if (row_text(row, "content_hash").empty()) return std::nullopt;
-  const std::string rel_path = row_text(row, "rel_path", page_rel_path(page_id));
+  const std::string rel_path = row_text(row, "rel_path", model::page_rel_path(page_id));
   const fs::path path =
-      path_inside(wiki_dir_, rel_path, "rel_path of page " + quote_input(page_id));
+      path_inside(wiki_dir_, rel_path, "rel_path of page " + util::quote_input(page_id));
   std::error_code ec;
   if (fs::is_regular_file(path, ec)) return read_whole_file(path);
-  return repository_->page_body(branch_, page_id);
+  return unmirrored_store_->page_body(branch_, page_id);
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

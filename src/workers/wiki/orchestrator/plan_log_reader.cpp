@@ -16,7 +16,7 @@ std::vector<Json> WikiGenerator::plan_log(std::size_t limit) {
 }
 
 PlanLogRead WikiGenerator::plan_log_read(std::size_t limit) {
-  if (auto shared = repository_->plan_log_lines(branch_)) {
+  if (auto shared = unmirrored_store_->plan_log_lines(branch_)) {
     std::string text;
     for (const auto& line : *shared) text.append(line).push_back('\n');
     return parse_plan_log(text, limit);

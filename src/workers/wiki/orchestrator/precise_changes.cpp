@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "workers/wiki/orchestrator/citation_states.hpp"
+#include "workers/wiki/orchestrator/file_hasher.hpp"
 #include "workers/wiki/orchestrator/line_fingerprints.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -49,40 +50,42 @@ std::optional<std::string> WikiGenerator::read_cited_file(const std::string& pat
 }
 
 PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const Json* row) {
-  CitationReport report;
+  orchestrator::CitationReport report;
   return precise_page_changes(plan, row, report, true);
 }
 
 PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const Json* row,
-                                                   CitationReport& report, bool describe_moved) {
+                                                   orchestrator::CitationReport& report,
+                                                   bool describe_moved) {
   PreciseChanges out;
   if (row == nullptr) return out;
   // The fingerprinted files that `_page_changes` reads for their content
   // hashes give their line hashes in the same read.
-  hasher_.keep_line_hashes(fingerprinted_paths(*row));
+  hasher_->keep_line_hashes(orchestrator::fingerprinted_paths(*row));
   Json changes;
   std::unordered_map<std::string, std::vector<std::uint64_t>> kept;
   try {
     changes = _page_changes(plan, row);
-    kept = hasher_.take_line_hashes();
+    kept = hasher_->take_line_hashes();
   } catch (...) {
-    hasher_.keep_line_hashes({});
+    hasher_->keep_line_hashes({});
     throw;
   }
-  hasher_.keep_line_hashes({});
+  hasher_->keep_line_hashes({});
   if (changes.empty()) return out;
   const std::string page_id = plan.page_id;
   // Called on several threads, each for paths of its own: the map itself is
   // never changed, only the lines a path owns are moved out.
-  const CitedLinesReader lines =
+  const orchestrator::CitedLinesReader lines =
       [this, &kept](const std::string& path) -> std::optional<std::vector<std::uint64_t>> {
     const auto found = kept.find(path);
     if (found != kept.end()) return std::move(found->second);
     std::optional<std::vector<std::uint64_t>> out;
-    if (auto text = read_cited_file(path)) out = line_hashes(*text);
+    if (auto text = read_cited_file(path)) out = orchestrator::line_hashes(*text);
     return out;
   };
-  report = judge_citations(*row, changes, lines, [&] { return saved_body(page_id, *row); });
+  report = orchestrator::judge_citations(*row, changes, lines,
+                                         [&] { return saved_body(page_id, *row); });
   out.fingerprinted = report.fingerprinted;
   out.changed = report.changed;
   out.gone = report.gone;
@@ -91,12 +94,12 @@ PreciseChanges WikiGenerator::precise_page_changes(const PagePlan& plan, const J
     if (!describe_moved) break;
     if (citation.at("state") != "moved") continue;
     const std::string named =
-        describe_range(citation.at("path").get<std::string>(),
-                       citation.at("line_start").get<std::int64_t>(),
-                       citation.at("line_end").get<std::int64_t>()) +
+        orchestrator::describe_range(citation.at("path").get<std::string>(),
+                                     citation.at("line_start").get<std::int64_t>(),
+                                     citation.at("line_end").get<std::int64_t>()) +
         " to " +
-        describe_lines(citation.at("now").at("line_start").get<std::int64_t>(),
-                       citation.at("now").at("line_end").get<std::int64_t>());
+        orchestrator::describe_lines(citation.at("now").at("line_start").get<std::int64_t>(),
+                                     citation.at("now").at("line_end").get<std::int64_t>());
     if (seen.insert(named).second) out.moved.push_back(named);
   }
   // Handed over, not copied: a page may cite ten thousand ranges.
@@ -133,7 +136,7 @@ Json WikiGenerator::precise_changes(const std::vector<std::string>& page_ids) {
       const Json* row = row_of(plan->page_id);
       if (row == nullptr || row_text(*row, "content_hash").empty()) continue;
       if (out.contains(plan->page_id)) continue;
-      CitationReport report;
+      orchestrator::CitationReport report;
       out[plan->page_id] = precise_page_changes(*plan, row, report, false).changes;
     }
     return out;
@@ -145,7 +148,7 @@ Json WikiGenerator::precise_changes(const std::vector<std::string>& page_ids) {
     if (plan == by_id.end()) {
       throw KeyError("page id \"" + id + "\" is not in the current plan of branch " + branch_);
     }
-    CitationReport report;
+    orchestrator::CitationReport report;
     out[id] = precise_page_changes(*plan->second, row_of(id), report, false).changes;
   }
   return out;
@@ -174,7 +177,7 @@ std::vector<ReanchorResult> WikiGenerator::reanchor(const std::vector<std::strin
       if (named) refused.push_back(plan.page_id + ": never written");
       return;
     }
-    CitationReport report;
+    orchestrator::CitationReport report;
     const PreciseChanges precise = precise_page_changes(plan, &row->second, report, true);
     std::vector<std::string> why;
     if (!precise.fingerprinted) why.push_back("saved before its cited lines were fingerprinted");
@@ -202,7 +205,7 @@ std::vector<ReanchorResult> WikiGenerator::reanchor(const std::vector<std::strin
     const Json* cache = row_mapping(row->second, "build_cache");
     const Json* stored = cache == nullptr ? nullptr : find_value(*cache, "citations");
     auto [new_body, citations] =
-        reanchored(*body, stored != nullptr ? *stored : Json::array(), report);
+        orchestrator::reanchored(*body, stored != nullptr ? *stored : Json::array(), report);
     targets.push_back({plan.page_id, std::move(new_body), std::move(citations),
                        row_text(row->second, "title"), precise.moved});
   };

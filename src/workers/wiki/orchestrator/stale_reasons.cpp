@@ -118,7 +118,7 @@ std::optional<std::string> WikiGenerator::body_mismatch(const Json& row) {
     folder = SafeDir::open_if_exists(checkout_root_, path.parent_path());
     if (!folder || !folder->entry_status(name)) {
       why = "its body " + rel_path + " is missing";
-    } else if (_text_hash(folder->open_file(name, O_RDONLY).read_all()) != content_hash) {
+    } else if (util::_text_hash(folder->open_file(name, O_RDONLY).read_all()) != content_hash) {
       why = "its body " + rel_path + " does not match the saved content hash";
     }
   } catch (const Error& e) {
@@ -128,15 +128,15 @@ std::optional<std::string> WikiGenerator::body_mismatch(const Json& row) {
   // A page another worker saved into a shared store: the store's body is
   // the page, and this worker's wiki folder gets its copy.
   const std::string page_id = row_text(row, "page_id");
-  const std::optional<std::string> shared = repository_->page_body(branch_, page_id);
-  if (!shared || _text_hash(*shared) != content_hash) return why;
+  const std::optional<std::string> shared = unmirrored_store_->page_body(branch_, page_id);
+  if (!shared || util::_text_hash(*shared) != content_hash) return why;
   if (!folder) {
     folder = open_below_root(path_inside(wiki_dir_, rel_path, "rel_path")
                                  .lexically_relative(checkout_root_)
                                  .parent_path(),
                              true);
   }
-  FileDescriptor copy = folder->create_unique(name + std::string(kSavingInfix) + "-");
+  FileDescriptor copy = folder->create_unique(name + std::string(orchestrator::kSavingInfix) + "-");
   const std::string copy_name = copy.path().filename().string();
   copy.write_all(*shared);
   copy.close();
@@ -163,7 +163,7 @@ Json WikiGenerator::page_changes(const std::vector<std::string>& page_ids) {
   for (const auto& id : page_ids) {
     const auto plan = by_id.find(id);
     if (plan == by_id.end()) {
-      throw KeyError("page id " + quote_input(id) + " is not in the current plan of branch " +
+      throw KeyError("page id " + util::quote_input(id) + " is not in the current plan of branch " +
                      branch_);
     }
     const auto row = existing.find(id);

@@ -6,7 +6,7 @@
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 StoreUrl parse_store_url(std::string_view url) {
   constexpr std::string_view kSqlite = "sqlite:";
@@ -17,7 +17,7 @@ StoreUrl parse_store_url(std::string_view url) {
   if (url.starts_with("postgresql://") || url.starts_with("postgres://")) {
     StoreUrl parsed{StoreKind::Postgres, std::string(url)};
     try {
-      postgres_location(parsed.target);
+      store::postgres::postgres_location(parsed.target);
     } catch (const StoreError& e) {
       throw ValueError(std::string("store URL: ") + e.what());
     }
@@ -30,7 +30,8 @@ StoreUrl parse_store_url(std::string_view url) {
 }
 
 std::string describe_store(const StoreUrl& url) {
-  if (url.kind == StoreKind::Postgres) return "PostgreSQL, " + postgres_location(url.target);
+  if (url.kind == StoreKind::Postgres)
+    return "PostgreSQL, " + store::postgres::postgres_location(url.target);
   return url.target.empty() ? "the default SQLite store" : "sqlite:" + url.target;
 }
 
@@ -44,7 +45,8 @@ std::unique_ptr<WikiStore> open_store(const StoreUrl& url,
   // store's own is.
   const std::filesystem::path folder = SqliteWikiStore::default_path({}).parent_path();
   const SafeDir local = SafeDir::open(checkout_root, folder, true);
-  return std::make_unique<PostgresWikiStore>(url.target, local.path() / "file-hashes.db");
+  return std::make_unique<store::postgres::PostgresWikiStore>(url.target,
+                                                              local.path() / "file-hashes.db");
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

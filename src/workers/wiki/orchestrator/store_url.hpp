@@ -17,7 +17,7 @@
 
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::orchestrator {
 
 inline constexpr std::string_view STORE_ENV = "KODRUNE_WIKI_STORE";
 
@@ -40,4 +40,4 @@ std::string describe_store(const StoreUrl& url);
 std::unique_ptr<WikiStore> open_store(const StoreUrl& url,
                                       const std::filesystem::path& checkout_root);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::orchestrator

@@ -34,8 +34,8 @@
 #include <system_error>
 #include <vector>
 
-#include "workers/wiki/util/json_text.hpp"
 #include "workers/wiki/util/fault_point.hpp"
+#include "workers/wiki/util/json_text.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
@@ -153,7 +153,7 @@ void rotate(const SafeDir& dir, FileDescriptor& log, std::uint64_t keep_from, st
     temp.write_all(out);
     temp.sync();
     temp.close();
-    fault_point("log:rotation-written");
+    util::fault_point("log:rotation-written");
     dir.rename(temp_name, _PLAN_LOG_NAME);
   } catch (...) {
     try {
@@ -205,7 +205,7 @@ void append_lines(const SafeDir& dir, const std::vector<std::string>& lines, boo
   for (std::size_t i = first; i < lines.size(); ++i) text += lines[i];
   if (text.empty()) return;
   log.write_all(text);
-  fault_point("log:appended");
+  util::fault_point("log:appended");
   size += text.size();
 
   const TailScan scan = scan_tail(log, size, _PLAN_LOG_MAX_LINES, _PLAN_LOG_KEEP_LINES);
@@ -221,7 +221,7 @@ std::string plan_log_line(const Amendments& amendments, bool replan) {
   entry["amendments"] = Json::array();
   for (const auto& record : amendments) entry["amendments"].push_back(record);
   try {
-    std::string line = json_text(entry);
+    std::string line = util::json_text(entry);
     line += '\n';
     return line;
   } catch (const Json::type_error& e) {

@@ -13,8 +13,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "workers/wiki/plan_record/row_facts.hpp"
 #include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/plan_record/row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -25,15 +25,16 @@ namespace {
 // Stored paths count as they stand, live or not: the page still claims them.
 // Every row is read, so a bad row fails here whether or not a family needs it.
 std::vector<const Json*> pinned_file_lists(const Existing& existing,
-                                           const std::vector<RowFacts>& facts) {
+                                           const std::vector<plan_record::RowFacts>& facts) {
   std::vector<const Json*> lists;
   std::size_t i = 0;
   for (const auto& [page_id, row] : existing) {
-    const RowFacts& row_facts = facts[i++];
-    row_level(row, row_facts);
+    const plan_record::RowFacts& row_facts = facts[i++];
+    plan_record::row_level(row, row_facts);
     if (!row_facts.pinned_level) continue;
-    if (is_custom_id(page_id) || is_catch_all_id(page_id)) continue;
-    if (const Json* files = row_text_list_in_place(row, row_facts.source_files, "source_files")) {
+    if (model::is_custom_id(page_id) || is_catch_all_id(page_id)) continue;
+    if (const Json* files =
+            plan_record::row_text_list_in_place(row, row_facts.source_files, "source_files")) {
       lists.push_back(files);
     }
   }
@@ -43,11 +44,13 @@ std::vector<const Json*> pinned_file_lists(const Existing& existing,
 }  // namespace
 
 PlanList _demote_unrecorded_families(const PlanList& fresh_plans, const Existing& existing) {
-  return demote_unrecorded_families(fresh_plans, existing, row_facts(existing));
+  return plan_record::demote_unrecorded_families(fresh_plans, existing,
+                                                 plan_record::row_facts(existing));
 }
 
-PlanList demote_unrecorded_families(const PlanList& fresh_plans, const Existing& existing,
-                                    const std::vector<RowFacts>& facts) {
+PlanList plan_record::demote_unrecorded_families(const PlanList& fresh_plans,
+                                                 const Existing& existing,
+                                                 const std::vector<plan_record::RowFacts>& facts) {
   const std::vector<const Json*> pinned_lists = pinned_file_lists(existing, facts);
   if (pinned_lists.empty()) return fresh_plans;
 

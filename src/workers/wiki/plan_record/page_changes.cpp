@@ -11,8 +11,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "workers/wiki/util/repo_facts.hpp"
 #include "workers/wiki/plan_record/stale_sections.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
@@ -117,18 +117,19 @@ Json PlanRecordMixin::_page_changes(const PagePlan& plan, const Json* row) {
   // A file the page owned or cited when saved is compared even when the page
   // no longer holds it: its removal is a change too.
   std::unordered_set<std::string> compared;
-  for (const auto& path : plan.source_files) compared.insert(_norm(path));
+  for (const auto& path : plan.source_files) compared.insert(util::_norm(path));
   for (auto it = stored.begin(); it != stored.end(); ++it) compared.insert(it.key());
 
   const Json current = _source_hashes(sorted_paths(compared));
-  Json changes = changed_files(stored, current, compared);
+  Json changes = plan_record::changed_files(stored, current, compared);
 
   std::unordered_set<std::string> touched;
   collect_paths(changes, "removed", touched);
   collect_paths(changes, "modified", touched);
 
   const Json no_sections = Json::array();
-  const auto stale = stale_sections(sections != nullptr ? *sections : no_sections, touched);
+  const auto stale =
+      plan_record::stale_sections(sections != nullptr ? *sections : no_sections, touched);
 
   Json out = Json::object();
   out["changed_files"] = std::move(changes);

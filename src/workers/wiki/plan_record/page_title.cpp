@@ -9,7 +9,7 @@
 
 #include "workers/wiki/plan_record/row_facts.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::plan_record {
 
 namespace {
 
@@ -50,4 +50,4 @@ void keep_agent_title(PagePlan& plan, const Json& row, const RowFacts& facts) {
   keep_title(plan, row, facts.content_hash, facts.title);
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::plan_record

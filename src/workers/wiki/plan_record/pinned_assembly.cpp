@@ -17,17 +17,17 @@
 #include <utility>
 #include <vector>
 
-#include "workers/wiki/plan_record/pinning.hpp"
 #include "workers/wiki/model/page_ids.hpp"
 #include "workers/wiki/model/page_sources.hpp"
 #include "workers/wiki/plan_record/page_title.hpp"
+#include "workers/wiki/plan_record/pinning.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
 namespace {
 
-std::string row_level(const Json& row) { return row_text(row, "level", "module"); }
+std::string stored_level(const Json& row) { return row_text(row, "level", "module"); }
 
 // The sorted, distinct union of two path lists.
 std::vector<std::string> sorted_union(const std::vector<std::string>& a,
@@ -48,7 +48,7 @@ PlanPtr rebuilt_family_parent(const std::string& parent_id, const Json& row,
   PagePlan plan;
   plan.page_id = parent_id;
   plan.title = row_text(row, "title", parent_id);
-  plan.level = row_level(row);
+  plan.level = stored_level(row);
   plan.importance = row_text(row, "importance", "medium");
   plan.description = row_text(row, "description");
   if (plan.description.empty()) plan.description = "The " + plan.title + " page.";
@@ -60,7 +60,7 @@ PlanPtr rebuilt_family_parent(const std::string& parent_id, const Json& row,
       kid_files.push_back(std::move(path));
     }
   }
-  plan.topic = unit_topic(plan.title, kid_files);
+  plan.topic = model::unit_topic(plan.title, kid_files);
   plan.children = surviving;
   plan.related_pages = surviving;
   plan.type = row_text(row, "page_type");
@@ -82,14 +82,14 @@ constexpr std::size_t kNotLive = static_cast<std::size_t>(-1);
 // what _plan_from_row raises, in the order it reads the keys. A pinned row
 // whose id the planner still plans is not rebuilt, but a bad row must fail
 // the same way either way.
-const std::string& checked_row_page_id(const Json& row, const RowFacts& facts) {
-  row_text_list_in_place(row, facts.source_files, "source_files");
-  check_text(row, facts.title, "title");
-  const std::string& id = row_page_id_ref(row, facts.page_id);
-  row_level(row, facts);
-  check_text(row, facts.importance, "importance");
-  check_text(row, facts.description, "description");
-  check_text(row, facts.page_type, "page_type");
+const std::string& checked_row_page_id(const Json& row, const plan_record::RowFacts& facts) {
+  plan_record::row_text_list_in_place(row, facts.source_files, "source_files");
+  plan_record::check_text(row, facts.title, "title");
+  const std::string& id = plan_record::row_page_id_ref(row, facts.page_id);
+  plan_record::row_level(row, facts);
+  plan_record::check_text(row, facts.importance, "importance");
+  plan_record::check_text(row, facts.description, "description");
+  plan_record::check_text(row, facts.page_type, "page_type");
   return id;
 }
 
@@ -112,8 +112,9 @@ constexpr std::size_t kNoRow = static_cast<std::size_t>(-1);
 
 class PinnedAssembly {
  public:
-  PinnedAssembly(const Classified& c, const Existing& existing, const std::vector<RowFacts>& facts,
-                 const PathSet& live_paths, Amendments& amendments)
+  PinnedAssembly(const plan_record::Classified& c, const Existing& existing,
+                 const std::vector<plan_record::RowFacts>& facts, const PathSet& live_paths,
+                 Amendments& amendments)
       : c_(c),
         existing_(existing),
         facts_(facts),
@@ -194,7 +195,7 @@ class PinnedAssembly {
         // one is only checked and tested for the catch-all id, not rebuilt.
         catch_all = is_catch_all_id(checked_row_page_id(*row, *row_facts));
       } else {
-        plan = plan_from_row(*row, *row_facts, live_paths_);
+        plan = plan_record::plan_from_row(*row, *row_facts, live_paths_);
         catch_all = plan->catch_all;
       }
       if (catch_all) {
@@ -312,10 +313,11 @@ class PinnedAssembly {
         catch_all_files.push_back(live[at]);
     }
     if (!catch_all_files.empty()) {
-      add_plan(catch_all_row_ == nullptr
-                   ? catch_all_page(std::move(catch_all_files))
-                   : catch_all_page(std::move(catch_all_files), row_page_id(*catch_all_row_),
-                                    row_text(*catch_all_row_, "title", CATCH_ALL_TITLE)));
+      add_plan(
+          catch_all_row_ == nullptr
+              ? model::catch_all_page(std::move(catch_all_files))
+              : model::catch_all_page(std::move(catch_all_files), row_page_id(*catch_all_row_),
+                                      row_text(*catch_all_row_, "title", model::CATCH_ALL_TITLE)));
     } else if (catch_all_row_ != nullptr) {
       amendments_.push_back(
           amend("retire", row_page_id(*catch_all_row_), "catch-all has no remaining files"));
@@ -327,7 +329,7 @@ class PinnedAssembly {
   PlanList ordered_with_titles() {
     PlanList ordered;
     ordered.reserve(plans_.size());
-    for (std::size_t i : importance_order(plans_)) {
+    for (std::size_t i : plan_record::importance_order(plans_)) {
       PagePlan& plan = *plans_[i];
       ordered.push_back(plans_[i]);
       std::size_t row = plan_rows_[i];
@@ -336,14 +338,14 @@ class PinnedAssembly {
         if (found == existing_.end()) continue;
         row = static_cast<std::size_t>(found - existing_.begin());
       }
-      keep_agent_title(plan, existing_.values_container()[row].second, facts_[row]);
+      plan_record::keep_agent_title(plan, existing_.values_container()[row].second, facts_[row]);
     }
     return link_families(std::move(ordered));
   }
 
-  const Classified& c_;
+  const plan_record::Classified& c_;
   const Existing& existing_;
-  const std::vector<RowFacts>& facts_;
+  const std::vector<plan_record::RowFacts>& facts_;
   const PathSet& live_paths_;
   Amendments& amendments_;
 
@@ -361,9 +363,10 @@ class PinnedAssembly {
 
 }  // namespace
 
-PlanList assemble_pinned(const Classified& classified, const Existing& existing,
-                         const std::vector<RowFacts>& facts, const PathSet& live_paths,
-                         Amendments& amendments) {
+PlanList plan_record::assemble_pinned(const plan_record::Classified& classified,
+                                      const Existing& existing,
+                                      const std::vector<plan_record::RowFacts>& facts,
+                                      const PathSet& live_paths, Amendments& amendments) {
   return PinnedAssembly(classified, existing, facts, live_paths, amendments).run();
 }
 

@@ -22,8 +22,8 @@
 #include <utility>
 #include <vector>
 
-#include "workers/wiki/plan_record/row_facts.hpp"
 #include "workers/wiki/model/page_ids.hpp"
+#include "workers/wiki/plan_record/row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
 
@@ -42,16 +42,18 @@ struct Superseded {
 // row whose "related_pages" name stored pages is a family parent, whatever
 // its own files. Each row's level is kept in `levels`, in stored order, for
 // the later passes: read once here, so a bad level fails before any pinning.
-StoredFamilies stored_families_of(const Existing& existing, const std::vector<RowFacts>& facts,
-                                  std::vector<std::string_view>& levels) {
-  StoredFamilies families;
+plan_record::StoredFamilies stored_families_of(const Existing& existing,
+                                               const std::vector<plan_record::RowFacts>& facts,
+                                               std::vector<std::string_view>& levels) {
+  plan_record::StoredFamilies families;
   levels.reserve(existing.size());
   std::size_t i = 0;
   for (const auto& [page_id, row] : existing) {
-    const RowFacts& row_facts = facts[i++];
-    levels.push_back(row_level(row, row_facts));
-    if (!row_facts.pinned_level || is_custom_id(page_id)) continue;
-    const Json* related = row_text_list_in_place(row, row_facts.related_pages, "related_pages");
+    const plan_record::RowFacts& row_facts = facts[i++];
+    levels.push_back(plan_record::row_level(row, row_facts));
+    if (!row_facts.pinned_level || model::is_custom_id(page_id)) continue;
+    const Json* related =
+        plan_record::row_text_list_in_place(row, row_facts.related_pages, "related_pages");
     if (related == nullptr) continue;
     std::vector<std::string> kids;
     for (const auto& item : *related) {
@@ -67,7 +69,7 @@ StoredFamilies stored_families_of(const Existing& existing, const std::vector<Ro
 // children the fresh split dropped, and every child of a family the planner
 // now plans undivided. Fills the family ids and the collapsed parents too.
 tsl::ordered_map<std::string_view, Superseded> superseded_children(const PlanList& fresh_plans,
-                                                                   Classified& c) {
+                                                                   plan_record::Classified& c) {
   tsl::ordered_map<std::string_view, Superseded> superseded_kids;
   // The last fresh plan of each id, as a position in `fresh_plans`; only a
   // re-chunked stored family needs it, so it is built on first use.
@@ -119,8 +121,9 @@ tsl::ordered_map<std::string_view, Superseded> superseded_children(const PlanLis
 // (which pinning may replace or admit, and which pass through), and makes
 // the amendments common to both modes, in their order.
 void classify(const PlanList& fresh_plans, const Existing& existing,
-              const std::vector<RowFacts>& facts, const PathSet& live_paths, Classified& c,
-              const IdViews& fresh_ids, Amendments& amendments, ReplanRemap& remap) {
+              const std::vector<plan_record::RowFacts>& facts, const PathSet& live_paths,
+              plan_record::Classified& c, const IdViews& fresh_ids, Amendments& amendments,
+              ReplanRemap& remap) {
   std::vector<std::string_view> levels;
   c.stored_families = stored_families_of(existing, facts, levels);
   const auto superseded_kids = superseded_children(fresh_plans, c);
@@ -128,7 +131,8 @@ void classify(const PlanList& fresh_plans, const Existing& existing,
   // Whether a stored row keeps its identity as a pinned page; the first rule
   // that applies decides. Evaluated once per row, in stored order, so its
   // amendments come in that order. The id is hashed once for all its tests.
-  auto _pinnable = [&](const std::string& pid, const Json& row, const RowFacts& row_facts) {
+  auto _pinnable = [&](const std::string& pid, const Json& row,
+                       const plan_record::RowFacts& row_facts) {
     if (!row_facts.pinned_level) return false;
     const std::size_t hash = std::hash<std::string_view>{}(pid);
     if (auto found = superseded_kids.find(pid, hash); found != superseded_kids.end()) {
@@ -137,7 +141,7 @@ void classify(const PlanList& fresh_plans, const Existing& existing,
       return false;
     }
     if (c.family_ids.count(pid, hash) != 0) return false;
-    if (is_custom_id(pid)) return false;
+    if (model::is_custom_id(pid)) return false;
     // A collapsed family parent stays as an undivided page though its row,
     // a synthesis page's, has no files.
     if (c.collapsed.count(pid, hash) != 0) return true;
@@ -159,7 +163,7 @@ void classify(const PlanList& fresh_plans, const Existing& existing,
     const std::size_t i = row_index++;
     const std::string_view level = levels[i];
     if (_pinnable(pid, row, facts[i])) c.pinned_existing.push_back({&pid, &row, &facts[i], i});
-    if (is_custom_id(pid) && fresh_ids.count(pid) == 0) {
+    if (model::is_custom_id(pid) && fresh_ids.count(pid) == 0) {
       unsteered.push_back(amend("retire", pid, "removed from steering"));
     }
     if (!facts[i].pinned_level && level != NOTE_LEVEL && fresh_ids.count(pid) == 0) {
@@ -170,7 +174,7 @@ void classify(const PlanList& fresh_plans, const Existing& existing,
 
   for (const auto& plan : fresh_plans) {
     if (is_pinned_level(plan->level) && c.family_ids.count(plan->page_id) == 0 &&
-        !is_custom_id(plan->page_id)) {
+        !model::is_custom_id(plan->page_id)) {
       c.fresh_modules.push_back(plan);
     } else {
       c.passthrough.push_back(plan);
@@ -192,22 +196,22 @@ void classify(const PlanList& fresh_plans, const Existing& existing,
 PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
                    const PathSet& live_paths, bool replan) {
   PinResult result;
-  const std::vector<RowFacts> facts = row_facts(existing);
+  const std::vector<plan_record::RowFacts> facts = plan_record::row_facts(existing);
 
   // A replan adopts fresh families, so only pinning demotes them.
   PlanList demoted;
-  if (!replan) demoted = demote_unrecorded_families(fresh_plans_in, existing, facts);
+  if (!replan) demoted = plan_record::demote_unrecorded_families(fresh_plans_in, existing, facts);
   const PlanList& fresh_plans = replan ? fresh_plans_in : demoted;
 
   IdViews fresh_ids;
   fresh_ids.reserve(fresh_plans.size());
   for (const auto& plan : fresh_plans) fresh_ids.insert(plan->page_id);
 
-  Classified c;
+  plan_record::Classified c;
   classify(fresh_plans, existing, facts, live_paths, c, fresh_ids, result.amendments, result.remap);
 
   if (!replan && !c.pinned_existing.empty()) {
-    result.plans = assemble_pinned(c, existing, facts, live_paths, result.amendments);
+    result.plans = plan_record::assemble_pinned(c, existing, facts, live_paths, result.amendments);
     return result;
   }
 
@@ -215,7 +219,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
     PlanList fresh_code_plans;
     for (const auto& plan : fresh_plans) {
       if (is_pinned_level(plan->level) && !plan->source_files.empty() &&
-          !is_custom_id(plan->page_id)) {
+          !model::is_custom_id(plan->page_id)) {
         fresh_code_plans.push_back(plan);
       }
     }
@@ -227,7 +231,7 @@ PinResult pin_plan(const PlanList& fresh_plans_in, const Existing& existing,
                   result.amendments);
   }
   // No importance order here: a first plan or a replan keeps the planner's.
-  result.plans = link_families(keep_agent_titles(fresh_plans, existing, facts));
+  result.plans = link_families(plan_record::keep_agent_titles(fresh_plans, existing, facts));
   return result;
 }
 

@@ -14,7 +14,7 @@
 #include "zenthar_kodrune/workers/wiki/replan_carry.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::plan_record {
 
 using StoredFamilies = tsl::ordered_map<std::string, std::vector<std::string>>;
 
@@ -44,4 +44,4 @@ PlanList assemble_pinned(const Classified& classified, const Existing& existing,
                          const std::vector<RowFacts>& facts, const PathSet& live_paths,
                          Amendments& amendments);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::plan_record

@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-#include "workers/wiki/plan_record/row_facts.hpp"
 #include "workers/wiki/model/page_ids.hpp"
 #include "workers/wiki/model/page_sources.hpp"
+#include "workers/wiki/plan_record/row_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
@@ -26,25 +26,25 @@ const Regex _CATCH_ALL_RE("^module-additional(-\\d+)?$", PCRE2_DOLLAR_ENDONLY);
 
 bool is_catch_all_id(std::string_view page_id) {
   // The prefix test spares a regex match for nearly every id.
-  return page_id.starts_with(CATCH_ALL_ID) && _CATCH_ALL_RE.full_match(page_id);
+  return page_id.starts_with(model::CATCH_ALL_ID) && _CATCH_ALL_RE.full_match(page_id);
 }
 
 namespace {
 
 // Where a column's value goes in a row's facts.
-using Fact = const Json* RowFacts::*;
+using Fact = const Json* plan_record::RowFacts::*;
 
 // The columns reconciliation reads.
 constexpr std::pair<std::string_view, Fact> kFactColumns[] = {
-    {"page_id", &RowFacts::page_id},
-    {"title", &RowFacts::title},
-    {"level", &RowFacts::level},
-    {"importance", &RowFacts::importance},
-    {"description", &RowFacts::description},
-    {"source_files", &RowFacts::source_files},
-    {"related_pages", &RowFacts::related_pages},
-    {"page_type", &RowFacts::page_type},
-    {"content_hash", &RowFacts::content_hash},
+    {"page_id", &plan_record::RowFacts::page_id},
+    {"title", &plan_record::RowFacts::title},
+    {"level", &plan_record::RowFacts::level},
+    {"importance", &plan_record::RowFacts::importance},
+    {"description", &plan_record::RowFacts::description},
+    {"source_files", &plan_record::RowFacts::source_files},
+    {"related_pages", &plan_record::RowFacts::related_pages},
+    {"page_type", &plan_record::RowFacts::page_type},
+    {"content_hash", &plan_record::RowFacts::content_hash},
 };
 
 Fact fact_of(std::string_view column) {
@@ -56,10 +56,12 @@ Fact fact_of(std::string_view column) {
 
 }  // namespace
 
-bool is_reconciled_column(std::string_view column) { return fact_of(column) != nullptr; }
+bool plan_record::is_reconciled_column(std::string_view column) {
+  return fact_of(column) != nullptr;
+}
 
-RowFacts row_facts_of(const Json& row) {
-  RowFacts facts;
+plan_record::RowFacts plan_record::row_facts_of(const Json& row) {
+  plan_record::RowFacts facts;
   if (!row.is_object()) return facts;
   for (const auto& [name, value] : row.get_ref<const Json::object_t&>()) {
     if (const auto fact = fact_of(name)) facts.*fact = &value;
@@ -72,30 +74,30 @@ RowFacts row_facts_of(const Json& row) {
   return facts;
 }
 
-std::string_view row_level(const Json& row, const RowFacts& facts) {
+std::string_view plan_record::row_level(const Json& row, const plan_record::RowFacts& facts) {
   if (!facts.level_ok) row_text(row, "level");  // raises row_text's own error
   return facts.level_text;
 }
 
-void check_text(const Json& row, const Json* value, std::string_view key) {
+void plan_record::check_text(const Json& row, const Json* value, std::string_view key) {
   if (value != nullptr && !value->is_string() && !is_empty(*value)) row_text(row, key);
 }
 
-std::vector<RowFacts> row_facts(const Existing& existing) {
-  std::vector<RowFacts> all;
+std::vector<plan_record::RowFacts> plan_record::row_facts(const Existing& existing) {
+  std::vector<plan_record::RowFacts> all;
   all.reserve(existing.size());
-  for (const auto& entry : existing) all.push_back(row_facts_of(entry.second));
+  for (const auto& entry : existing) all.push_back(plan_record::row_facts_of(entry.second));
   return all;
 }
 
-std::string_view row_text_view(const Json& row, const Json* value, std::string_view key,
-                               std::string_view fallback) {
+std::string_view plan_record::row_text_view(const Json& row, const Json* value,
+                                            std::string_view key, std::string_view fallback) {
   if (value == nullptr || is_empty(*value)) return fallback;
   if (!value->is_string()) row_text(row, key);  // raises row_text's own error
   return value->get_ref<const std::string&>();
 }
 
-const std::string& row_page_id_ref(const Json& row, const Json* value) {
+const std::string& plan_record::row_page_id_ref(const Json& row, const Json* value) {
   if (value == nullptr || !value->is_string()) {
     row_page_id(row);  // raises for a missing or non-text id, with its own message
     // `value` is the row's own "page_id", so the call above has raised; this
@@ -105,7 +107,8 @@ const std::string& row_page_id_ref(const Json& row, const Json* value) {
   return value->get_ref<const std::string&>();
 }
 
-const Json* row_text_list_in_place(const Json& row, const Json* value, std::string_view key) {
+const Json* plan_record::row_text_list_in_place(const Json& row, const Json* value,
+                                                std::string_view key) {
   if (value == nullptr || is_empty(*value)) return nullptr;
   const bool all_text =
       value->is_array() &&
@@ -114,11 +117,13 @@ const Json* row_text_list_in_place(const Json& row, const Json* value, std::stri
   return value;
 }
 
-PlanPtr plan_from_row(const Json& row, const RowFacts& facts, const PathSet& live_paths) {
+PlanPtr plan_record::plan_from_row(const Json& row, const plan_record::RowFacts& facts,
+                                   const PathSet& live_paths) {
   // Live files only, in plain string order; repeats are kept as stored. Only
   // the live ones are copied out of the row.
   std::vector<std::string> kept;
-  if (const Json* files = row_text_list_in_place(row, facts.source_files, "source_files")) {
+  if (const Json* files =
+          plan_record::row_text_list_in_place(row, facts.source_files, "source_files")) {
     kept.reserve(files->size());
     for (const auto& item : *files) {
       const auto& path = item.get_ref<const std::string&>();
@@ -128,34 +133,34 @@ PlanPtr plan_from_row(const Json& row, const RowFacts& facts, const PathSet& liv
   // A stored list is kept sorted; only a row written some other way needs the sort.
   if (!std::is_sorted(kept.begin(), kept.end())) std::sort(kept.begin(), kept.end());
 
-  std::string title(row_text_view(row, facts.title, "title"));
-  const std::string& page_id = row_page_id_ref(row, facts.page_id);
+  std::string title(plan_record::row_text_view(row, facts.title, "title"));
+  const std::string& page_id = plan_record::row_page_id_ref(row, facts.page_id);
   if (title.empty()) title = page_id;
 
   PagePlan plan;
   plan.page_id = page_id;
-  plan.level = row_level(row, facts);
-  plan.importance = row_text_view(row, facts.importance, "importance", "medium");
-  plan.description = row_text_view(row, facts.description, "description");
+  plan.level = plan_record::row_level(row, facts);
+  plan.importance = plan_record::row_text_view(row, facts.importance, "importance", "medium");
+  plan.description = plan_record::row_text_view(row, facts.description, "description");
   // A stored description is kept as written even when the count it mentions
   // is out of date; only a missing one is generated from the live files.
   if (plan.description.empty()) {
     plan.description = "The " + title + " page (" + std::to_string(kept.size()) + " files).";
   }
-  plan.topic = unit_topic(title, kept);
+  plan.topic = model::unit_topic(title, kept);
   plan.title = std::move(title);
   plan.source_files = std::move(kept);
   // The prefix test spares a regex match for nearly every id.
   plan.catch_all = is_catch_all_id(page_id);
-  plan.type = row_text_view(row, facts.page_type, "page_type");
+  plan.type = plan_record::row_text_view(row, facts.page_type, "page_type");
   return make_plan(std::move(plan));
 }
 
 PlanPtr _plan_from_row(const Json& row, const PathSet& live_paths) {
-  return plan_from_row(row, row_facts_of(row), live_paths);
+  return plan_record::plan_from_row(row, plan_record::row_facts_of(row), live_paths);
 }
 
-std::vector<std::size_t> importance_order(const PlanList& plans) {
+std::vector<std::size_t> plan_record::importance_order(const PlanList& plans) {
   // Each plan's key once, (is a code unit, negated score), rather than a
   // level lookup and a score per comparison.
   struct Keyed {
@@ -183,7 +188,7 @@ std::vector<std::size_t> importance_order(const PlanList& plans) {
 PlanList _by_importance(const PlanList& plans) {
   PlanList ordered;
   ordered.reserve(plans.size());
-  for (std::size_t i : importance_order(plans)) ordered.push_back(plans[i]);
+  for (std::size_t i : plan_record::importance_order(plans)) ordered.push_back(plans[i]);
   return ordered;
 }
 

@@ -20,7 +20,7 @@
 
 #include "zenthar_kodrune/workers/wiki/regex.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::plan_record {
 
 namespace {
 
@@ -71,4 +71,4 @@ Json prose_citations(std::string_view text) {
   return out;
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::plan_record

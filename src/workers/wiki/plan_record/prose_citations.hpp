@@ -8,7 +8,7 @@
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::plan_record {
 
 // Markdown links whose target is a repository path with a line anchor:
 // [text](src/a.cpp#L10-L20) or [text](src/a.cpp#L7). Each gives
@@ -27,4 +27,4 @@ struct ProseCitation {
 // callers that only look citations up and need no records.
 std::optional<ProseCitation> next_prose_citation(std::string_view text, std::size_t& pos);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::plan_record

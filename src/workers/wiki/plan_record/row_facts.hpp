@@ -15,7 +15,7 @@
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::plan_record {
 
 // Pointers into a stored row; nullptr where the row has no such key.
 struct RowFacts {
@@ -83,4 +83,4 @@ void keep_agent_title(PagePlan& plan, const Json& row, const RowFacts& facts);
 PlanList keep_agent_titles(PlanList plans, const Existing& existing,
                            const std::vector<RowFacts>& facts);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::plan_record

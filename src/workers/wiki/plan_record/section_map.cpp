@@ -19,8 +19,8 @@
 #include <string_view>
 #include <vector>
 
-#include "workers/wiki/util/repo_facts.hpp"
 #include "workers/wiki/plan_record/prose_citations.hpp"
+#include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
@@ -231,7 +231,7 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
     symbols.clear();
     bool cites = false;
     std::size_t pos = 0;
-    while (auto written = next_prose_citation(text, pos)) {
+    while (auto written = plan_record::next_prose_citation(text, pos)) {
       auto found = stored.find(IdentityView{written->path, written->line_start, written->line_end});
       if (found == stored.end()) continue;
       cites = true;
@@ -281,7 +281,7 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
     fields.emplace("heading", heading);
     fields.emplace("files", text_list(files));
     fields.emplace("symbols", text_list(symbols));
-    fields.emplace("hash", _text_hash(hash_input));
+    fields.emplace("hash", util::_text_hash(hash_input));
     out.push_back(std::move(record));
   }
   return out;

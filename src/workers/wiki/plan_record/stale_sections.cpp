@@ -12,7 +12,7 @@
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::plan_record {
 
 namespace {
 
@@ -88,4 +88,4 @@ std::vector<std::string> stale_sections(const Json& sections,
   return stale;
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::plan_record

@@ -7,7 +7,7 @@
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::plan_record {
 
 // {"added", "removed", "modified"}: each a sorted list of the paths of
 // `compared`. added: current entry only; removed: stored entry only;
@@ -19,4 +19,4 @@ Json changed_files(const Json& stored, const Json& current,
 std::vector<std::string> stale_sections(const Json& sections,
                                         const std::unordered_set<std::string>& touched);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::plan_record

@@ -22,7 +22,7 @@ const std::string& steering_hash(const std::string& text) {
   };
   thread_local Last last;
   if (!last.set || last.text != text) {
-    std::string hash = _text_hash(text);
+    std::string hash = util::_text_hash(text);
     last.set = false;  // stays unset if copying the text throws
     last.text = text;
     last.hash = std::move(hash);

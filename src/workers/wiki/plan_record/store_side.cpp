@@ -72,7 +72,7 @@ int PlanRecordMixin::_persist_plan_skeleton(const PlanList& plans) {
     const PagePlan& plan = plan_at(plans, i);
     if (!is_pinned_level(plan.level)) continue;
     // Custom pages come from the steering, not the structure: never pinned.
-    if (is_custom_id(plan.page_id)) continue;
+    if (model::is_custom_id(plan.page_id)) continue;
     if (plan.source_files.empty() && plan.children.empty()) continue;
     // A stored page is never overwritten with a skeleton.
     if (existing.contains(plan.page_id)) continue;

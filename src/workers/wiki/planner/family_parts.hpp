@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::planner {
 
 struct FamilyPart {
   // The naming prefix, lower case words joined by "-"; distinct within a
@@ -72,4 +72,4 @@ std::vector<FamilyPart> recorded_family_parts(const std::vector<std::string>& fi
                                               const std::vector<StoredPart>& stored,
                                               const PartBounds& bounds);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::planner

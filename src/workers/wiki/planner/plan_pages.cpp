@@ -7,9 +7,9 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "workers/wiki/planner/family_parts.hpp"
 #include "workers/wiki/model/page_ids.hpp"
 #include "workers/wiki/model/page_sources.hpp"
+#include "workers/wiki/planner/family_parts.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
 
@@ -52,7 +52,7 @@ std::string base_id(const std::string& folder) {
 std::map<std::string, std::string> unit_ids(const std::vector<const Unit*>& by_path,
                                             std::unordered_set<std::string>& used) {
   std::map<std::string, std::string> ids;
-  used.insert(std::string(CATCH_ALL_ID));
+  used.insert(std::string(model::CATCH_ALL_ID));
   for (const Unit* unit : by_path) ids[unit->folder] = unique_id(base_id(unit->folder), used);
   return ids;
 }
@@ -75,7 +75,7 @@ class RecordView {
   explicit RecordView(const Existing* record) : record_(record) {
     if (record_ == nullptr) return;
     for (const auto& [id, row] : *record_) {
-      if (is_custom_id(id) || !is_pinned_level(row_text(row, "level", "module"))) continue;
+      if (model::is_custom_id(id) || !is_pinned_level(row_text(row, "level", "module"))) continue;
       for (auto& path : row_text_list(row, "source_files")) page_of_.emplace(std::move(path), id);
       for (auto& child : row_text_list(row, "related_pages"))
         parent_of_.emplace(std::move(child), id);
@@ -322,12 +322,12 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
                              .level = "overview",
                              .importance = "high",
                              .description = "What the repository is for and how its parts fit.",
-                             .topic = unit_topic("Overview", {})}));
+                             .topic = model::unit_topic("Overview", {})}));
 
-  const PartBounds bounds{.max_files = settings.chunk_size,
-                          .min_files = settings.min_part_size,
-                          .hard_max = settings.part_ceiling,
-                          .hard_min = settings.part_floor};
+  const planner::PartBounds bounds{.max_files = settings.chunk_size,
+                                   .min_files = settings.min_part_size,
+                                   .hard_max = settings.part_ceiling,
+                                   .hard_min = settings.part_floor};
   for (const Unit* unit : by_path) {
     const std::string& id = ids.at(unit->folder);
     const std::string title = unit_title(unit->folder);
@@ -340,20 +340,20 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
                                  .title = title,
                                  .importance = importance,
                                  .description = "The code in " + title + ".",
-                                 .topic = unit_topic(title, unit->files),
+                                 .topic = model::unit_topic(title, unit->files),
                                  .source_files = unit->files}));
       continue;
     }
-    std::vector<StoredPart> stored_parts;
+    std::vector<planner::StoredPart> stored_parts;
     if (!positional_parts(id, stored_children)) {
       for (const auto& child : stored_children) {
         stored_parts.push_back({child, row_text_list(stored.row(child), "source_files")});
       }
     }
-    std::vector<FamilyPart> cut =
+    std::vector<planner::FamilyPart> cut =
         stored_parts.empty()
-            ? family_parts(unit->files, settings.chunk_size, settings.min_part_size)
-            : recorded_family_parts(unit->files, stored_parts, bounds);
+            ? planner::family_parts(unit->files, settings.chunk_size, settings.min_part_size)
+            : planner::recorded_family_parts(unit->files, stored_parts, bounds);
     PlanList parts;
     std::vector<std::string> children;
     for (auto& part : cut) {
@@ -384,7 +384,7 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
                                  .level = "part",
                                  .importance = importance,
                                  .description = std::move(description),
-                                 .topic = unit_topic(part_title, part.files),
+                                 .topic = model::unit_topic(part_title, part.files),
                                  .source_files = std::move(part.files),
                                  .parent_section = title}));
     }
@@ -393,13 +393,13 @@ PlanList plan_pages(const std::vector<std::string>& source_files, const PlannerS
          .title = title,
          .importance = importance,
          .description = "The code in " + title + ", in " + std::to_string(parts.size()) + " parts.",
-         .topic = unit_topic(title, unit->files),
+         .topic = model::unit_topic(title, unit->files),
          .children = std::move(children)}));
     plans.insert(plans.end(), parts.begin(), parts.end());
   }
 
   if (!leftover.empty()) {
-    plans.push_back(catch_all_page(std::move(leftover)));
+    plans.push_back(model::catch_all_page(std::move(leftover)));
   }
   return plans;
 }

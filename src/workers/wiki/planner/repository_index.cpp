@@ -2,12 +2,10 @@
 //
 // Git is asked first because its index is what the repository *is*: build
 // outputs, vendored caches and editor files that are not tracked stay out of
-// the wiki. Git runs without a shell (posix_spawnp with an argv array), so no
-// path or branch text is ever interpreted by one.
+// the wiki. Git runs without a shell (util::run_process), so no path or
+// branch text is ever interpreted by one.
 #include <fcntl.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,11 +17,10 @@
 #include <thread>
 #include <unordered_set>
 
+#include "workers/wiki/util/process.hpp"
 #include "workers/wiki/util/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/planner.hpp"
-
-extern char** environ;
 
 namespace zenthar_kodrune::workers::wiki {
 
@@ -32,21 +29,14 @@ namespace fs = std::filesystem;
 namespace {
 
 // Closes a descriptor when the scope ends.
-struct Fd {
-  int fd = -1;
-  ~Fd() {
-    if (fd >= 0) ::close(fd);
-  }
-};
-
 // Every tracked path, in the index's order (sorted bytewise), whether or not
 // a file is there now.
 std::vector<std::string> git_tracked_files(const fs::path& root, bool& ok) {
   ok = false;
-  const ProcessResult inside =
-      run_process({"git", "-C", root.string(), "rev-parse", "--is-inside-work-tree"});
+  const util::ProcessResult inside =
+      util::run_process({"git", "-C", root.string(), "rev-parse", "--is-inside-work-tree"});
   if (inside.exit_code != 0 || inside.out.rfind("true", 0) != 0) return {};
-  const ProcessResult listed = run_process(
+  const util::ProcessResult listed = util::run_process(
       {"git", "-C", root.string(), "-c", "core.quotepath=off", "ls-files", "-z", "--cached"});
   if (listed.exit_code != 0) return {};
   ok = true;
@@ -138,7 +128,7 @@ ListedFiles listed_files(const fs::path& root) {
   // changed name would be a file that does not exist.
   const auto odd =
       std::stable_partition(candidates.begin(), candidates.end(),
-                            [](const std::string& path) { return is_carried_path(path); });
+                            [](const std::string& path) { return util::is_carried_path(path); });
   listed.left_out.assign(std::make_move_iterator(odd), std::make_move_iterator(candidates.end()));
   candidates.erase(odd, candidates.end());
   const std::vector<std::optional<FileStamp>> stamps = stamps_of(root, candidates);
@@ -166,48 +156,6 @@ std::string lower_extension(std::string_view path) {
 }
 
 }  // namespace
-
-ProcessResult run_process(const std::vector<std::string>& argv) {
-  ProcessResult result;
-  if (argv.empty()) return result;
-  int pipe_fds[2];
-  if (::pipe2(pipe_fds, O_CLOEXEC) != 0) return result;
-  Fd read_end{pipe_fds[0]};
-  Fd write_end{pipe_fds[1]};
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, write_end.fd, STDOUT_FILENO);
-  posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-
-  std::vector<char*> args;
-  for (const auto& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-  args.push_back(nullptr);
-
-  pid_t pid = 0;
-  const int spawned = ::posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  ::close(write_end.fd);
-  write_end.fd = -1;
-  if (spawned != 0) return result;
-
-  char buffer[65536];
-  for (;;) {
-    const ssize_t n = ::read(read_end.fd, buffer, sizeof buffer);
-    if (n > 0) {
-      result.out.append(buffer, static_cast<std::size_t>(n));
-    } else if (n == 0 || errno != EINTR) {
-      break;
-    }
-  }
-  int status = 0;
-  while (::waitpid(pid, &status, 0) < 0) {
-    if (errno != EINTR) return result;
-  }
-  if (WIFEXITED(status)) result.exit_code = WEXITSTATUS(status);
-  return result;
-}
 
 std::optional<FileStamp> regular_file_stamp(const char* path) {
   struct stat info {};
@@ -241,8 +189,8 @@ RepositoryIndex index_repository(const fs::path& root, const PlannerSettings& se
 }
 
 std::optional<std::string> current_git_branch(const fs::path& root) {
-  const ProcessResult result =
-      run_process({"git", "-C", root.string(), "symbolic-ref", "--quiet", "--short", "HEAD"});
+  const util::ProcessResult result =
+      util::run_process({"git", "-C", root.string(), "symbolic-ref", "--quiet", "--short", "HEAD"});
   if (result.exit_code != 0) return std::nullopt;
   std::string branch = result.out;
   while (!branch.empty() && (branch.back() == '\n' || branch.back() == '\r')) branch.pop_back();

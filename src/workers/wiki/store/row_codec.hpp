@@ -16,7 +16,7 @@
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/store.hpp"
 
-namespace zenthar_kodrune::workers::wiki::detail {
+namespace zenthar_kodrune::workers::wiki::store {
 
 enum class Shape { Text, TextList, Mapping };
 
@@ -44,8 +44,8 @@ inline constexpr Column kColumns[] = {{"branch", Shape::Text},
 
 inline std::string where(const std::string& branch, const std::string& page_id,
                          std::string_view column) {
-  return "branch " + quote_input(branch) + ", page " + quote_input(page_id) + ", column " +
-         std::string(column);
+  return "branch " + util::quote_input(branch) + ", page " + util::quote_input(page_id) +
+         ", column " + std::string(column);
 }
 
 inline std::string encode(const Json& value, const std::string& branch, const std::string& page_id,
@@ -144,4 +144,28 @@ inline Json decode(std::string_view text, Shape shape, const std::string& branch
   return value;
 }
 
-}  // namespace zenthar_kodrune::workers::wiki::detail
+// "SELECT branch, page_id, ..., build_cache": the columns of a loaded row.
+inline std::string select_columns_sql() {
+  std::string sql = "SELECT ";
+  for (std::size_t i = 0; i < std::size(kColumns); ++i) {
+    if (i > 0) sql += ", ";
+    sql += kColumns[i].name;
+  }
+  return sql;
+}
+
+// Adds a loaded column to the row being built: null for no value, else its
+// text as text or decoded, by the column's shape.
+inline void add_column(Json::object_t& fields, const Column& column, const std::string_view* text,
+                       const std::string& branch, const std::string& page_id) {
+  if (text == nullptr) {
+    fields.emplace(std::string(column.name), nullptr);
+  } else if (column.shape == Shape::Text) {
+    fields.emplace(std::string(column.name), Json(Json::string_t(*text)));
+  } else {
+    fields.emplace(std::string(column.name),
+                   decode(*text, column.shape, branch, page_id, column.name));
+  }
+}
+
+}  // namespace zenthar_kodrune::workers::wiki::store

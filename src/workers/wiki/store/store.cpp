@@ -73,7 +73,7 @@ WikiPageColumns structural_columns(const PagePlan& plan) {
   columns.importance = plan.importance.empty() ? "medium" : plan.importance;
   columns.level = plan.level;
   columns.parent_section = section_of(plan);
-  columns.rel_path = page_rel_path(plan.page_id);
+  columns.rel_path = model::page_rel_path(plan.page_id);
   columns.source_files = plan.stored_source_files();
   columns.related_pages = plan.children.empty() ? plan.related_pages : plan.children;
   columns.page_type = plan.type;

@@ -7,9 +7,9 @@
 // exactly there rather than where a timer happened to fire.
 #pragma once
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 // Defined weak as a no-op; a strong definition linked into a program wins.
 void fault_point(const char* name);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

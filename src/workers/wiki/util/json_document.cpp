@@ -11,7 +11,7 @@
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 namespace {
 
@@ -219,6 +219,10 @@ bool is_empty_element(simdjson::dom::element value) {
   return false;
 }
 
-Json parse_json(std::string_view text) { return JsonDocument(text).value(); }
+}  // namespace zenthar_kodrune::workers::wiki::util
+
+namespace zenthar_kodrune::workers::wiki {
+
+Json parse_json(std::string_view text) { return util::JsonDocument(text).value(); }
 
 }  // namespace zenthar_kodrune::workers::wiki

@@ -14,7 +14,7 @@
 
 #include "zenthar_kodrune/workers/wiki/json.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 // Thrown by a reader of a document where simdjson reads the text otherwise
 // than parse_json does ("-0", which simdjson reads as a float). The reader
@@ -59,4 +59,4 @@ Json json_from_dom(simdjson::dom::element value, std::size_t depth = 0);
 // is_empty(json_from_dom(value)), without building the value.
 bool is_empty_element(simdjson::dom::element value);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

@@ -3,7 +3,7 @@
 // indented form has line breaks.
 #include "workers/wiki/util/json_text.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 namespace {
 
@@ -45,4 +45,4 @@ std::string json_text(const Json& value) {
   return out;
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

@@ -8,9 +8,9 @@
 
 #include <string>
 
-#include "zenthar_kodrune/workers/wiki/types.hpp"
+#include "zenthar_kodrune/workers/wiki/json.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 // Appends the text of `value` to `out`. A string that is not valid UTF-8 is a
 // Json::type_error (316); `out` may then hold part of the text.
@@ -19,4 +19,4 @@ void append_json_text(std::string& out, const Json& value);
 // The text of `value`; same failure as `append_json_text`.
 std::string json_text(const Json& value);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

@@ -5,7 +5,7 @@
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 std::size_t utf8_character(std::string_view text, std::size_t i, char32_t& code) {
   const auto byte = static_cast<unsigned char>(text[i]);
@@ -135,4 +135,4 @@ void check_one_line(std::string_view text, const std::string& what) {
                    std::to_string(control->offset) + ": it must be one line of text");
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 // The length of the UTF-8 character at `text[i]`, with its code point in
 // `code`; 0 when the bytes there are none (overlong forms, surrogates and
@@ -46,4 +46,4 @@ bool is_carried_path(std::string_view path);
 // point and where it stands.
 void check_one_line(std::string_view text, const std::string& what);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

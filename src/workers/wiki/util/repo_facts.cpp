@@ -16,7 +16,7 @@
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 namespace {
 
@@ -147,4 +147,4 @@ std::optional<std::string> file_content_hash(const std::filesystem::path& root,
   return digest_hex(context.get());
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

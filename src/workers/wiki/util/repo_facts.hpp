@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::util {
 
 // Backslashes become "/", empty and "." segments are dropped: "./src//x.cpp"
 // gives "src/x.cpp". ".." segments are kept as they stand.
@@ -27,4 +27,4 @@ std::string _text_hash(std::string_view text);
 std::optional<std::string> file_content_hash(const std::filesystem::path& root,
                                              std::string_view relative);
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::util

@@ -303,7 +303,7 @@ bool is_utf8(std::string_view text) {
   std::size_t i = 0;
   char32_t code = 0;
   while (i < text.size()) {
-    const std::size_t length = utf8_character(text, i, code);
+    const std::size_t length = util::utf8_character(text, i, code);
     if (length == 0) return false;
     i += length;
   }

@@ -8,7 +8,7 @@ namespace zenthar_kodrune::workers::wiki {
 namespace {
 
 // Files as a save or a later change reads them; a missing one is no regular file.
-CitedFileReader reader(const std::map<std::string, std::string>& files) {
+orchestrator::CitedFileReader reader(const std::map<std::string, std::string>& files) {
   return [files](const std::string& path) -> std::optional<std::string> {
     const auto found = files.find(path);
     if (found == files.end()) return std::nullopt;
@@ -30,8 +30,8 @@ TEST(CitationStates, FingerprintsFollowTheSectionMapsSectionsAndSkipWhatCannotBe
   const Json citations =
       Json::array({citation("a.cpp", 2, 3), citation("a.cpp", 2, 3), citation("b.cpp", 0, 0),
                    citation("a.cpp", 5, 5), citation("a.cpp", 9, 12), citation("gone.cpp", 1, 1)});
-  const Json fingerprints =
-      make_fingerprints(kBody, citations, reader({{"a.cpp", "1\n2\n3\n4\n5\n"}, {"b.cpp", "b\n"}}));
+  const Json fingerprints = orchestrator::make_fingerprints(
+      kBody, citations, reader({{"a.cpp", "1\n2\n3\n4\n5\n"}, {"b.cpp", "b\n"}}));
   EXPECT_EQ(fingerprints.at("context"), 3);
   const Json& entries = fingerprints.at("citations");
   // One entry per identity; hashes only for a range inside a readable file.
@@ -54,13 +54,13 @@ TEST(CitationStates, SectionsGoStaleOnlyForChangedCitedCode) {
                                       citation("a.cpp", 5, 5), citation("c.cpp", 1, 1)});
   const std::string body = std::string(kBody) + "\n## Three\n\n[c](c.cpp#L1)\n";
   Json row = {{"content_hash", "x"}, {"build_cache", Json::object()}};
-  row["build_cache"]["fingerprints"] = make_fingerprints(
+  row["build_cache"]["fingerprints"] = orchestrator::make_fingerprints(
       body, citations, reader({{"a.cpp", "1\n2\n3\n4\n5\n"}, {"b.cpp", "b\n"}, {"c.cpp", "c\n"}}));
   const Json changes = Json::parse(R"({
     "changed_files": {"added": [], "removed": [], "modified": ["a.cpp", "b.cpp"]},
     "stale_sections": ["One", "Two"]})");
   // a.cpp: a line above lines 2-3, and line 5 edited.
-  const CitationReport report = judge_citations(
+  const orchestrator::CitationReport report = orchestrator::judge_citations(
       row, changes, reader({{"a.cpp", "0\n1\n2\n3\n4\n5 edited\n"}, {"b.cpp", "b2\n"}}),
       [] { return std::optional<std::string>(); });
   EXPECT_TRUE(report.fingerprinted);
@@ -79,8 +79,8 @@ TEST(CitationStates, SectionsGoStaleOnlyForChangedCitedCode) {
   const Json only_b = Json::parse(R"({
     "changed_files": {"added": [], "removed": [], "modified": ["b.cpp"]},
     "stale_sections": ["Two"]})");
-  const CitationReport b = judge_citations(row, only_b, reader({{"b.cpp", "b2\n"}}),
-                                           [] { return std::optional<std::string>(); });
+  const orchestrator::CitationReport b = orchestrator::judge_citations(
+      row, only_b, reader({{"b.cpp", "b2\n"}}), [] { return std::optional<std::string>(); });
   EXPECT_EQ(b.changed_sections, Json::parse(R"(["Two"])"));
   EXPECT_TRUE(b.changed.empty());
 }
@@ -93,11 +93,12 @@ TEST(CitationStates, DamagedFingerprintsNeverPassForIntactLines) {
     Json row = {{"content_hash", "x"}, {"build_cache", Json::object()}};
     row["build_cache"]["fingerprints"] = Json::parse(fingerprints);
     row["build_cache"]["citations"] = Json::array({citation("a.cpp", 1, 1)});
-    return judge_citations(row, changes, reader({{"a.cpp", "1\n"}}),
-                           [] { return std::optional<std::string>("## One\n[a](a.cpp#L1)\n"); });
+    return orchestrator::judge_citations(row, changes, reader({{"a.cpp", "1\n"}}), [] {
+      return std::optional<std::string>("## One\n[a](a.cpp#L1)\n");
+    });
   };
   // Not a list of citations: the page is judged as one saved without them.
-  CitationReport report = judge(R"({"citations": "none"})");
+  orchestrator::CitationReport report = judge(R"({"citations": "none"})");
   EXPECT_FALSE(report.fingerprinted);
   EXPECT_EQ(report.changed_sections, Json::parse(R"(["One"])"));
   EXPECT_EQ(report.citations.at(0).at("state"), "changed");
@@ -112,7 +113,7 @@ TEST(CitationStates, DamagedFingerprintsNeverPassForIntactLines) {
 }
 
 TEST(CitationStates, ReanchoringRewritesOnlyTheMovedStoredCitations) {
-  CitationReport report;
+  orchestrator::CitationReport report;
   report.moved[CitationKey{"a.cpp", 2, 3}] = {4, 5};
   report.moved[CitationKey{"a.cpp", 7, 7}] = {9, 9};
   const std::string body =
@@ -120,7 +121,7 @@ TEST(CitationStates, ReanchoringRewritesOnlyTheMovedStoredCitations) {
   const Json stored =
       Json::array({citation("a.cpp", 2, 3),
                    {{"path", "a.cpp"}, {"line_start", "7"}, {"line_end", 7}, {"symbol", "f"}}});
-  const auto [rewritten, citations] = reanchored(body, stored, report);
+  const auto [rewritten, citations] = orchestrator::reanchored(body, stored, report);
   EXPECT_EQ(rewritten,
             "[x](a.cpp#L4-L5), [y](a.cpp#L9), [z](a.cpp#L9-L9), [w](a.cpp#L2-L4), `a.cpp#L2-L3`\n");
   EXPECT_EQ(citations, Json::parse(R"([

@@ -14,6 +14,7 @@
 
 #include "support/forwarding_store.hpp"
 #include "support/temp_dir.hpp"
+#include "workers/wiki/orchestrator/file_hasher.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
@@ -116,7 +117,7 @@ TEST_F(Generator, ManyFilesAreHashedOnAllCoresWithTheSameResult) {
     write_old(paths.back(), "a\n");
   }
   CountingReader counter;
-  FileHasher hasher(dir_.path(), counter.reader(), false);
+  orchestrator::FileHasher hasher(dir_.path(), counter.reader(), false);
   paths.push_back("many/missing.txt");
   const Json hashes = hasher.hashes(paths);
   EXPECT_EQ(hashes.size(), 300u);
@@ -128,10 +129,10 @@ TEST_F(Generator, ManyFilesAreHashedOnAllCoresWithTheSameResult) {
 TEST_F(Generator, StampsTakenByTheIndexStandInForAskingTheFileSystem) {
   write_old("src/a.cpp", "a\n");
   CountingReader counter;
-  FileHasher hasher(dir_.path(), counter.reader(), false);
+  orchestrator::FileHasher hasher(dir_.path(), counter.reader(), false);
   // A cached entry the file on disk does not match: only a trusted stamp
   // can make it serve.
-  hasher.load_cache({{"src/a.cpp", CachedFileHash{999, 1, 2, "cafe"}}});
+  hasher.load_cache({{"src/a.cpp", CachedFileHash{{999, 1, 2}, "cafe"}}});
   hasher.prefetch({"src/a.cpp"}, {FileStamp{999, 1, 2}});
   EXPECT_EQ(hasher.hashes({"src/a.cpp"}), Json::parse(R"({"src/a.cpp": "cafe"})"));
   EXPECT_EQ(counter.reads->load(), 0);

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/temp_dir.hpp"
+#include "workers/wiki/orchestrator/file_hasher.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -20,46 +21,48 @@ std::string text_of(const Lines& lines) {
   return out;
 }
 
-std::vector<std::uint64_t> hashes(const Lines& lines) { return line_hashes(text_of(lines)); }
+std::vector<std::uint64_t> hashes(const Lines& lines) {
+  return orchestrator::line_hashes(text_of(lines));
+}
 
 TEST(LineHashes, CountLinesAsCitationsDo) {
-  EXPECT_EQ(line_hashes("").size(), 0u);
-  EXPECT_EQ(line_hashes("a").size(), 1u);
-  EXPECT_EQ(line_hashes("a\n").size(), 1u);
-  EXPECT_EQ(line_hashes("a\n\nb").size(), 3u);
-  const auto h = line_hashes("x\nx\r\n\n");
+  EXPECT_EQ(orchestrator::line_hashes("").size(), 0u);
+  EXPECT_EQ(orchestrator::line_hashes("a").size(), 1u);
+  EXPECT_EQ(orchestrator::line_hashes("a\n").size(), 1u);
+  EXPECT_EQ(orchestrator::line_hashes("a\n\nb").size(), 3u);
+  const auto h = orchestrator::line_hashes("x\nx\r\n\n");
   ASSERT_EQ(h.size(), 3u);
   // A carriage return is part of its line; an empty line hashes like "".
   EXPECT_NE(h[0], h[1]);
-  EXPECT_EQ(h[2], line_hash(""));
-  EXPECT_NE(line_hash("abcdefgh1"), line_hash("abcdefgh2"));
-  EXPECT_NE(line_hash(std::string(1, '\0')), line_hash(""));
+  EXPECT_EQ(h[2], orchestrator::line_hash(""));
+  EXPECT_NE(orchestrator::line_hash("abcdefgh1"), orchestrator::line_hash("abcdefgh2"));
+  EXPECT_NE(orchestrator::line_hash(std::string(1, '\0')), orchestrator::line_hash(""));
 }
 
 TEST(LineHashes, StoredFormRoundTripsAndRefusesOtherText) {
   const std::vector<std::uint64_t> values = {0, 1, 0xfedcba9876543210ULL};
-  const std::string hex = hashes_to_hex(values);
+  const std::string hex = orchestrator::hashes_to_hex(values);
   EXPECT_EQ(hex, "00000000000000000000000000000001fedcba9876543210");
-  EXPECT_EQ(hashes_from_hex(hex), values);
-  EXPECT_EQ(hashes_from_hex(""), std::vector<std::uint64_t>{});
-  EXPECT_FALSE(hashes_from_hex("0123"));
-  EXPECT_FALSE(hashes_from_hex("000000000000000G"));
-  EXPECT_FALSE(hashes_from_hex("000000000000000A"));
+  EXPECT_EQ(orchestrator::hashes_from_hex(hex), values);
+  EXPECT_EQ(orchestrator::hashes_from_hex(""), std::vector<std::uint64_t>{});
+  EXPECT_FALSE(orchestrator::hashes_from_hex("0123"));
+  EXPECT_FALSE(orchestrator::hashes_from_hex("000000000000000G"));
+  EXPECT_FALSE(orchestrator::hashes_from_hex("000000000000000A"));
 }
 
 TEST(Fingerprint, KeepsContextUpToTheFileEdges) {
   const auto file = hashes({"1", "2", "3", "4", "5", "6", "7", "8"});
-  const auto middle = fingerprint_of(file, 4, 5);
+  const auto middle = orchestrator::fingerprint_of(file, 4, 5);
   ASSERT_TRUE(middle);
   EXPECT_EQ(middle->before, (std::vector<std::uint64_t>{file[0], file[1], file[2]}));
   EXPECT_EQ(middle->lines, (std::vector<std::uint64_t>{file[3], file[4]}));
   EXPECT_EQ(middle->after, (std::vector<std::uint64_t>{file[5], file[6], file[7]}));
-  const auto edges = fingerprint_of(file, 2, 7);
+  const auto edges = orchestrator::fingerprint_of(file, 2, 7);
   ASSERT_TRUE(edges);
   EXPECT_EQ(edges->before.size(), 1u);
   EXPECT_EQ(edges->after.size(), 1u);
   for (const auto& [start, end] : std::vector<std::pair<int, int>>{{0, 2}, {3, 2}, {7, 9}}) {
-    EXPECT_FALSE(fingerprint_of(file, start, end)) << start << "-" << end;
+    EXPECT_FALSE(orchestrator::fingerprint_of(file, start, end)) << start << "-" << end;
   }
 }
 
@@ -69,7 +72,7 @@ struct Case {
   int line_start;
   int line_end;
   Lines now;
-  CitationState state;
+  orchestrator::CitationState state;
   int now_start;
   int now_end;
 };
@@ -78,13 +81,13 @@ TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
   const Lines base = {"// top", "#include <x>", "", "int f() {", "  return g();", "}",
                       "",       "int h;"};
   const Case cases[] = {
-      {"identical", base, 4, 6, base, CitationState::intact, 4, 6},
+      {"identical", base, 4, 6, base, orchestrator::CitationState::intact, 4, 6},
       {"edit below only",
        base,
        4,
        6,
        {"// top", "#include <x>", "", "int f() {", "  return g();", "}", "", "long h;"},
-       CitationState::intact,
+       orchestrator::CitationState::intact,
        4,
        6},
       {"edit above",
@@ -93,7 +96,7 @@ TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
        6,
        {"// top", "// more", "// and more", "#include <x>", "", "int f() {", "  return g();", "}",
         "", "int h;"},
-       CitationState::moved,
+       orchestrator::CitationState::moved,
        6,
        8},
       {"lines removed above",
@@ -101,7 +104,7 @@ TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
        4,
        6,
        {"int f() {", "  return g();", "}", "", "int h;"},
-       CitationState::moved,
+       orchestrator::CitationState::moved,
        1,
        3},
       {"edit inside",
@@ -109,7 +112,7 @@ TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
        4,
        6,
        {"// top", "#include <x>", "", "int f() {", "  return g() + 1;", "}", "", "int h;"},
-       CitationState::changed,
+       orchestrator::CitationState::changed,
        0,
        0},
       {"line inserted inside",
@@ -117,7 +120,7 @@ TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
        4,
        6,
        {"// top", "#include <x>", "", "int f() {", "  log();", "  return g();", "}"},
-       CitationState::changed,
+       orchestrator::CitationState::changed,
        0,
        0},
       {"moved with new context",
@@ -125,26 +128,36 @@ TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
        4,
        6,
        {"int h;", "", "", "", "", "int f() {", "  return g();", "}"},
-       CitationState::moved,
+       orchestrator::CitationState::moved,
        6,
        8},
-      {"emptied", base, 4, 6, {}, CitationState::changed, 0, 0},
+      {"emptied", base, 4, 6, {}, orchestrator::CitationState::changed, 0, 0},
       {"cut short",
        base,
        4,
        6,
        {"// top", "#include <x>", "", "int f() {"},
-       CitationState::changed,
+       orchestrator::CitationState::changed,
        0,
        0},
-      {"past the end of a shorter file", base, 7, 8, {"", "int h;"}, CitationState::moved, 1, 2},
+      {"past the end of a shorter file",
+       base,
+       7,
+       8,
+       {"", "int h;"},
+       orchestrator::CitationState::moved,
+       1,
+       2},
   };
   for (const auto& c : cases) {
-    const auto fingerprint = fingerprint_of(hashes(c.before), c.line_start, c.line_end);
+    const auto fingerprint =
+        orchestrator::fingerprint_of(hashes(c.before), c.line_start, c.line_end);
     ASSERT_TRUE(fingerprint) << c.name;
-    LineIndex index(hashes(c.now));
-    const Judgement judged = index.judge(*fingerprint, c.line_start);
-    EXPECT_EQ(state_name(judged.state), std::string(state_name(c.state))) << c.name;
+    orchestrator::LineIndex index(hashes(c.now));
+    const orchestrator::Judgement judged = index.judge(*fingerprint, c.line_start);
+    EXPECT_EQ(orchestrator::state_name(judged.state),
+              std::string(orchestrator::state_name(c.state)))
+        << c.name;
     EXPECT_EQ(judged.line_start, c.now_start) << c.name;
     EXPECT_EQ(judged.line_end, c.now_end) << c.name;
   }
@@ -162,34 +175,34 @@ TEST(LineIndex, ContextDecidesBetweenDuplicateBlocks) {
   };
   // The second copy is cited: "b = make();" above it, "use(b);" below.
   const Lines base = with({"a = make();"}, {"use(a);", "b = make();"}, {"use(b);"});
-  const auto second = fingerprint_of(hashes(base), 7, 9);
+  const auto second = orchestrator::fingerprint_of(hashes(base), 7, 9);
   ASSERT_TRUE(second);
 
   // Lines inserted at the top move both copies: the cited one is found by its context.
-  LineIndex shifted(
+  orchestrator::LineIndex shifted(
       hashes(with({"x", "y", "a = make();"}, {"use(a);", "b = make();"}, {"use(b);"})));
-  Judgement judged = shifted.judge(*second, 7);
-  EXPECT_EQ(judged.state, CitationState::moved);
+  orchestrator::Judgement judged = shifted.judge(*second, 7);
+  EXPECT_EQ(judged.state, orchestrator::CitationState::moved);
   EXPECT_EQ(judged.line_start, 9);
 
   // The copies swap neighbourhoods: the context wins over the nearer place.
   const Lines swapped = with({"x", "b = make();"}, {"use(b);", "a = make();", "z"}, {"use(a);"});
-  LineIndex swapped_index(hashes(swapped));
+  orchestrator::LineIndex swapped_index(hashes(swapped));
   judged = swapped_index.judge(*second, 7);
-  EXPECT_EQ(judged.state, CitationState::moved);
+  EXPECT_EQ(judged.state, orchestrator::CitationState::moved);
   EXPECT_EQ(judged.line_start, 3);
 
   // Equal context on both: the copy nearest the old place.
   const Lines around = {"a", "b", "c", "  if (!p) {", "    return -1;", "  }", "d", "e", "f"};
   Lines twice = around;
   twice.insert(twice.end(), around.begin(), around.end());
-  const auto cited = fingerprint_of(hashes(twice), 13, 15);
+  const auto cited = orchestrator::fingerprint_of(hashes(twice), 13, 15);
   ASSERT_TRUE(cited);
   Lines now = twice;
   now.insert(now.begin(), "new");
-  LineIndex index(hashes(now));
+  orchestrator::LineIndex index(hashes(now));
   judged = index.judge(*cited, 13);
-  EXPECT_EQ(judged.state, CitationState::moved);
+  EXPECT_EQ(judged.state, orchestrator::CitationState::moved);
   EXPECT_EQ(judged.line_start, 14);
   EXPECT_EQ(judged.line_end, 16);
 }
@@ -200,16 +213,19 @@ TEST(LineIndex, OneIndexServesManyRangesOfAFile) {
   Lines now = base;
   now.insert(now.begin() + 100, "inserted");
   now[150] = "edited";
-  LineIndex index(hashes(now));
+  orchestrator::LineIndex index(hashes(now));
   const auto file = hashes(base);
-  const Judgement early = index.judge(*fingerprint_of(file, 10, 19), 10);
-  const Judgement late = index.judge(*fingerprint_of(file, 170, 179), 170);
-  const Judgement edited = index.judge(*fingerprint_of(file, 145, 154), 145);
-  EXPECT_EQ(early.state, CitationState::intact);
-  EXPECT_EQ(late.state, CitationState::moved);
+  const orchestrator::Judgement early =
+      index.judge(*orchestrator::fingerprint_of(file, 10, 19), 10);
+  const orchestrator::Judgement late =
+      index.judge(*orchestrator::fingerprint_of(file, 170, 179), 170);
+  const orchestrator::Judgement edited =
+      index.judge(*orchestrator::fingerprint_of(file, 145, 154), 145);
+  EXPECT_EQ(early.state, orchestrator::CitationState::intact);
+  EXPECT_EQ(late.state, orchestrator::CitationState::moved);
   EXPECT_EQ(late.line_start, 171);
   EXPECT_EQ(late.line_end, 180);
-  EXPECT_EQ(edited.state, CitationState::changed);
+  EXPECT_EQ(edited.state, orchestrator::CitationState::changed);
   EXPECT_EQ(index.size(), 201u);
 }
 
@@ -221,13 +237,13 @@ TEST(FileHasher, KeepsLineHashesFromTheContentRead) {
   std::ofstream(tmp.path() / "a.cpp", std::ios::binary) << a;
   std::ofstream(tmp.path() / "b.cpp", std::ios::binary) << "int c;\n";
   std::ofstream(tmp.path() / "c.cpp", std::ios::binary) << "int d;\n";
-  FileHasher hasher(tmp.path(), read_whole_file, false);
+  orchestrator::FileHasher hasher(tmp.path(), read_whole_file, false);
   hasher.keep_line_hashes({"./a.cpp", "gone.cpp"});
   hasher.hashes({"a.cpp", "b.cpp", "gone.cpp"});
   EXPECT_EQ(hasher.files_read(), 2u);
   auto kept = hasher.take_line_hashes();
   ASSERT_EQ(kept.size(), 1u);
-  EXPECT_EQ(kept.at("a.cpp"), line_hashes(a));
+  EXPECT_EQ(kept.at("a.cpp"), orchestrator::line_hashes(a));
   EXPECT_TRUE(hasher.take_line_hashes().empty());
 
   hasher.keep_line_hashes({});

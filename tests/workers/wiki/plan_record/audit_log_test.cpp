@@ -156,30 +156,42 @@ TEST_F(AppendPlanLog, RotatesToLastThousandOnlyPastTwoThousandLines) {
   }
 }
 
-TEST_F(AppendPlanLog, TextNotUtf8) {
-  // A record that is not UTF-8 throws and writes nothing, not even the folder.
+TEST_F(AppendPlanLog, RecordNotUtf8ThrowsAndWritesNothing) {
   const fs::path wiki_dir = tmp_.path() / "wiki";
   const Amendments bad = {Json{{"action", "add"}, {"page_id", "caf\xe9"}}};
   EXPECT_THROW(append_plan_log(wiki_dir, bad, false), ValueError);
   EXPECT_FALSE(fs::exists(wiki_dir));
+}
 
-  // A line that is not UTF-8 neither stops appends nor survives rotation.
-  prefill(wiki_dir, 2000);
-  const fs::path log = wiki_dir / "plan-log.jsonl";
-  std::string text = read_file(log);
-  text[text.find("old-1500")] = '\xff';
-  std::ofstream(log, std::ios::binary | std::ios::trunc) << text;
-  EXPECT_THROW(append_plan_log(wiki_dir, bad, false), ValueError);
-  EXPECT_EQ(read_file(log), text);
+class AppendPlanLogAfterBadLine : public AppendPlanLog {
+ protected:
+  void SetUp() override {
+    AppendPlanLog::SetUp();
+    prefill(wiki_dir_, 2000);
+    text_ = read_file(log_);
+    text_[text_.find("old-1500")] = '\xff';
+    std::ofstream(log_, std::ios::binary | std::ios::trunc) << text_;
+  }
+  const fs::path wiki_dir_ = tmp_.path() / "wiki";
+  const fs::path log_ = wiki_dir_ / "plan-log.jsonl";
+  std::string text_;
+};
+
+TEST_F(AppendPlanLogAfterBadLine, RefusedRecordLeavesTheLogAsItWas) {
+  const Amendments bad = {Json{{"action", "add"}, {"page_id", "caf\xe9"}}};
+  EXPECT_THROW(append_plan_log(wiki_dir_, bad, false), ValueError);
+  EXPECT_EQ(read_file(log_), text_);
   EXPECT_TRUE(warnings().empty());
+}
 
-  append_plan_log(wiki_dir, one("newest"), false);
-  const auto lines = split_lines(read_file(log));
+TEST_F(AppendPlanLogAfterBadLine, AppendGoesOnAndRotationDropsTheLineWithAWarning) {
+  append_plan_log(wiki_dir_, one("newest"), false);
+  const auto lines = split_lines(read_file(log_));
   ASSERT_EQ(lines.size(), 999u);  // the kept 1000, less the line that is not UTF-8
   EXPECT_EQ(first_page_id(lines.front()), "old-1001");
   EXPECT_EQ(first_page_id(lines.back()), "newest");
   ASSERT_EQ(warnings().size(), 1u);
-  EXPECT_NE(warnings()[0].find(log.string()), std::string::npos) << warnings()[0];
+  EXPECT_NE(warnings()[0].find(log_.string()), std::string::npos) << warnings()[0];
 }
 
 // Runs `body` in `count` child processes at once; its result is the exit code.

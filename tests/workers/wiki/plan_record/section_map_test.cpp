@@ -4,8 +4,8 @@
 // sections_cache.)
 #include <gtest/gtest.h>
 
-#include "workers/wiki/plan_record/stale_sections.hpp"
 #include "workers/wiki/plan_record/prose_citations.hpp"
+#include "workers/wiki/plan_record/stale_sections.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
@@ -54,7 +54,7 @@ TEST(ProseCitations, LinksWithALineAnchorInTextOrderRepeatsKept) {
       {"[a](a\xff.cpp#L1)", "[]"},                // invalid UTF-8
   };
   for (const auto& [text, expected] : cases) {
-    EXPECT_EQ(prose_citations(text).dump(), expected) << text;
+    EXPECT_EQ(plan_record::prose_citations(text).dump(), expected) << text;
   }
 }
 

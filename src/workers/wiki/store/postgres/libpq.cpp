@@ -9,7 +9,7 @@
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::store::postgres {
 
 namespace {
 
@@ -91,4 +91,4 @@ const Libpq& libpq() {
   return loaded->api;
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::store::postgres

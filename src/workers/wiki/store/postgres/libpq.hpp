@@ -7,7 +7,7 @@
 
 #include <libpq-fe.h>
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::store::postgres {
 
 // The functions the PostgreSQL store calls, by their own names.
 struct Libpq {
@@ -45,4 +45,4 @@ struct Libpq {
 // libpq cannot be loaded, a StoreError says so, every time it is asked for.
 const Libpq& libpq();
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::store::postgres

@@ -1,4 +1,5 @@
-// The PostgreSQL wiki store. See postgres_store.hpp for the promises it keeps.
+// The PostgreSQL wiki store: its schema and its rows. See postgres_store.hpp
+// for the promises it keeps.
 #include "workers/wiki/store/postgres/postgres_store.hpp"
 
 #include <spdlog/spdlog.h>
@@ -9,144 +10,24 @@
 #include <exception>
 #include <set>
 
-#include "workers/wiki/store/row_codec.hpp"
 #include "workers/wiki/store/postgres/libpq.hpp"
+#include "workers/wiki/store/row_codec.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/logger.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::store::postgres {
 
 namespace {
 
-using detail::decode;
-using detail::encode;
-using detail::encode_mapping;
-using detail::kColumns;
-using detail::kUpdateStructure;
-using detail::row_values;
-using detail::Shape;
-using detail::structure_values;
-
-// The options of a connection URI, as libpq reads them.
-struct ConnectionInfo {
-  std::string host;
-  std::string database;
-  std::string user;
-  std::string password;
-};
-
-ConnectionInfo parse_uri(const std::string& uri) {
-  char* error = nullptr;
-  PQconninfoOption* options = libpq().PQconninfoParse(uri.c_str(), &error);
-  if (options == nullptr) {
-    // libpq's message may quote part of the URI, the password among it.
-    libpq().PQfreemem(error);
-    throw StoreError("wiki store: the PostgreSQL URI is not one libpq can read");
-  }
-  ConnectionInfo info;
-  for (PQconninfoOption* option = options; option->keyword != nullptr; ++option) {
-    if (option->val == nullptr) continue;
-    const std::string_view keyword = option->keyword;
-    if (keyword == "host" || (keyword == "hostaddr" && info.host.empty())) info.host = option->val;
-    if (keyword == "dbname") info.database = option->val;
-    if (keyword == "user") info.user = option->val;
-    if (keyword == "password") info.password = option->val;
-  }
-  libpq().PQconninfoFree(options);
-  return info;
-}
-
-std::string location_of(const ConnectionInfo& info) {
-  const std::string host = info.host.empty() ? "the default socket" : info.host;
-  const std::string database = !info.database.empty() ? info.database
-                               : !info.user.empty()   ? info.user
-                                                      : "(the default)";
-  return "host " + host + ", database " + database;
-}
-
-// The first line of a libpq message, any copy of the password blanked out.
-std::string one_line(std::string message, const std::string& password) {
-  if (!password.empty()) {
-    for (std::size_t at = message.find(password); at != std::string::npos;
-         at = message.find(password, at)) {
-      message.replace(at, password.size(), "***");
-    }
-  }
-  while (!message.empty() && (message.back() == '\n' || message.back() == ' ')) message.pop_back();
-  std::string line;
-  for (const char c : message) {
-    const bool blank = c == '\n' || c == '\t' || c == ' ';
-    if (blank && (line.empty() || line.back() == ' ')) continue;
-    line.push_back(blank ? ' ' : c);
-  }
-  return line;
-}
-
-// "?" -> "$n", outside quoted text, quoted names and comments.
-std::string numbered_placeholders(std::string_view sql, int& count) {
-  std::string out;
-  out.reserve(sql.size() + 16);
-  count = 0;
-  char quote = 0;
-  bool comment = false;
-  for (std::size_t i = 0; i < sql.size(); ++i) {
-    const char c = sql[i];
-    if (comment) {
-      out.push_back(c);
-      if (c == '\n') comment = false;
-    } else if (quote != 0) {
-      out.push_back(c);
-      if (c == quote) quote = 0;
-    } else if (c == '\'' || c == '"') {
-      quote = c;
-      out.push_back(c);
-    } else if (c == '-' && i + 1 < sql.size() && sql[i + 1] == '-') {
-      comment = true;
-      out.push_back(c);
-    } else if (c == '?') {
-      out += "$" + std::to_string(++count);
-    } else {
-      out.push_back(c);
-    }
-  }
-  return out;
-}
-
-// The parameters of one statement as libpq takes them: text or null.
-class BoundValues {
- public:
-  explicit BoundValues(const std::vector<SqlValue>& params) {
-    // Reserved whole: a number's text must not move once pointed at.
-    numbers_.reserve(params.size());
-    values_.reserve(params.size());
-    for (const auto& param : params) {
-      if (const auto* number = std::get_if<std::int64_t>(&param)) {
-        values_.push_back(numbers_.emplace_back(std::to_string(*number)).c_str());
-      } else if (const auto* value = std::get_if<std::string>(&param)) {
-        values_.push_back(value->c_str());
-      } else {
-        values_.push_back(nullptr);
-      }
-    }
-  }
-  int size() const { return static_cast<int>(values_.size()); }
-  const char* const* data() const { return values_.data(); }
-
- private:
-  std::vector<std::string> numbers_;
-  std::vector<const char*> values_;
-};
-
-// Distinct statements prepared per connection. Past this many (a delete
-// names its ids one placeholder each, so its text varies) a statement runs
-// unnamed, as every statement once did.
-constexpr std::size_t kMaxPrepared = 64;
-
-// Writes sent in one pipeline at most: the server's answers to them must fit
-// its socket buffer while this side is still sending, and the waiting rows
-// stay few in memory.
-constexpr std::size_t kPipelineWrites = 1024;
+using store::decode;
+using store::encode;
+using store::encode_mapping;
+using store::kColumns;
+using store::kUpdateStructure;
+using store::row_values;
+using store::Shape;
+using store::structure_values;
 
 constexpr std::string_view kSchema[] = {
     R"sql(CREATE TABLE IF NOT EXISTS wiki_pages (
@@ -188,11 +69,7 @@ constexpr std::string_view kSchema[] = {
 constexpr std::int64_t kSchemaLockKey = 0x6b6f6472756e6531;  // "kodrune1"
 
 std::string select_pages_sql() {
-  std::string sql = "SELECT ";
-  for (std::size_t i = 0; i < std::size(kColumns); ++i) {
-    if (i > 0) sql += ", ";
-    sql += kColumns[i].name;
-  }
+  std::string sql = store::select_columns_sql();
   // Ordered here, not by the server: unless the planner walks the index in
   // order, it sorts whole rows, mappings included, which past its work_mem
   // (4 MB by default: a few thousand rows) goes through files on disk.
@@ -203,370 +80,6 @@ std::string select_pages_sql() {
 std::string text_of(const std::optional<std::string>& value) { return value.value_or(""); }
 
 }  // namespace
-
-std::string postgres_location(const std::string& uri) { return location_of(parse_uri(uri)); }
-
-// ---- PostgresDatabase ----
-
-PostgresDatabase::PostgresDatabase(const std::string& uri) : uri_(uri) {
-  const ConnectionInfo info = parse_uri(uri_);
-  location_ = location_of(info);
-  password_ = info.password;
-  connect();
-}
-
-PostgresDatabase::~PostgresDatabase() { libpq().PQfinish(connection_); }
-
-void PostgresDatabase::drop_connection() {
-  libpq().PQfinish(connection_);
-  connection_ = nullptr;
-}
-
-void PostgresDatabase::connect() {
-  if (connection_ != nullptr) libpq().PQfinish(connection_);
-  // A new session knows none of the old one's prepared statements.
-  for (auto& [sql, statement] : statements_) statement.prepared = false;
-  connection_ = libpq().PQconnectdb(uri_.c_str());
-  if (libpq().PQstatus(connection_) == CONNECTION_OK) {
-    // libpq prints the server's notices on stderr by default: a server that
-    // shuts down warns every session, which would put a second line beside
-    // the one error the command reports.
-    libpq().PQsetNoticeProcessor(
-        connection_,
-        [](void* self, const char* message) {
-          const auto* db = static_cast<const PostgresDatabase*>(self);
-          plan_record_logger()->debug("PostgreSQL ({}): {}", db->location_,
-                                      one_line(message, db->password_));
-        },
-        this);
-    return;
-  }
-  const std::string message = one_line(libpq().PQerrorMessage(connection_), password_);
-  libpq().PQfinish(connection_);
-  connection_ = nullptr;
-  const bool refused = message.find("authentication failed") != std::string::npos ||
-                       message.find("no password supplied") != std::string::npos ||
-                       message.find("role \"") != std::string::npos ||
-                       message.find("no pg_hba.conf entry") != std::string::npos;
-  if (refused) {
-    throw StoreError("wiki store: the PostgreSQL server refused the login (" + location_ +
-                     "): " + message);
-  }
-  if (message.find("database \"") != std::string::npos &&
-      message.find("does not exist") != std::string::npos) {
-    throw StoreError("wiki store: no such PostgreSQL database (" + location_ + "): " + message);
-  }
-  throw StoreError("wiki store: cannot reach the PostgreSQL server (" + location_ +
-                   "): " + message);
-}
-
-void PostgresDatabase::fail(std::string_view what, const std::string& detail) const {
-  throw StoreError("wiki store (PostgreSQL, " + location_ + "): " + std::string(what) + ": " +
-                   one_line(detail, password_));
-}
-
-PostgresDatabase::Result::~Result() { libpq().PQclear(result_); }
-
-PostgresDatabase::Statement& PostgresDatabase::statement(std::string_view sql, Statement& spare) {
-  if (const auto found = statements_.find(sql); found != statements_.end()) return found->second;
-  Statement made;
-  made.text = numbered_placeholders(sql, made.count);
-  if (statements_.size() >= kMaxPrepared) {
-    spare = std::move(made);
-    return spare;
-  }
-  made.name = "kodrune_" + std::to_string(statements_.size());
-  return statements_.emplace(std::string(sql), std::move(made)).first->second;
-}
-
-void PostgresDatabase::check_params(std::string_view sql, const Statement& statement,
-                                    const std::vector<SqlValue>& params) const {
-  if (statement.count != static_cast<int>(params.size())) {
-    throw StoreError("wiki store: " + quote_input(sql) + " takes " +
-                     std::to_string(statement.count) + " parameters, " +
-                     std::to_string(params.size()) + " given");
-  }
-  for (const auto& param : params) {
-    const auto* value = std::get_if<std::string>(&param);
-    if (value != nullptr && value->find('\0') != std::string::npos) {
-      throw StoreError("wiki store: PostgreSQL text cannot hold a NUL byte: " +
-                       quote_input(std::string_view(value->c_str())));
-    }
-  }
-}
-
-void PostgresDatabase::prepare(std::string_view sql, Statement& statement) {
-  if (statement.prepared || statement.name.empty()) return;
-  const Result result(
-      libpq().PQprepare(connection_, statement.name.c_str(), statement.text.c_str(), 0, nullptr));
-  if (libpq().PQresultStatus(result.get()) != PGRES_COMMAND_OK) {
-    const char* message = libpq().PQresultErrorMessage(result.get());
-    fail("cannot run " + quote_input(sql),
-         message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_));
-  }
-  statement.prepared = true;
-}
-
-PostgresDatabase::Statement& PostgresDatabase::ready(std::string_view sql,
-                                                     const std::vector<SqlValue>& params,
-                                                     Statement& spare) {
-  Statement& statement = this->statement(sql, spare);
-  check_params(sql, statement, params);
-  // Whatever waits was written before this statement and must be seen by it.
-  flush();
-  if (connection_ == nullptr || libpq().PQstatus(connection_) != CONNECTION_OK) {
-    // Outside a transaction nothing is lost by connecting again; inside one
-    // the server has already rolled it back.
-    if (!scopes_.empty()) fail("the connection was lost", "the transaction was rolled back");
-    connect();
-  }
-  prepare(sql, statement);
-  return statement;
-}
-
-PostgresDatabase::Result PostgresDatabase::run(std::string_view sql,
-                                               const std::vector<SqlValue>& params) {
-  Statement spare;
-  const Statement& statement = ready(sql, params, spare);
-  const BoundValues values(params);
-  Result result(statement.prepared
-                    ? libpq().PQexecPrepared(connection_, statement.name.c_str(), values.size(),
-                                             values.data(), nullptr, nullptr, 0)
-                    : libpq().PQexecParams(connection_, statement.text.c_str(), values.size(),
-                                           nullptr, values.data(), nullptr, nullptr, 0));
-  const ExecStatusType status = libpq().PQresultStatus(result.get());
-  if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK) {
-    const char* message = libpq().PQresultErrorMessage(result.get());
-    fail("cannot run " + quote_input(sql),
-         message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_));
-  }
-  return result;
-}
-
-std::vector<PostgresDatabase::Row> PostgresDatabase::query(std::string_view sql,
-                                                           const std::vector<SqlValue>& params) {
-  const Result result = run(sql, params);
-  std::vector<Row> rows;
-  const int row_count = libpq().PQntuples(result.get());
-  const int column_count = libpq().PQnfields(result.get());
-  rows.reserve(static_cast<std::size_t>(row_count));
-  for (int r = 0; r < row_count; ++r) {
-    Row row;
-    row.reserve(static_cast<std::size_t>(column_count));
-    for (int c = 0; c < column_count; ++c) {
-      if (libpq().PQgetisnull(result.get(), r, c) != 0) {
-        row.emplace_back(std::nullopt);
-      } else {
-        row.emplace_back(
-            std::string(libpq().PQgetvalue(result.get(), r, c),
-                        static_cast<std::size_t>(libpq().PQgetlength(result.get(), r, c))));
-      }
-    }
-    rows.push_back(std::move(row));
-  }
-  return rows;
-}
-
-void PostgresDatabase::read(std::string_view sql, const std::vector<SqlValue>& params,
-                            const std::function<void(PGresult*)>& each) {
-  Statement spare;
-  const Statement& statement = ready(sql, params, spare);
-  const BoundValues values(params);
-  const int sent =
-      statement.prepared
-          ? libpq().PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
-                                        values.data(), nullptr, nullptr, 0)
-          : libpq().PQsendQueryParams(connection_, statement.text.c_str(), values.size(), nullptr,
-                                      values.data(), nullptr, nullptr, 0);
-  if (sent != 1) fail("cannot run " + quote_input(sql), libpq().PQerrorMessage(connection_));
-  libpq().PQsetSingleRowMode(connection_);
-  // The whole answer is read whatever happens: a connection left with part
-  // of it unread would refuse the next statement.
-  std::optional<std::string> failure;
-  std::exception_ptr thrown;
-  for (PGresult* answer = libpq().PQgetResult(connection_); answer != nullptr;
-       answer = libpq().PQgetResult(connection_)) {
-    const Result result(answer);
-    const ExecStatusType status = libpq().PQresultStatus(answer);
-    if (status == PGRES_SINGLE_TUPLE || status == PGRES_TUPLES_OK) {
-      if (thrown || failure) continue;
-      try {
-        each(answer);
-      } catch (...) {
-        thrown = std::current_exception();
-      }
-    } else if (!failure) {
-      const char* message = libpq().PQresultErrorMessage(answer);
-      failure =
-          message != nullptr && *message != '\0' ? message : libpq().PQerrorMessage(connection_);
-    }
-  }
-  if (failure) fail("cannot run " + quote_input(sql), *failure);
-  if (thrown) std::rethrow_exception(thrown);
-}
-
-void PostgresDatabase::write(std::string_view sql, std::vector<SqlValue> params) {
-  if (scopes_.empty()) {
-    run(sql, params);
-    return;
-  }
-  Statement spare;
-  check_params(sql, statement(sql, spare), params);
-  pending_.push_back(Pending{std::string(sql), std::move(params)});
-  if (pending_.size() >= kPipelineWrites) flush();
-}
-
-void PostgresDatabase::flush() {
-  if (pending_.empty()) return;
-  const std::vector<Pending> batch = std::move(pending_);
-  pending_.clear();
-  // Waiting writes exist only inside a transaction, which a lost connection
-  // has ended.
-  if (connection_ == nullptr || libpq().PQstatus(connection_) != CONNECTION_OK) {
-    fail("cannot run " + quote_input(batch.front().sql),
-         "the connection was lost; the transaction was rolled back");
-  }
-  if (libpq().PQenterPipelineMode(connection_) != 1) {
-    fail("cannot run " + quote_input(batch.front().sql), libpq().PQerrorMessage(connection_));
-  }
-  // What each answer of the pipeline is for: the write it belongs to and,
-  // for the preparation of a statement new to this connection (sent in
-  // place, so a failure is still named in the order written), the statement.
-  struct Answer {
-    std::size_t write;
-    Statement* prepared;
-  };
-  std::vector<Answer> answers;
-  answers.reserve(batch.size() + 4);
-  std::vector<Statement> spares(batch.size());
-  std::vector<const Statement*> preparing;
-  // The first write that failed and why; those after it were not run.
-  std::optional<std::pair<std::size_t, std::string>> failure;
-  for (std::size_t i = 0; i < batch.size() && !failure; ++i) {
-    Statement& statement = this->statement(batch[i].sql, spares[i]);
-    const bool named = !statement.name.empty();
-    if (named && !statement.prepared &&
-        std::find(preparing.begin(), preparing.end(), &statement) == preparing.end()) {
-      if (libpq().PQsendPrepare(connection_, statement.name.c_str(), statement.text.c_str(), 0,
-                                nullptr) != 1) {
-        failure.emplace(i, libpq().PQerrorMessage(connection_));
-        break;
-      }
-      preparing.push_back(&statement);
-      answers.push_back(Answer{i, &statement});
-    }
-    const BoundValues values(batch[i].params);
-    const int queued =
-        named ? libpq().PQsendQueryPrepared(connection_, statement.name.c_str(), values.size(),
-                                            values.data(), nullptr, nullptr, 0)
-              : libpq().PQsendQueryParams(connection_, statement.text.c_str(), values.size(),
-                                          nullptr, values.data(), nullptr, nullptr, 0);
-    if (queued != 1) failure.emplace(i, libpq().PQerrorMessage(connection_));
-    answers.push_back(Answer{i, nullptr});
-  }
-  bool broken = failure.has_value() || libpq().PQpipelineSync(connection_) != 1;
-  if (broken && !failure) failure.emplace(batch.size() - 1, libpq().PQerrorMessage(connection_));
-  for (std::size_t a = 0; a < answers.size() && !broken; ++a) {
-    const std::size_t i = answers[a].write;
-    // One statement's answers end with a null result.
-    PGresult* answer = libpq().PQgetResult(connection_);
-    if (answer == nullptr) broken = true;
-    while (answer != nullptr) {
-      const ExecStatusType status = libpq().PQresultStatus(answer);
-      if (status == PGRES_FATAL_ERROR && !failure) {
-        const char* message = libpq().PQresultErrorMessage(answer);
-        failure.emplace(i, message != nullptr && *message != '\0'
-                               ? message
-                               : libpq().PQerrorMessage(connection_));
-      }
-      if (status == PGRES_COMMAND_OK && answers[a].prepared != nullptr) {
-        answers[a].prepared->prepared = true;
-      }
-      libpq().PQclear(answer);
-      answer = libpq().PQgetResult(connection_);
-    }
-    if (libpq().PQstatus(connection_) != CONNECTION_OK) broken = true;
-    if (broken && !failure) failure.emplace(i, libpq().PQerrorMessage(connection_));
-  }
-  if (!broken) {
-    const Result sync(libpq().PQgetResult(connection_));
-    broken = libpq().PQresultStatus(sync.get()) != PGRES_PIPELINE_SYNC ||
-             libpq().PQexitPipelineMode(connection_) != 1;
-    if (broken && !failure) failure.emplace(batch.size() - 1, libpq().PQerrorMessage(connection_));
-  }
-  // A connection left in the middle of a pipeline serves nothing more; the
-  // server rolls back the transaction it had open.
-  if (broken) drop_connection();
-  if (failure) fail("cannot run " + quote_input(batch[failure->first].sql), failure->second);
-}
-
-void PostgresDatabase::execute(std::string_view sql, const std::vector<SqlValue>& params) {
-  run(sql, params);
-}
-
-void PostgresDatabase::begin_transaction() {
-  if (scopes_.empty() &&
-      (connection_ == nullptr || libpq().PQstatus(connection_) != CONNECTION_OK)) {
-    connect();
-  }
-  const bool nested = libpq().PQtransactionStatus(connection_) != PQTRANS_IDLE;
-  if (nested) {
-    execute("SAVEPOINT kodrune_scope_" + std::to_string(scopes_.size()));
-  } else {
-    execute("BEGIN");
-  }
-  scopes_.push_back(nested);
-}
-
-void PostgresDatabase::end_transaction(bool error) {
-  if (scopes_.empty()) throw StoreError("wiki store: a transaction was ended that was never begun");
-  if (error) {
-    // Every waiting write belongs to this scope (a savepoint is begun or
-    // released only after a flush), so the rollback would undo them anyway.
-    pending_.clear();
-  } else if (!pending_.empty()) {
-    try {
-      flush();
-    } catch (...) {
-      try {
-        end_transaction(true);
-      } catch (...) {
-        // The write that failed is the error the caller must see.
-      }
-      throw;
-    }
-  }
-  const bool savepoint = scopes_.back();
-  scopes_.pop_back();
-  const bool connected = libpq().PQstatus(connection_) == CONNECTION_OK;
-  if (!connected) {
-    // The server rolls back what a lost connection had open.
-    if (error) return;
-    fail("the connection was lost before the transaction committed",
-         "the transaction was rolled back");
-  }
-  const std::string name = "kodrune_scope_" + std::to_string(scopes_.size());
-  if (savepoint) {
-    if (error) {
-      execute("ROLLBACK TO SAVEPOINT " + name);
-    }
-    execute("RELEASE SAVEPOINT " + name);
-    return;
-  }
-  if (error) {
-    execute("ROLLBACK");
-    return;
-  }
-  // COMMIT of a transaction that failed answers ROLLBACK without an error:
-  // writes the caller believes committed would be gone quietly.
-  if (libpq().PQtransactionStatus(connection_) == PQTRANS_INERROR) {
-    execute("ROLLBACK");
-    fail("the transaction failed before it ended", "it was rolled back");
-  }
-  execute("COMMIT");
-}
-
-// ---- PostgresWikiStore ----
 
 PostgresWikiStore::PostgresWikiStore(const std::string& uri, std::filesystem::path hash_cache)
     : db_(uri), hash_cache_(std::move(hash_cache)) {
@@ -609,7 +122,7 @@ void PostgresWikiStore::open_schema() {
 
 void PostgresWikiStore::lock_branch(const std::string& branch) {
   if (!db_.in_transaction()) {
-    throw StoreError("wiki store: the lock of branch " + quote_input(branch) +
+    throw StoreError("wiki store: the lock of branch " + util::quote_input(branch) +
                      " must be taken inside a transaction");
   }
   db_.execute("SELECT pg_advisory_xact_lock(hashtextextended(?, 0))", {branch});
@@ -687,14 +200,9 @@ Existing PostgresWikiStore::load_pages(const std::string& branch) {
         for (std::size_t i = 0; i < std::size(kColumns); ++i) {
           const auto& column = kColumns[i];
           const int c = static_cast<int>(i);
-          if (libpq().PQgetisnull(result, r, c) != 0) {
-            fields.emplace(std::string(column.name), nullptr);
-          } else if (column.shape == Shape::Text) {
-            fields.emplace(std::string(column.name), Json(std::string(text(c))));
-          } else {
-            fields.emplace(std::string(column.name),
-                           decode(text(c), column.shape, branch, page_id, column.name));
-          }
+          const std::string_view value = text(c);
+          add_column(fields, column, libpq().PQgetisnull(result, r, c) != 0 ? nullptr : &value,
+                     branch, page_id);
         }
       } catch (const StoreError&) {
         if (!undecodable || order < undecodable->first) {
@@ -783,4 +291,4 @@ void PostgresWikiStore::clear_pending_log_lines(const std::string& branch, std::
   db_.execute("DELETE FROM plan_log_pending WHERE branch = ? AND sequence <= ?", {branch, through});
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::store::postgres

@@ -42,7 +42,7 @@
 struct pg_conn;
 struct pg_result;
 
-namespace zenthar_kodrune::workers::wiki {
+namespace zenthar_kodrune::workers::wiki::store::postgres {
 
 // Where a connection URI points, without its password: "host H, database D".
 // A URI libpq cannot parse is a StoreError that does not repeat the URI.
@@ -194,4 +194,4 @@ class PostgresWikiStore final : public WikiStore {
   std::unique_ptr<WikiStore> local_cache_;
 };
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::store::postgres

@@ -1,6 +1,8 @@
 // The SQLite connection the store runs on: statements compiled once and kept
 // in a bounded cache, values bound without copies, transactions that retry
 // a busy database, and WAL mode.
+#include "workers/wiki/store/sqlite/database.hpp"
+
 #include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -19,14 +21,11 @@
 #include <unordered_map>
 #include <utility>
 
-#include "workers/wiki/store/sqlite/internals.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
-namespace zenthar_kodrune::workers::wiki {
-
-namespace sqlite_detail {
+namespace zenthar_kodrune::workers::wiki::store::sqlite {
 
 // The column's text; valid until the statement steps on.
 std::string_view column_text(sqlite3_stmt* step, int column) {
@@ -54,8 +53,6 @@ std::int64_t integer_column(sqlite3_stmt* step, int column, std::string_view wha
   return sqlite3_column_int64(step, column);
 }
 
-}  // namespace sqlite_detail
-
 namespace {
 
 [[noreturn]] void fail(sqlite3* handle, std::string_view what) {
@@ -68,14 +65,14 @@ sqlite3_stmt* compile(sqlite3* handle, std::string_view sql, unsigned flags) {
   const char* tail = nullptr;
   if (sqlite3_prepare_v3(handle, sql.data(), static_cast<int>(sql.size()), flags, &raw, &tail) !=
       SQLITE_OK) {
-    fail(handle, "cannot prepare " + quote_input(sql));
+    fail(handle, "cannot prepare " + util::quote_input(sql));
   }
   const std::string_view rest(tail, static_cast<std::size_t>(sql.data() + sql.size() - tail));
   if (rest.find_first_not_of(" \t\r\n;") != std::string_view::npos) {
     sqlite3_finalize(raw);
-    throw StoreError("wiki store: one statement at a time, got " + quote_input(sql));
+    throw StoreError("wiki store: one statement at a time, got " + util::quote_input(sql));
   }
-  if (raw == nullptr) throw StoreError("wiki store: no statement in " + quote_input(sql));
+  if (raw == nullptr) throw StoreError("wiki store: no statement in " + util::quote_input(sql));
   return raw;
 }
 
@@ -85,8 +82,9 @@ void bind(sqlite3* handle, sqlite3_stmt* statement, std::string_view sql,
           const std::vector<SqlValue>& params) {
   const int expected = sqlite3_bind_parameter_count(statement);
   if (expected != static_cast<int>(params.size())) {
-    throw StoreError("wiki store: " + quote_input(sql) + " takes " + std::to_string(expected) +
-                     " parameters, " + std::to_string(params.size()) + " given");
+    throw StoreError("wiki store: " + util::quote_input(sql) + " takes " +
+                     std::to_string(expected) + " parameters, " + std::to_string(params.size()) +
+                     " given");
   }
   for (std::size_t i = 0; i < params.size(); ++i) {
     const int index = static_cast<int>(i) + 1;
@@ -109,7 +107,7 @@ void run(sqlite3* handle, sqlite3_stmt* statement, std::string_view sql, OnRow&&
   for (;;) {
     const int rc = sqlite3_step(statement);
     if (rc == SQLITE_DONE) return;
-    if (rc != SQLITE_ROW) fail(handle, "cannot run " + quote_input(sql));
+    if (rc != SQLITE_ROW) fail(handle, "cannot run " + util::quote_input(sql));
     row(statement);
   }
 }
@@ -119,7 +117,7 @@ void exec(sqlite3* handle, const std::string& sql) {
   if (sqlite3_exec(handle, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK) {
     std::string text = message != nullptr ? message : sqlite3_errmsg(handle);
     sqlite3_free(message);
-    throw StoreError("wiki store: cannot run " + quote_input(sql) + ": " + text);
+    throw StoreError("wiki store: cannot run " + util::quote_input(sql) + ": " + text);
   }
 }
 
@@ -214,8 +212,8 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
   if (path.has_parent_path()) {
     std::filesystem::create_directories(path.parent_path(), error);
     if (error) {
-      throw StoreError("wiki store: cannot create the folder of " + quote_input(path.string()) +
-                       ": " + error.message());
+      throw StoreError("wiki store: cannot create the folder of " +
+                       util::quote_input(path.string()) + ": " + error.message());
     }
   }
   const int rc =
@@ -230,7 +228,8 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
     std::string message = handle_ != nullptr ? sqlite3_errmsg(handle_) : sqlite3_errstr(rc);
     sqlite3_close(handle_);
     handle_ = nullptr;
-    throw StoreError("wiki store: cannot open " + quote_input(path.string()) + ": " + message);
+    throw StoreError("wiki store: cannot open " + util::quote_input(path.string()) + ": " +
+                     message);
   }
   sqlite3_extended_result_codes(handle_, 1);
   sqlite3_busy_timeout(handle_, busy_timeout_ms);
@@ -246,7 +245,7 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
     if (sqlite3_db_config(handle_, option, value, nullptr) != SQLITE_OK) {
       sqlite3_close(handle_);
       handle_ = nullptr;
-      throw StoreError("wiki store: cannot open " + quote_input(path.string()) +
+      throw StoreError("wiki store: cannot open " + util::quote_input(path.string()) +
                        " with SQLite's defensive settings");
     }
   }
@@ -261,7 +260,7 @@ SqliteDatabase::SqliteDatabase(const std::filesystem::path& path, int busy_timeo
     std::string message = sqlite3_errmsg(handle_);
     sqlite3_close(handle_);
     handle_ = nullptr;
-    throw StoreError("wiki store: " + quote_input(path.string()) +
+    throw StoreError("wiki store: " + util::quote_input(path.string()) +
                      " cannot be read as an SQLite database: " + message);
   }
 }
@@ -375,7 +374,7 @@ void SqliteDatabase::enable_wal() {
       // An in-memory database answers "memory"; a file must be in WAL from now on.
       if (rows.empty() || !std::holds_alternative<std::string>(rows[0][0])) {
         throw StoreError("wiki store: cannot set the journal mode of " +
-                         quote_input(path_.string()));
+                         util::quote_input(path_.string()));
       }
       return;
     } catch (const StoreError&) {
@@ -389,4 +388,4 @@ void SqliteDatabase::enable_wal() {
   }
 }
 
-}  // namespace zenthar_kodrune::workers::wiki
+}  // namespace zenthar_kodrune::workers::wiki::store::sqlite

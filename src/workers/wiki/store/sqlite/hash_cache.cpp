@@ -4,19 +4,20 @@
 #include <utility>
 #include <vector>
 
-#include "workers/wiki/store/sqlite/internals.hpp"
+#include "workers/wiki/store/sqlite/database.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
-using sqlite_detail::column_text;
-using sqlite_detail::integer_column;
+using store::sqlite::column_text;
+using store::sqlite::integer_column;
+using store::sqlite::SqliteDatabase;
 
 FileHashCache SqliteWikiStore::load_file_hash_cache() {
   // A connection serves one thread at a time, and this read runs beside the
   // build that holds the store's own.
-  SqliteDatabase reader(db_.path());
+  SqliteDatabase reader(db_->path());
   FileHashCache cache;
   // Sized first: growing a map of 100k entries rehashes it many times over,
   // and each rehash walks every node, which costs more than counting rows.
@@ -45,7 +46,7 @@ FileHashCache SqliteWikiStore::load_file_hash_cache() {
 
 void SqliteWikiStore::save_file_hashes(
     const std::vector<std::pair<std::string, CachedFileHash>>& entries) {
-  auto scope = db_.transaction();
+  auto scope = db_->transaction();
   // One parameter list for every entry: its texts keep their buffers.
   std::vector<SqlValue> params;
   params.reserve(5);
@@ -60,7 +61,7 @@ void SqliteWikiStore::save_file_hashes(
     std::get<std::int64_t>(params[2]) = entry.mtime_ns;
     std::get<std::int64_t>(params[3]) = static_cast<std::int64_t>(entry.inode);
     std::get<std::string>(params[4]).assign(entry.hash);
-    db_.execute(
+    db_->execute(
         "INSERT INTO file_hashes (path, size, mtime_ns, inode, hash) VALUES (?, ?, ?, ?, ?) "
         "ON CONFLICT (path) DO UPDATE SET size = excluded.size, mtime_ns = excluded.mtime_ns, "
         "inode = excluded.inode, hash = excluded.hash",

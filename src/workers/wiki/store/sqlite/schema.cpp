@@ -10,15 +10,16 @@
 #include <string_view>
 #include <vector>
 
-#include "workers/wiki/store/sqlite/internals.hpp"
+#include "workers/wiki/store/sqlite/database.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/safe_fs.hpp"
 #include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
-using sqlite_detail::as_integer;
-using sqlite_detail::column_text;
+using store::sqlite::as_integer;
+using store::sqlite::column_text;
+using store::sqlite::SqliteDatabase;
 
 namespace {
 
@@ -117,7 +118,7 @@ std::string a_kind(const std::string& type) {
   if (type == "table") return "a table";
   if (type == "view") return "a view";
   if (type == "trigger") return "a trigger";
-  return "an object of type " + quote_input(type);
+  return "an object of type " + util::quote_input(type);
 }
 
 // A store may come with a cloned repository, so its file is hostile until
@@ -131,17 +132,18 @@ void check_own_schema(SqliteDatabase& db) {
     const auto match = std::find_if(own.begin(), own.end(), [&](const SchemaObject& object) {
       return object.type == found.type && object.name == found.name;
     });
-    const std::string where = "wiki store: " + quote_input(db.path().string());
+    const std::string where = "wiki store: " + util::quote_input(db.path().string());
     if (match == own.end()) {
       // A table that names a virtual table's module is still "table" here.
       const bool virtual_table = found.sql && found.sql->rfind("CREATE VIRTUAL TABLE", 0) == 0;
       throw StoreError(where + " holds " +
                        (virtual_table ? std::string("a virtual table") : a_kind(found.type)) + " " +
-                       quote_input(found.name) +
+                       util::quote_input(found.name) +
                        " that this program does not create; it is left untouched");
     }
     if (match->sql != found.sql) {
-      throw StoreError(where + " holds " + a_kind(found.type) + " " + quote_input(found.name) +
+      throw StoreError(where + " holds " + a_kind(found.type) + " " +
+                       util::quote_input(found.name) +
                        " whose definition is not the one this program gives it; it is left "
                        "untouched");
     }
@@ -151,9 +153,13 @@ void check_own_schema(SqliteDatabase& db) {
 }  // namespace
 
 SqliteWikiStore::SqliteWikiStore(const std::filesystem::path& path, int busy_timeout_ms)
-    : db_(path, busy_timeout_ms) {
+    : db_(std::make_unique<store::sqlite::SqliteDatabase>(path, busy_timeout_ms)) {
   open_schema();
 }
+
+SqliteWikiStore::~SqliteWikiStore() = default;
+
+Database& SqliteWikiStore::db() { return *db_; }
 
 std::filesystem::path SqliteWikiStore::default_path(const std::filesystem::path& checkout_root) {
   return checkout_root / "memory" / "orvane" / ".store" / "wiki.db";
@@ -165,25 +171,26 @@ std::filesystem::path SqliteWikiStore::legacy_path(const std::filesystem::path& 
 
 void SqliteWikiStore::open_schema() {
   const auto read_version = [this] {
-    const auto rows = db_.query("PRAGMA user_version");
+    const auto rows = db_->query("PRAGMA user_version");
     return rows.empty() ? std::int64_t{0} : as_integer(rows[0][0], "user_version");
   };
   // Checked before anything is written, WAL mode included: a newer schema's
   // file must be left exactly as it was.
   const std::int64_t version = read_version();
   if (version > SCHEMA_VERSION) {
-    throw StoreError("wiki store: " + quote_input(db_.path().string()) + " has schema version " +
-                     std::to_string(version) + ", newer than the version " +
-                     std::to_string(SCHEMA_VERSION) + " this program knows");
+    throw StoreError("wiki store: " + util::quote_input(db_->path().string()) +
+                     " has schema version " + std::to_string(version) +
+                     ", newer than the version " + std::to_string(SCHEMA_VERSION) +
+                     " this program knows");
   }
-  check_own_schema(db_);
-  db_.enable_wal();
+  check_own_schema(*db_);
+  db_->enable_wal();
   if (version == SCHEMA_VERSION) return;
-  auto scope = db_.transaction();
+  auto scope = db_->transaction();
   // Another connection may have created the schema while this one waited.
   if (read_version() == SCHEMA_VERSION) return;
-  run_schema(db_);
-  db_.execute("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
+  run_schema(*db_);
+  db_->execute("PRAGMA user_version = " + std::to_string(SCHEMA_VERSION));
 }
 
 namespace {
@@ -197,7 +204,7 @@ void refuse_links(const SafeDir& dir) {
     const std::string name = std::string(kStoreFile) + std::string(suffix);
     const auto status = dir.entry_status(name);
     if (status && !S_ISREG(status->st_mode)) {
-      throw StoreError("wiki store: " + quote_input((dir.path() / name).string()) +
+      throw StoreError("wiki store: " + util::quote_input((dir.path() / name).string()) +
                        (S_ISLNK(status->st_mode) ? " is a symbolic link; refusing to follow it"
                                                  : " is not a regular file"));
     }

@@ -8,34 +8,29 @@
 #include <string_view>
 
 #include "workers/wiki/store/row_codec.hpp"
-#include "workers/wiki/store/sqlite/internals.hpp"
+#include "workers/wiki/store/sqlite/database.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 
-using sqlite_detail::column_text;
-using sqlite_detail::integer_column;
+using store::sqlite::column_text;
+using store::sqlite::integer_column;
+using store::sqlite::SqliteDatabase;
 
 namespace {
 
-using detail::Column;
-using detail::decode;
-using detail::encode;
-using detail::encode_mapping;
-using detail::kColumns;
-using detail::kUpdateStructure;
-using detail::row_values;
-using detail::Shape;
-using detail::structure_values;
+using store::Column;
+using store::decode;
+using store::encode;
+using store::encode_mapping;
+using store::kColumns;
+using store::kUpdateStructure;
+using store::row_values;
+using store::Shape;
+using store::structure_values;
 
 std::string select_pages_sql() {
-  std::string sql = "SELECT ";
-  for (std::size_t i = 0; i < std::size(kColumns); ++i) {
-    if (i > 0) sql += ", ";
-    sql += kColumns[i].name;
-  }
-  sql += " FROM wiki_pages WHERE branch = ? ORDER BY insertion_order";
-  return sql;
+  return store::select_columns_sql() + " FROM wiki_pages WHERE branch = ? ORDER BY insertion_order";
 }
 
 }  // namespace
@@ -60,14 +55,14 @@ void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::str
       "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
   std::vector<SqlValue> params = row_values(branch, page_id, title, columns);
   params.emplace_back(branch);
-  db_.execute(kUpsert, params);
+  db_->execute(kUpsert, params);
 }
 
 Existing SqliteWikiStore::load_pages(const std::string& branch) {
   static const std::string kSelect = select_pages_sql();
   Existing pages;
   std::string number;
-  db_.for_each_row(kSelect, {branch}, [&](sqlite3_stmt* step) {
+  db_->for_each_row(kSelect, {branch}, [&](sqlite3_stmt* step) {
     std::string page_id(column_text(step, 1));
     // Built in column order, the order a row shows its columns.
     Json row(Json::value_t::object);
@@ -77,23 +72,14 @@ Existing SqliteWikiStore::load_pages(const std::string& branch) {
       const Column& column = kColumns[i];
       const int index = static_cast<int>(i);
       const int type = sqlite3_column_type(step, index);
-      if (type == SQLITE_NULL) {
-        fields.emplace(std::string(column.name), nullptr);
-        continue;
-      }
       std::string_view text;
       if (type == SQLITE_INTEGER) {
         number = std::to_string(sqlite3_column_int64(step, index));
         text = number;
-      } else {
+      } else if (type != SQLITE_NULL) {
         text = column_text(step, index);
       }
-      if (column.shape == Shape::Text) {
-        fields.emplace(std::string(column.name), Json(Json::string_t(text)));
-      } else {
-        fields.emplace(std::string(column.name),
-                       decode(text, column.shape, branch, page_id, column.name));
-      }
+      store::add_column(fields, column, type == SQLITE_NULL ? nullptr : &text, branch, page_id);
     }
     pages.insert_or_assign(std::move(page_id), std::move(row));
   });
@@ -102,7 +88,7 @@ Existing SqliteWikiStore::load_pages(const std::string& branch) {
 
 void SqliteWikiStore::update_structure(const std::string& branch, const std::string& page_id,
                                        const std::string& title, const WikiPageColumns& columns) {
-  db_.execute(kUpdateStructure, structure_values(branch, page_id, title, columns));
+  db_->execute(kUpdateStructure, structure_values(branch, page_id, title, columns));
 }
 
 void SqliteWikiStore::delete_pages(const std::string& branch,
@@ -117,26 +103,27 @@ void SqliteWikiStore::delete_pages(const std::string& branch,
     params.emplace_back(id);
   }
   sql += ")";
-  db_.execute(sql, params);
+  db_->execute(sql, params);
 }
 
 void SqliteWikiStore::add_pending_log_line(const std::string& branch, const std::string& line) {
-  db_.execute("INSERT INTO plan_log_pending (branch, line) VALUES (?, ?)", {branch, line});
+  db_->execute("INSERT INTO plan_log_pending (branch, line) VALUES (?, ?)", {branch, line});
 }
 
 std::vector<WikiStore::PendingLogLine> SqliteWikiStore::pending_log_lines(
     const std::string& branch) {
   std::vector<PendingLogLine> lines;
-  db_.for_each_row("SELECT sequence, line FROM plan_log_pending WHERE branch = ? ORDER BY sequence",
-                   {branch}, [&lines](sqlite3_stmt* step) {
-                     lines.emplace_back(integer_column(step, 0, "sequence"),
-                                        std::string(column_text(step, 1)));
-                   });
+  db_->for_each_row(
+      "SELECT sequence, line FROM plan_log_pending WHERE branch = ? ORDER BY sequence", {branch},
+      [&lines](sqlite3_stmt* step) {
+        lines.emplace_back(integer_column(step, 0, "sequence"), std::string(column_text(step, 1)));
+      });
   return lines;
 }
 
 void SqliteWikiStore::clear_pending_log_lines(const std::string& branch, std::int64_t through) {
-  db_.execute("DELETE FROM plan_log_pending WHERE branch = ? AND sequence <= ?", {branch, through});
+  db_->execute("DELETE FROM plan_log_pending WHERE branch = ? AND sequence <= ?",
+               {branch, through});
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

@@ -17,7 +17,7 @@
 #include "kodrune-wiki/rpc/rpc.hpp"
 #include "support/temp_dir.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::rpc {
 namespace {
 
 // The answers to `input`, read from a file or, `piped`, from a pipe that
@@ -198,4 +198,4 @@ TEST(RpcIo, PinPlanFromTheDocumentAnswersAsFromValues) {
 }
 
 }  // namespace
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::rpc

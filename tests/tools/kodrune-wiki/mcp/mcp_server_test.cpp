@@ -10,12 +10,12 @@
 #include "e2e/repo_fixture.hpp"
 #include "kodrune-wiki/mcp/mcp_tools.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::mcp {
 namespace {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 using kodrune_e2e::GitRepo;
-using mcp::Json;
+using zenthar_kodrune::workers::wiki::Json;
 
 std::unique_ptr<wiki::WikiGenerator> slow_generator(const GitRepo& repo) {
   wiki::WikiGeneratorOptions options;
@@ -141,4 +141,4 @@ TEST(McpSession, CancelledRequestsGetNoAnswerWhetherWaitingOrRunning) {
 }
 
 }  // namespace
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::mcp

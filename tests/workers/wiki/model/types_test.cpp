@@ -66,7 +66,7 @@ TEST(PageIds, PlannerAndPinningBuildOneCatchAllPage) {
   const auto found = std::find_if(planned.begin(), planned.end(),
                                   [](const PlanPtr& plan) { return plan->catch_all; });
   ASSERT_NE(found, planned.end());
-  const PlanPtr built = catch_all_page((*found)->source_files);
+  const PlanPtr built = model::catch_all_page((*found)->source_files);
   EXPECT_EQ(plan_to_json(**found), plan_to_json(*built));
   EXPECT_EQ(built->description, "Remaining modules and files (" +
                                     std::to_string(built->source_files.size()) + " files).");

@@ -29,12 +29,12 @@ TEST(Quoting, EscapesWhatALineCannotShowAndKeepsTheRest) {
       {"cut \xe2\x9c", "cut \\xe2\\x9c"},
       {"back\\slash", "back\\slash"},
   };
-  for (const auto& [text, expected] : cases) EXPECT_EQ(escaped(text), expected) << expected;
+  for (const auto& [text, expected] : cases) EXPECT_EQ(util::escaped(text), expected) << expected;
 }
 
 TEST(Quoting, QuotesShortInputWholeAndCutsLongInputSayingHowMuchIsLeft) {
-  EXPECT_EQ(quote_input("module-src"), "\"module-src\"");
-  EXPECT_EQ(quote_input(""), "\"\"");
+  EXPECT_EQ(util::quote_input("module-src"), "\"module-src\"");
+  EXPECT_EQ(util::quote_input(""), "\"\"");
 
   // Built by appending: GCC 12 at -O2 warns falsely on `"\"" + std::string(n, c)`.
   const auto expected = [](std::size_t kept, char c, const char* rest) {
@@ -44,12 +44,12 @@ TEST(Quoting, QuotesShortInputWholeAndCutsLongInputSayingHowMuchIsLeft) {
     text.append(rest);
     return text;
   };
-  EXPECT_EQ(quote_input(std::string(100000, 'x')), expected(200, 'x', "99800 more bytes)"));
+  EXPECT_EQ(util::quote_input(std::string(100000, 'x')), expected(200, 'x', "99800 more bytes)"));
 
   // A cut never splits a character: 199 bytes, then a two-byte é at 199-200.
   std::string accented(199, 'a');
   accented.append("\xc3\xa9tail");
-  EXPECT_EQ(quote_input(accented), expected(199, 'a', "6 more bytes)"));
+  EXPECT_EQ(util::quote_input(accented), expected(199, 'a', "6 more bytes)"));
 }
 
 TEST(Quoting, CarriesPathsThatAreUtf8WithoutControlCharacters) {
@@ -64,12 +64,12 @@ TEST(Quoting, CarriesPathsThatAreUtf8WithoutControlCharacters) {
       {std::string("src/bad\xff.py"), false},
       {"src/c1\xc2\x9b.py", false},
   };
-  for (const auto& [path, carried] : cases) EXPECT_EQ(is_carried_path(path), carried) << path;
+  for (const auto& [path, carried] : cases) EXPECT_EQ(util::is_carried_path(path), carried) << path;
 }
 
 TEST(Quoting, OneLineTextRefusesControlCharactersNamingCodeAndPlace) {
-  EXPECT_NO_THROW(check_one_line("Compression: zstd_compress*", "title"));
-  EXPECT_NO_THROW(check_one_line("Caf\xc3\xa9 \xe2\x80\x94 notes", "title"));
+  EXPECT_NO_THROW(util::check_one_line("Compression: zstd_compress*", "title"));
+  EXPECT_NO_THROW(util::check_one_line("Caf\xc3\xa9 \xe2\x80\x94 notes", "title"));
   const std::pair<std::string, std::string> refused[] = {
       {"two\nlines", "U+000A at byte 3"},
       {"tab\tbed", "U+0009 at byte 3"},
@@ -78,8 +78,8 @@ TEST(Quoting, OneLineTextRefusesControlCharactersNamingCodeAndPlace) {
   };
   for (const auto& [title, where] : refused) {
     try {
-      check_one_line(title, "title of page \"overview\"");
-      ADD_FAILURE() << "accepted " << escaped(title);
+      util::check_one_line(title, "title of page \"overview\"");
+      ADD_FAILURE() << "accepted " << util::escaped(title);
     } catch (const ValueError& e) {
       EXPECT_THAT(e.what(), HasSubstr("title of page \"overview\" holds the control character"));
       EXPECT_THAT(e.what(), HasSubstr(where));

@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "support/temp_dir.hpp"
+#include "workers/wiki/orchestrator/file_hasher.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 #include "zenthar_kodrune/workers/wiki/steering.hpp"
@@ -25,11 +26,11 @@ TEST(FileContentHash, HashesRegularFilesUnderTheRootOnly) {
   std::ofstream(repo / "src/a.txt", std::ios::binary) << "abc";
   std::ofstream(tmp.path() / "secret.txt") << "secret";
   std::filesystem::create_symlink(tmp.path() / "secret.txt", repo / "link.txt");
-  EXPECT_EQ(file_content_hash(repo, "./src//a.txt"), kHashOfAbc);
-  EXPECT_EQ(file_content_hash(repo, "src/missing.txt"), std::nullopt);
-  EXPECT_EQ(file_content_hash(repo, "src"), std::nullopt);
+  EXPECT_EQ(util::file_content_hash(repo, "./src//a.txt"), kHashOfAbc);
+  EXPECT_EQ(util::file_content_hash(repo, "src/missing.txt"), std::nullopt);
+  EXPECT_EQ(util::file_content_hash(repo, "src"), std::nullopt);
   // A link inside the tree that points out of it is no repository file.
-  EXPECT_EQ(file_content_hash(repo, "link.txt"), std::nullopt);
+  EXPECT_EQ(util::file_content_hash(repo, "link.txt"), std::nullopt);
 }
 
 // One rule for every reader of a repository path: no absolute path and no
@@ -38,16 +39,16 @@ TEST(RepoPath, AbsoluteAndDotDotPathsAreRefusedByEveryReader) {
   kodrune_test::TempDir tmp;
   std::filesystem::create_directories(tmp.path() / "src");
   std::ofstream(tmp.path() / "src/a.txt", std::ios::binary) << "abc";
-  FileHasher hasher(tmp.path(), read_whole_file, false);
+  orchestrator::FileHasher hasher(tmp.path(), read_whole_file, false);
   for (const char* path : {"../outside.txt", "src/../../outside.txt", "src/../src/a.txt",
                            "a/../b.cpp", "/etc/hostname"}) {
-    EXPECT_THROW(_repo_path(path), ValueError) << path;
-    EXPECT_THROW(file_content_hash(tmp.path(), path), ValueError) << path;
+    EXPECT_THROW(util::_repo_path(path), ValueError) << path;
+    EXPECT_THROW(util::file_content_hash(tmp.path(), path), ValueError) << path;
     EXPECT_THROW(hasher.hashes({path}), ValueError) << path;
     EXPECT_THROW(path_inside(tmp.path(), path, "page"), ValueError) << path;
   }
-  EXPECT_THROW(_repo_path("\\server\\x"), ValueError);
-  EXPECT_EQ(_repo_path(".\\src//a.txt"), "src/a.txt");
+  EXPECT_THROW(util::_repo_path("\\server\\x"), ValueError);
+  EXPECT_EQ(util::_repo_path(".\\src//a.txt"), "src/a.txt");
   EXPECT_EQ(hasher.hashes({"./src//a.txt", "src/none.txt"}), (Json{{"src/a.txt", kHashOfAbc}}));
 }
 

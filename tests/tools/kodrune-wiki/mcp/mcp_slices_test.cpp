@@ -6,7 +6,7 @@
 
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::mcp {
 namespace {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
@@ -92,4 +92,4 @@ TEST(McpSlices, CutListKeepsTheFirstEntriesAndCountsThem) {
 }
 
 }  // namespace
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::mcp
