@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -57,12 +58,16 @@ class WikiSite {
 
   // Reads the repository, the rows and the log as they are now.
   void load();
-  // The same, unless nothing it reads from changed since the last load: no
-  // indexed file's size, time or inode, nor any of `watched` (the git index
-  // and HEAD, the steering, the SQLite store and its write-ahead log, the
-  // plan log). Without `watched` (a store that other machines write) every
-  // call loads.
-  void load_if_changed(const std::vector<std::filesystem::path>& watched);
+  // The same, unless nothing it reads from changed since the last load:
+  // `watched` (the git index and HEAD, the steering, the SQLite store and its
+  // write-ahead log, the plan log, the saved bodies' folder) and, for a
+  // request of `page_id`, that page's files, are checked at every call; the
+  // other indexed files' size, time and inode at most once per
+  // `kSweepInterval`. Without `watched` (a store that other machines write)
+  // every call loads.
+  void load_if_changed(const std::vector<std::filesystem::path>& watched,
+                       const std::string& page_id = {});
+  static constexpr std::chrono::milliseconds kSweepInterval{1000};
 
   std::string index_html() const;
   // nullopt for an id outside the plan.
@@ -87,10 +92,15 @@ class WikiSite {
     bool stale = false;
     std::string why;
     bool part = false;
+    // Slots in the index of the files it lists and cites.
+    std::vector<std::size_t> files;
   };
   const Entry* find(const std::string& page_id) const;
-  std::uint64_t sources_stamp(const std::vector<std::filesystem::path>& watched,
+  std::uint64_t watched_stamp(const std::vector<std::filesystem::path>& watched,
                               std::int64_t& newest) const;
+  // One stamp per file of the index, in its order.
+  std::vector<std::uint64_t> index_stamps(std::int64_t& newest) const;
+  bool page_files_changed(const std::string& page_id) const;
   std::string root(std::string_view from) const;
   std::string page_href(std::string_view from, const std::string& page_id) const;
   std::string source_href(std::string_view from, const std::string& path,
@@ -111,8 +121,12 @@ class WikiSite {
   std::set<std::string> ids_;
   std::set<std::string> index_files_;
   std::size_t plan_size_ = 0;
-  // The stamp of what the last load read, when it can be trusted.
-  std::optional<std::uint64_t> loaded_stamp_;
+  std::map<std::string, std::size_t> by_id_;
+  // The stamps of what the last load read; they are compared only when trusted.
+  bool trusted_ = false;
+  std::uint64_t loaded_watched_ = 0;
+  std::vector<std::uint64_t> file_stamps_;
+  std::chrono::steady_clock::time_point swept_;
   mutable std::string tree_cache_;
   std::set<std::string> cited_;
 };
