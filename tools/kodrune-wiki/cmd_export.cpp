@@ -377,6 +377,7 @@ std::size_t export_html(wiki::WikiGenerator& g, const fs::path& dir) {
   changed += write_site_file(root, "style.css", std::string(WikiSite::stylesheet()));
   changed += write_site_file(root, "index.html", site.index_html());
   changed += write_site_file(root, "history.html", site.history_html());
+  changed += write_site_file(root, "tree.html", site.tree_page_html());
   for (const auto& id : site.page_ids()) {
     if (id.find('/') != std::string::npos || id.empty() || id.front() == '.') {
       throw wiki::ValueError("page id " + wiki::quote_input(id) +

@@ -199,6 +199,8 @@ class Server {
         html = site->index_html();
       } else if (path == "/history.html") {
         html = site->history_html();
+      } else if (path == "/tree.html") {
+        html = site->tree_page_html();
       } else if (page) {
         html = site->page_html(page_id);
       } else if (path.rfind("/source/", 0) == 0 && path.size() > 13 &&

@@ -80,6 +80,8 @@ nav.tree ul { list-style: none; margin: 0; padding-left: 0; }
 nav.tree ul ul { padding-left: 1.1em; }
 nav.tree li { margin: .15em 0; }
 nav.tree li.current > a { font-weight: 600; }
+main nav.tree { width: auto; border: 0; padding: 0; }
+.tree-note { margin: 0 0 .6em; }
 main { flex: 1; min-width: 0; padding: .8em 2em 3em; max-width: 62em; }
 a { color: #0969da; }
 .badge { display: inline-block; font-size: 11px; padding: 0 .5em; border-radius: 1em;
@@ -203,6 +205,10 @@ std::string WikiSite::badge(const Entry& entry) const {
 }
 
 std::string WikiSite::tree_html(std::string_view from, const std::string& current_page) const {
+  // A large branch's tree would make every page megabytes long: the sidebar
+  // shows the current page's neighbours in build order and links to the
+  // tree page instead.
+  if (entries_.size() > links_.tree_limit) return neighbourhood(from, current_page);
   // Served pages all link from the root: the tree is drawn once a load and
   // only the current page is marked in each copy.
   if (!links_.static_site) {
@@ -218,10 +224,8 @@ std::string WikiSite::tree_html(std::string_view from, const std::string& curren
   return draw_tree(from, current_page);
 }
 
-std::string WikiSite::draw_tree(std::string_view from, const std::string& current_page) const {
-  std::map<std::string, const Entry*> by_id;
-  for (const auto& entry : entries_) by_id.emplace(entry.plan->page_id, &entry);
-  std::string out = "<nav class=\"tree\" aria-label=\"Pages\"><ul>";
+void WikiSite::draw_family(std::string& out, std::string_view from, const Entry& head,
+                           const std::string& current_page, bool with_parts) const {
   const auto item = [&](const Entry& entry) {
     const std::string& id = entry.plan->page_id;
     out += "<li data-page=\"" + html_escaped(id) + "\" data-state=\"" +
@@ -230,27 +234,52 @@ std::string WikiSite::draw_tree(std::string_view from, const std::string& curren
     out += "><a href=\"" + html_escaped(page_href(from, id)) + "\">" + html_escaped(entry.title) +
            "</a>" + badge(entry);
   };
-  for (const auto& entry : entries_) {
-    if (entry.part) continue;
-    item(entry);
-    if (!entry.plan->children.empty()) {
-      out += "<ul>";
-      for (const auto& child : entry.plan->children) {
-        const auto part = by_id.find(child);
-        if (part == by_id.end()) continue;
-        item(*part->second);
-        out += "</li>";
-      }
-      out += "</ul>";
+  item(head);
+  if (with_parts && !head.plan->children.empty()) {
+    out += "<ul>";
+    for (const auto& child : head.plan->children) {
+      const Entry* part = find(child);
+      if (part == nullptr) continue;
+      item(*part);
+      out += "</li>";
     }
-    out += "</li>";
+    out += "</ul>";
+  }
+  out += "</li>";
+}
+
+std::string WikiSite::draw_tree(std::string_view from, const std::string& current_page) const {
+  std::string out = "<nav class=\"tree\" aria-label=\"Pages\"><ul>";
+  for (const std::size_t head : heads_) draw_family(out, from, entries_[head], current_page, true);
+  out += "</ul></nav>";
+  return out;
+}
+
+std::string WikiSite::neighbourhood(std::string_view from, const std::string& current_page) const {
+  std::size_t center = 0;
+  if (const Entry* entry = find(current_page)) center = entry->head;
+  const std::size_t first = center > links_.tree_neighbours ? center - links_.tree_neighbours : 0;
+  const std::size_t last = std::min(heads_.size(), center + links_.tree_neighbours + 1);
+  std::string out = "<nav class=\"tree\" aria-label=\"Pages\"><p class=\"tree-note\"><a href=\"" +
+                    html_escaped(root(from) + "tree.html" + links_.query) + "\">All " +
+                    std::to_string(entries_.size()) + " pages</a></p><ul>";
+  for (std::size_t at = first; at < last; ++at) {
+    // Only the current page's family shows its parts.
+    draw_family(out, from, entries_[heads_[at]], current_page, at == center && find(current_page));
   }
   out += "</ul></nav>";
   return out;
 }
 
+std::string WikiSite::tree_page_html() const {
+  const std::string title = "All pages of branch " + g_.branch();
+  return layout("tree.html", title, "",
+                "<h1>" + html_escaped(title) + "</h1>" + draw_tree("tree.html", ""), false);
+}
+
 std::string WikiSite::layout(std::string_view from, const std::string& title,
-                             const std::string& current_page, const std::string& main) const {
+                             const std::string& current_page, const std::string& main,
+                             bool sidebar) const {
   const std::string home = root(from);
   std::string out =
       "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\">"
@@ -261,6 +290,7 @@ std::string WikiSite::layout(std::string_view from, const std::string& title,
   out += "<header><a class=\"home\" href=\"" +
          html_escaped(home + (links_.static_site ? "index.html" : "") + links_.query) +
          "\">Wiki of branch " + html_escaped(g_.branch()) + "</a>";
+  out += "<a href=\"" + html_escaped(home + "tree.html" + links_.query) + "\">All pages</a>";
   out += "<a href=\"" + html_escaped(home + "history.html" + links_.query) + "\">History</a>";
   if (!links_.static_site && branches_.size() > 1) {
     out += "<span class=\"branches\">Branches: ";
@@ -271,8 +301,8 @@ std::string WikiSite::layout(std::string_view from, const std::string& title,
     }
     out += "</span>";
   }
-  out += "</header><div class=\"layout\">" + tree_html(from, current_page) + "<main>" + main +
-         "</main></div></body></html>\n";
+  out += "</header><div class=\"layout\">" + (sidebar ? tree_html(from, current_page) : "") +
+         "<main>" + main + "</main></div></body></html>\n";
   return out;
 }
 

@@ -43,6 +43,11 @@ struct SiteLinks {
   // "?branch=..." appended to every link of a served page for a branch other
   // than the server's own; empty otherwise.
   std::string query;
+  // A branch of more pages than this gets, in each page's sidebar, only the
+  // families `tree_neighbours` either side of the page's own, and the whole
+  // tree on a page of its own.
+  std::size_t tree_limit = 500;
+  std::size_t tree_neighbours = 20;
 };
 
 // A cited range of a source view: 1-based, inclusive.
@@ -77,6 +82,8 @@ class WikiSite {
   std::optional<std::string> source_html(const std::string& path,
                                          std::optional<LineRange> highlight);
   std::string history_html();
+  // Every page in one tree with its badge (tree.html).
+  std::string tree_page_html() const;
   static std::string_view stylesheet();
 
   // Everything a static site holds, in build order.
@@ -92,6 +99,8 @@ class WikiSite {
     bool stale = false;
     std::string why;
     bool part = false;
+    // The position in `heads_` of its family's head.
+    std::size_t head = 0;
     // Slots in the index of the files it lists and cites.
     std::vector<std::size_t> files;
   };
@@ -106,9 +115,13 @@ class WikiSite {
   std::string source_href(std::string_view from, const std::string& path,
                           std::optional<LineRange> range) const;
   std::string layout(std::string_view from, const std::string& title,
-                     const std::string& current_page, const std::string& main) const;
+                     const std::string& current_page, const std::string& main,
+                     bool sidebar = true) const;
   std::string tree_html(std::string_view from, const std::string& current_page) const;
   std::string draw_tree(std::string_view from, const std::string& current_page) const;
+  std::string neighbourhood(std::string_view from, const std::string& current_page) const;
+  void draw_family(std::string& out, std::string_view from, const Entry& head,
+                   const std::string& current_page, bool with_parts) const;
   std::string badge(const Entry& entry) const;
   std::string body_html(const Entry& entry, const zenthar_kodrune::workers::wiki::Json& row,
                         const std::string& body,
@@ -122,6 +135,8 @@ class WikiSite {
   std::set<std::string> index_files_;
   std::size_t plan_size_ = 0;
   std::map<std::string, std::size_t> by_id_;
+  // The entries that are no family's part, in build order.
+  std::vector<std::size_t> heads_;
   // The stamps of what the last load read; they are compared only when trusted.
   bool trusted_ = false;
   std::uint64_t loaded_watched_ = 0;

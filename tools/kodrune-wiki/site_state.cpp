@@ -150,6 +150,7 @@ void WikiSite::load() {
   const std::set<std::string> stale = g_._select_stale(plans, existing, false);
   entries_.clear();
   by_id_.clear();
+  heads_.clear();
   tree_cache_.clear();
   ids_.clear();
   cited_.clear();
@@ -190,7 +191,17 @@ void WikiSite::load() {
       }
     }
     by_id_.emplace(plan->page_id, entries_.size());
+    if (!entry.part) {
+      entry.head = heads_.size();
+      heads_.push_back(entries_.size());
+    }
     entries_.push_back(std::move(entry));
+  }
+  for (std::size_t at = 0; at < heads_.size(); ++at) {
+    for (const auto& child : entries_[heads_[at]].plan->children) {
+      const auto part = by_id_.find(child);
+      if (part != by_id_.end()) entries_[part->second].head = at;
+    }
   }
   plan_size_ = plans.size();
   index_files_ = std::set<std::string>(g_.index().files.begin(), g_.index().files.end());

@@ -1,11 +1,13 @@
 // The HTML the browser view writes from texts it did not write itself:
 // escaping, URL paths, and Markdown whose raw HTML and dangerous links must
-// never act.
+// never act; and the page tree a large branch shows beside each page.
 #include "kodrune-wiki/site.hpp"
 
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "e2e/repo_fixture.hpp"
 
 namespace kodrune_cli {
 namespace {
@@ -78,6 +80,65 @@ TEST(LinkedPage, NamesAPageOfTheWikiByAnyOfItsLinkForms) {
   EXPECT_EQ(linked_page("https://x/pages/module-src.md", ids), "");
   EXPECT_EQ(linked_page("other/module-src.md", ids), "");
   EXPECT_EQ(linked_page("module-lib.md", ids), "");
+}
+
+// The data-page ids of `html`'s first page tree, in order; `tree` is that
+// tree's HTML.
+std::vector<std::string> tree_ids(const std::string& html, std::string* tree = nullptr) {
+  const std::size_t from = html.find("<nav class=\"tree\"");
+  const std::string nav = html.substr(from, html.find("</nav>", from) - from);
+  if (tree != nullptr) *tree = nav;
+  std::vector<std::string> ids;
+  const std::string mark = "data-page=\"";
+  for (std::size_t at = nav.find(mark); at != std::string::npos; at = nav.find(mark, at)) {
+    at += mark.size();
+    ids.push_back(nav.substr(at, nav.find('"', at) - at));
+  }
+  return ids;
+}
+
+// Seven module pages, no families: a sidebar that may not hold them all
+// lists the page's neighbours in build order and links to the tree page.
+TEST(WikiSiteTree, ALargeBranchsSidebarListsThePagesNeighboursAndLinksToAllPages) {
+  namespace wiki = zenthar_kodrune::workers::wiki;
+  kodrune_e2e::GitRepo repo;
+  for (int unit = 1; unit <= 7; ++unit) repo.write_unit("u" + std::to_string(unit), 2);
+  repo.commit("seed");
+  repo.plan();
+  wiki::WikiGeneratorOptions options;
+  options.progress = false;
+  wiki::WikiGenerator generator(repo.root(), "main", repo.store(), std::move(options));
+  WikiSite whole(generator, SiteLinks{}, {"main"});
+  whole.load();
+  const std::vector<std::string> ids = whole.page_ids();
+  ASSERT_GE(ids.size(), 8u);
+  const std::size_t last = ids.size() - 1;
+  const auto slice = [&](std::size_t from, std::size_t to) {
+    return std::vector<std::string>(ids.begin() + from, ids.begin() + to + 1);
+  };
+  const struct {
+    const char* name;
+    std::size_t limit, neighbours, page;
+    std::vector<std::string> listed;
+  } cases[] = {
+      {"small enough for the whole tree", 100, 1, 3, ids},
+      {"one either side", 3, 1, 3, slice(2, 4)},
+      {"the first page", 3, 1, 0, slice(0, 1)},
+      {"the last page", 3, 2, last, slice(last - 2, last)},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    SiteLinks links;
+    links.tree_limit = c.limit;
+    links.tree_neighbours = c.neighbours;
+    WikiSite site(generator, links, {"main"});
+    site.load();
+    std::string tree;
+    EXPECT_EQ(tree_ids(*site.page_html(ids[c.page]), &tree), c.listed);
+    const std::string all = "href=\"/tree.html\">All " + std::to_string(ids.size()) + " pages</a>";
+    EXPECT_EQ(tree.find(all) != std::string::npos, c.limit < ids.size()) << tree;
+    EXPECT_EQ(tree_ids(site.tree_page_html()), ids);
+  }
 }
 
 }  // namespace
