@@ -212,8 +212,7 @@ std::string WikiSite::tree_html(std::string_view from, const std::string& curren
   // Served pages all link from the root: the tree is drawn once a load and
   // only the current page is marked in each copy.
   if (!links_.static_site) {
-    if (tree_cache_.empty()) tree_cache_ = draw_tree(from, "");
-    std::string tree = tree_cache_;
+    std::string tree = served_tree();
     const std::string item = "<li data-page=\"" + html_escaped(current_page) + "\" data-state=\"";
     const std::size_t at = current_page.empty() ? std::string::npos : tree.find(item);
     if (at != std::string::npos) {
@@ -222,6 +221,11 @@ std::string WikiSite::tree_html(std::string_view from, const std::string& curren
     return tree;
   }
   return draw_tree(from, current_page);
+}
+
+const std::string& WikiSite::served_tree() const {
+  if (tree_cache_.empty()) tree_cache_ = draw_tree("", "");
+  return tree_cache_;
 }
 
 void WikiSite::draw_family(std::string& out, std::string_view from, const Entry& head,
@@ -274,7 +278,9 @@ std::string WikiSite::neighbourhood(std::string_view from, const std::string& cu
 std::string WikiSite::tree_page_html() const {
   const std::string title = "All pages of branch " + g_.branch();
   return layout("tree.html", title, "",
-                "<h1>" + html_escaped(title) + "</h1>" + draw_tree("tree.html", ""), false);
+                "<h1>" + html_escaped(title) + "</h1>" +
+                    (links_.static_site ? draw_tree("tree.html", "") : served_tree()),
+                false);
 }
 
 std::string WikiSite::layout(std::string_view from, const std::string& title,

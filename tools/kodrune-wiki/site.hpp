@@ -119,6 +119,9 @@ class WikiSite {
                      bool sidebar = true) const;
   std::string tree_html(std::string_view from, const std::string& current_page) const;
   std::string draw_tree(std::string_view from, const std::string& current_page) const;
+  // The whole tree as served pages link it, none marked current; drawn
+  // once a load.
+  const std::string& served_tree() const;
   std::string neighbourhood(std::string_view from, const std::string& current_page) const;
   void draw_family(std::string& out, std::string_view from, const Entry& head,
                    const std::string& current_page, bool with_parts) const;
