@@ -210,6 +210,10 @@ test('the wiki in a browser: serve and the static site', { timeout: 240000 }, as
     assert.equal(await page.$eval('#L1', (l) => l.classList.contains('cited')), true);
     await Promise.all([page.waitForNavigation(), page.click('header a[href$="history.html"]')]);
     assert.equal(await page.$$eval('ol.timeline > li', (l) => l.length), 3);
+    await Promise.all([page.waitForNavigation(), page.click('header a[href$="tree.html"]')]);
+    assert.equal(page.url(), 'file://' + path.join(site, 'tree.html'));
+    const tree = await page.$$eval('main nav.tree li', (l) => l.map((x) => [x.dataset.page, x.dataset.state]));
+    assert.deepEqual(tree, served);
   });
 
   await t.test('plan and save beside a server answering in a loop lose nothing', async () => {
