@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <system_error>
 #include <thread>
 #include <unordered_map>
 
@@ -98,7 +99,13 @@ std::vector<std::uint64_t> WikiSite::index_stamps(std::int64_t& newest) const {
       stamps[at] = root.stamp(files[at], newest_of[share]);
   };
   std::vector<std::thread> helpers;
-  for (std::size_t share = 1; share < shares; ++share) helpers.emplace_back(stamp_share, share);
+  for (std::size_t share = 1; share < shares; ++share) {
+    try {
+      helpers.emplace_back(stamp_share, share);
+    } catch (const std::system_error&) {
+      stamp_share(share);  // no thread to spare: this one does the share
+    }
+  }
   stamp_share(0);
   for (auto& helper : helpers) helper.join();
   for (const std::int64_t time : newest_of) newest = std::max(newest, time);
@@ -119,7 +126,7 @@ bool WikiSite::page_files_changed(const std::string& page_id) const {
 // Every request checks the files in `watched` (the git index and HEAD, the
 // steering, the store and its write-ahead log, the plan log, the folder of
 // saved bodies): a `save`, a `plan`, a commit or a checkout by any process
-// rewrites at least one of them, so none of them is ever shown late. A
+// rewrites at least one of them, so what they change never shows late. A
 // request for a page also checks the files that page lists and cites, so the
 // page itself always shows an edit of its own files. Every other indexed
 // file is checked at most once per `kSweepInterval`: an edit that only
