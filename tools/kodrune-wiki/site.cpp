@@ -1,6 +1,4 @@
-// The wiki's HTML pages. Every text taken from the repository, the store or
-// a page body is escaped where it is written: bodies are an agent's and
-// repositories may be hostile.
+// HTML escaping and links, the page tree, the layout every page shares, the index.
 #include "kodrune-wiki/site.hpp"
 
 #include <charconv>
@@ -16,6 +14,9 @@ using wiki::Json;
 
 using namespace site_parts;
 
+// Every text of the pages taken from the repository, the store or a body is
+// escaped where it is written: bodies are an agent's and repositories may
+// be hostile.
 std::string html_escaped(std::string_view text) {
   std::string out;
   out.reserve(text.size());

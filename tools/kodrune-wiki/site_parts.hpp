@@ -1,5 +1,4 @@
-// What the files drawing the wiki's pages share: badge classes, line
-// ranges as text and from anchors, and which paths are the wiki's own.
+// Small helpers the files drawing the wiki's pages share.
 #pragma once
 
 #include <cstdint>
