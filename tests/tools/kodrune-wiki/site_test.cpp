@@ -97,34 +97,42 @@ std::vector<std::string> tree_ids(const std::string& html, std::string* tree = n
   return ids;
 }
 
-// Seven module pages, no families: a sidebar that may not hold them all
-// lists the page's neighbours in build order and links to the tree page.
+// Seven modules, u4 a family of two parts: a sidebar that may not hold
+// every page lists the families either side of the page's own, only that
+// family with its parts, and links to the tree page, which holds them all.
 TEST(WikiSiteTree, ALargeBranchsSidebarListsThePagesNeighboursAndLinksToAllPages) {
   namespace wiki = zenthar_kodrune::workers::wiki;
+  using Ids = std::vector<std::string>;
   kodrune_e2e::GitRepo repo;
-  for (int unit = 1; unit <= 7; ++unit) repo.write_unit("u" + std::to_string(unit), 2);
+  for (int unit = 1; unit <= 7; ++unit)
+    repo.write_unit("u" + std::to_string(unit), unit == 4 ? 17 : 2);
   repo.commit("seed");
   repo.plan();
   wiki::WikiGeneratorOptions options;
   options.progress = false;
   wiki::WikiGenerator generator(repo.root(), "main", repo.store(), std::move(options));
-  WikiSite whole(generator, SiteLinks{}, {"main"});
-  whole.load();
-  const std::vector<std::string> ids = whole.page_ids();
-  ASSERT_GE(ids.size(), 8u);
-  const std::size_t last = ids.size() - 1;
-  const auto slice = [&](std::size_t from, std::size_t to) {
-    return std::vector<std::string>(ids.begin() + from, ids.begin() + to + 1);
+  // The larger module is built first.
+  const Ids all{"overview",  "module-u4", "module-u4-part-f01", "module-u4-part-f07", "module-u1",
+                "module-u2", "module-u3", "module-u5",          "module-u6",          "module-u7"};
+  const Ids family{"module-u4", "module-u4-part-f01", "module-u4-part-f07"};
+  const auto around = [&](const char* before, const char* after) {
+    Ids ids{before};
+    ids.insert(ids.end(), family.begin(), family.end());
+    ids.emplace_back(after);
+    return ids;
   };
   const struct {
     const char* name;
-    std::size_t limit, neighbours, page;
-    std::vector<std::string> listed;
+    std::size_t limit, neighbours;
+    const char* page;
+    Ids listed;
   } cases[] = {
-      {"small enough for the whole tree", 100, 1, 3, ids},
-      {"one either side", 3, 1, 3, slice(2, 4)},
-      {"the first page", 3, 1, 0, slice(0, 1)},
-      {"the last page", 3, 2, last, slice(last - 2, last)},
+      {"small enough for the whole tree", 100, 1, "module-u1", all},
+      {"a family's head", 3, 1, "module-u4", around("overview", "module-u1")},
+      {"a part", 3, 1, "module-u4-part-f07", around("overview", "module-u1")},
+      {"beside a family", 3, 1, "module-u1", {"module-u4", "module-u1", "module-u2"}},
+      {"the first page", 3, 1, "overview", {"overview", "module-u4"}},
+      {"the last page", 3, 2, "module-u7", {"module-u5", "module-u6", "module-u7"}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -134,10 +142,14 @@ TEST(WikiSiteTree, ALargeBranchsSidebarListsThePagesNeighboursAndLinksToAllPages
     WikiSite site(generator, links, {"main"});
     site.load();
     std::string tree;
-    EXPECT_EQ(tree_ids(*site.page_html(ids[c.page]), &tree), c.listed);
-    const std::string all = "href=\"/tree.html\">All " + std::to_string(ids.size()) + " pages</a>";
-    EXPECT_EQ(tree.find(all) != std::string::npos, c.limit < ids.size()) << tree;
-    EXPECT_EQ(tree_ids(site.tree_page_html()), ids);
+    EXPECT_EQ(tree_ids(*site.page_html(c.page), &tree), c.listed);
+    const std::string link = "href=\"/tree.html\">All 10 pages</a>";
+    EXPECT_EQ(tree.find(link) != std::string::npos, c.limit < all.size()) << tree;
+    EXPECT_NE(tree.find("<li data-page=\"" + std::string(c.page) +
+                        "\" data-state=\"unwritten\" class=\"current\">"),
+              std::string::npos)
+        << tree;
+    EXPECT_EQ(tree_ids(site.tree_page_html()), all);
   }
 }
 
