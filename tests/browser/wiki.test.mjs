@@ -78,6 +78,19 @@ test('the wiki in a browser: serve and the static site', { timeout: 240000 }, as
     assert.equal(tree.length, 3);
   });
 
+  await t.test('every page in one click, on a tree page of its own with badges', async () => {
+    await page.goto(new URL('pages/module-src.html', base).href);
+    await Promise.all([page.waitForNavigation(), page.click('header a[href="/tree.html"]')]);
+    const tree = await page.$$eval('main nav.tree li', (items) =>
+      items.map((li) => [li.dataset.page, li.querySelector('.badge').textContent]));
+    assert.deepEqual(Object.fromEntries(tree), {
+      overview: 'never written',
+      'module-src': 'fresh',
+      'module-lib': 'never written',
+    });
+    assert.equal(await page.$$eval('div.layout > nav.tree', (n) => n.length), 0);
+  });
+
   await t.test('a saved page rendered, its citation opening the source view', async () => {
     await page.goto(new URL('pages/module-src.html', base).href);
     assert.equal(await page.$eval('article table td', (td) => td.textContent), 'a');
@@ -117,6 +130,28 @@ test('the wiki in a browser: serve and the static site', { timeout: 240000 }, as
     assert.equal(change, 'modified since the save');
     await page.goto(base);
     assert.equal(await page.$eval('li[data-page="module-src"]', (li) => li.dataset.state), 'stale');
+  });
+
+  await t.test("an edit of another page's file shows in the sidebar within seconds", async () => {
+    repo.wiki('save', 'module-lib', bodyFile);
+    const state = async () => {
+      await page.goto(new URL('pages/module-src.html', base).href);
+      return page.$eval('li[data-page="module-lib"]', (li) => li.dataset.state);
+    };
+    // Files written within two seconds of a read make the server read
+    // everything again at each request; past that, only the requested
+    // page's own files are checked at every request, the others swept at
+    // most once a second.
+    await new Promise((resolve) => setTimeout(resolve, 2500));
+    assert.equal(await state(), 'fresh');
+    assert.equal(await state(), 'fresh');
+    repo.write('lib/x.cpp', 'int x() {\n  return 2;\n}\n');
+    let seen = await state();
+    for (let tries = 0; seen !== 'stale' && tries < 50; tries += 1) {
+      await new Promise((resolve) => setTimeout(resolve, 100));
+      seen = await state();
+    }
+    assert.equal(seen, 'stale');
   });
 
   await t.test('the history after builds with amendments and a drift warning', async () => {
@@ -175,6 +210,10 @@ test('the wiki in a browser: serve and the static site', { timeout: 240000 }, as
     assert.equal(await page.$eval('#L1', (l) => l.classList.contains('cited')), true);
     await Promise.all([page.waitForNavigation(), page.click('header a[href$="history.html"]')]);
     assert.equal(await page.$$eval('ol.timeline > li', (l) => l.length), 3);
+    await Promise.all([page.waitForNavigation(), page.click('header a[href$="tree.html"]')]);
+    assert.equal(page.url(), 'file://' + path.join(site, 'tree.html'));
+    const tree = await page.$$eval('main nav.tree li', (l) => l.map((x) => [x.dataset.page, x.dataset.state]));
+    assert.deepEqual(tree, served);
   });
 
   await t.test('plan and save beside a server answering in a loop lose nothing', async () => {

@@ -17,6 +17,10 @@
 
 namespace kodrune_cli {
 
+using web::linked_page;
+using web::SiteLinks;
+using web::WikiSite;
+
 namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
 using wiki::Json;
@@ -377,6 +381,7 @@ std::size_t export_html(wiki::WikiGenerator& g, const fs::path& dir) {
   changed += write_site_file(root, "style.css", std::string(WikiSite::stylesheet()));
   changed += write_site_file(root, "index.html", site.index_html());
   changed += write_site_file(root, "history.html", site.history_html());
+  changed += write_site_file(root, "tree.html", site.tree_page_html());
   for (const auto& id : site.page_ids()) {
     if (id.find('/') != std::string::npos || id.empty() || id.front() == '.') {
       throw wiki::ValueError("page id " + wiki::util::quote_input(id) +

@@ -20,6 +20,11 @@
 
 namespace kodrune_cli {
 
+using web::LineRange;
+using web::SiteLinks;
+using web::url_path;
+using web::WikiSite;
+
 namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
 using wiki::Json;
@@ -190,15 +195,19 @@ class Server {
       Open* open = site_for(branch);
       if (open == nullptr) return not_found();
       WikiSite* site = open->site.get();
-      site->load_if_changed(open->watched);
+      const bool page = path.rfind("/pages/", 0) == 0 && path.size() > 12 &&
+                        path.compare(path.size() - 5, 5, ".html") == 0;
+      const std::string page_id = page ? path.substr(7, path.size() - 12) : std::string();
+      site->load_if_changed(open->watched, page_id);
       std::optional<std::string> html;
       if (path == "/" || path == "/index.html") {
         html = site->index_html();
       } else if (path == "/history.html") {
         html = site->history_html();
-      } else if (path.rfind("/pages/", 0) == 0 && path.size() > 12 &&
-                 path.compare(path.size() - 5, 5, ".html") == 0) {
-        html = site->page_html(path.substr(7, path.size() - 12));
+      } else if (path == "/tree.html") {
+        html = site->tree_page_html();
+      } else if (page) {
+        html = site->page_html(page_id);
       } else if (path.rfind("/source/", 0) == 0 && path.size() > 13 &&
                  path.compare(path.size() - 5, 5, ".html") == 0) {
         std::optional<LineRange> range;
@@ -242,10 +251,12 @@ class Server {
     return &sites_.emplace(branch, std::move(open)).first->second;
   }
 
-  // What a view of `branch` is read from besides the indexed files, when
-  // all of it is on this machine; empty (read everything at every request)
-  // for a store that other machines write, or a folder outside git, whose
-  // file list only a walk can tell.
+  // What a view of `branch` is read from besides the indexed files, checked
+  // at every request (see WikiSite::load_if_changed), when all of it is on
+  // this machine: the saved bodies' folder too, whose time a body replaced
+  // by a rename changes. Empty (read everything at every request) for a
+  // store that other machines write, or a folder outside git, whose file
+  // list only a walk can tell.
   std::vector<fs::path> watched_files(const std::string& branch) const {
     if (store_url_.kind != wiki::orchestrator::StoreKind::Sqlite) return {};
     const fs::path root = fs::absolute(options_.common.repo);
@@ -269,7 +280,8 @@ class Server {
             wiki::memory_dir(root) / "steering.md",
             store,
             store.string() + "-wal",
-            wiki::wiki_dir_of(root, branch) / wiki::_PLAN_LOG_NAME};
+            wiki::wiki_dir_of(root, branch) / wiki::_PLAN_LOG_NAME,
+            wiki::wiki_dir_of(root, branch) / "pages"};
   }
 
   // The branches with a wiki folder beside the default one: each build

@@ -9,7 +9,7 @@
 
 #include "kodrune-wiki/web/site.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::web {
 
 namespace {
 
@@ -76,4 +76,4 @@ std::string markdown_html(std::string_view markdown,
   return out;
 }
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::web

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -16,7 +17,7 @@
 
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
-namespace kodrune_cli {
+namespace kodrune_cli::web {
 
 // Text made safe inside HTML elements and attribute values.
 std::string html_escaped(std::string_view text);
@@ -42,6 +43,11 @@ struct SiteLinks {
   // "?branch=..." appended to every link of a served page for a branch other
   // than the server's own; empty otherwise.
   std::string query;
+  // A branch of more pages than this gets, in each page's sidebar, only the
+  // families `tree_neighbours` either side of the page's own, and the whole
+  // tree on a page of its own.
+  std::size_t tree_limit = 500;
+  std::size_t tree_neighbours = 20;
 };
 
 // A cited range of a source view: 1-based, inclusive.
@@ -57,12 +63,16 @@ class WikiSite {
 
   // Reads the repository, the rows and the log as they are now.
   void load();
-  // The same, unless nothing it reads from changed since the last load: no
-  // indexed file's size, time or inode, nor any of `watched` (the git index
-  // and HEAD, the steering, the SQLite store and its write-ahead log, the
-  // plan log). Without `watched` (a store that other machines write) every
-  // call loads.
-  void load_if_changed(const std::vector<std::filesystem::path>& watched);
+  // The same, unless nothing it reads from changed since the last load:
+  // `watched` (the git index and HEAD, the steering, the SQLite store and its
+  // write-ahead log, the plan log, the saved bodies' folder) and, for a
+  // request of `page_id`, that page's files, are checked at every call; the
+  // other indexed files' size, time and inode at most once per
+  // `kSweepInterval`. Without `watched` (a store that other machines write)
+  // every call loads.
+  void load_if_changed(const std::vector<std::filesystem::path>& watched,
+                       const std::string& page_id = {});
+  static constexpr std::chrono::milliseconds kSweepInterval{1000};
 
   std::string index_html() const;
   // nullopt for an id outside the plan.
@@ -72,6 +82,8 @@ class WikiSite {
   std::optional<std::string> source_html(const std::string& path,
                                          std::optional<LineRange> highlight);
   std::string history_html();
+  // Every page in one tree with its badge (tree.html).
+  std::string tree_page_html() const;
   static std::string_view stylesheet();
 
   // Everything a static site holds, in build order.
@@ -87,18 +99,32 @@ class WikiSite {
     bool stale = false;
     std::string why;
     bool part = false;
+    // The position in `heads_` of its family's head.
+    std::size_t head = 0;
+    // Slots in the index of the files it lists and cites.
+    std::vector<std::size_t> files;
   };
   const Entry* find(const std::string& page_id) const;
-  std::uint64_t sources_stamp(const std::vector<std::filesystem::path>& watched,
+  std::uint64_t watched_stamp(const std::vector<std::filesystem::path>& watched,
                               std::int64_t& newest) const;
+  // One stamp per file of the index, in its order.
+  std::vector<std::uint64_t> index_stamps(std::int64_t& newest) const;
+  bool page_files_changed(const std::string& page_id) const;
   std::string root(std::string_view from) const;
   std::string page_href(std::string_view from, const std::string& page_id) const;
   std::string source_href(std::string_view from, const std::string& path,
                           std::optional<LineRange> range) const;
   std::string layout(std::string_view from, const std::string& title,
-                     const std::string& current_page, const std::string& main) const;
+                     const std::string& current_page, const std::string& main,
+                     bool sidebar = true) const;
   std::string tree_html(std::string_view from, const std::string& current_page) const;
   std::string draw_tree(std::string_view from, const std::string& current_page) const;
+  // The whole tree as served pages link it, none marked current; drawn
+  // once a load.
+  const std::string& served_tree() const;
+  std::string neighbourhood(std::string_view from, const std::string& current_page) const;
+  void draw_family(std::string& out, std::string_view from, const Entry& head,
+                   const std::string& current_page, bool with_parts) const;
   std::string badge(const Entry& entry) const;
   std::string body_html(const Entry& entry, const zenthar_kodrune::workers::wiki::Json& row,
                         const std::string& body,
@@ -111,10 +137,16 @@ class WikiSite {
   std::set<std::string> ids_;
   std::set<std::string> index_files_;
   std::size_t plan_size_ = 0;
-  // The stamp of what the last load read, when it can be trusted.
-  std::optional<std::uint64_t> loaded_stamp_;
+  std::map<std::string, std::size_t> by_id_;
+  // The entries that are no family's part, in build order.
+  std::vector<std::size_t> heads_;
+  // The stamps of what the last load read; they are compared only when trusted.
+  bool trusted_ = false;
+  std::uint64_t loaded_watched_ = 0;
+  std::vector<std::uint64_t> file_stamps_;
+  std::chrono::steady_clock::time_point swept_;
   mutable std::string tree_cache_;
   std::set<std::string> cited_;
 };
 
-}  // namespace kodrune_cli
+}  // namespace kodrune_cli::web
