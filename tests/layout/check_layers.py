@@ -61,7 +61,7 @@ def main():
                     breaches.append(f"{path}: {target}")
                 elif ROOMS.index(target) > ROOMS.index(room) and (room, target) not in ALLOWED:
                     breaches.append(f"{path}: room {room} includes {include} of room {target}")
-    for top in ("src", "tools", "include"):
+    for top in ("src", "tools", "include", "tests"):
         for folder, _, files in os.walk(top):
             sources = [n for n in files if n.endswith((".cpp", ".hpp"))]
             if len(sources) > MAX_FILES:

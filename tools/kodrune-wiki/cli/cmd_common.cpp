@@ -12,11 +12,16 @@ namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
 
 void add_common_options(CLI::App& command, CommonOptions& options) {
-  command.add_option("--branch", options.branch,
-                     "Branch whose wiki to use (default: the current git branch, else main)");
+  add_location_options(command, options,
+                       "Branch whose wiki to use (default: the current git branch, else main)");
+  command.add_flag("--json", options.json, "Print one JSON value instead of text");
+}
+
+void add_location_options(CLI::App& command, CommonOptions& options,
+                          const std::string& branch_help) {
+  command.add_option("--branch", options.branch, branch_help);
   command.add_option("--repo", options.repo, "Repository root (default: .)");
   add_store_option(command, options.store);
-  command.add_flag("--json", options.json, "Print one JSON value instead of text");
 }
 
 void add_store_option(CLI::App& command, std::string& store) {

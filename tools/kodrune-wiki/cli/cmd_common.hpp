@@ -30,6 +30,9 @@ struct CommonOptions {
 };
 
 void add_common_options(CLI::App& command, CommonOptions& options);
+// --branch, --repo and --store, the branch's help saying what it is for.
+void add_location_options(CLI::App& command, CommonOptions& options,
+                          const std::string& branch_help);
 
 // --store URL, also read from KODRUNE_WIKI_STORE (store_url.hpp).
 void add_store_option(CLI::App& command, std::string& store);

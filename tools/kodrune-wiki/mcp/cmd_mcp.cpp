@@ -16,10 +16,8 @@ Command add_mcp_command(CLI::App& app) {
   auto options = std::make_shared<CommonOptions>();
   CLI::App* command = app.add_subcommand(
       "mcp", "Serve the wiki's tools to an agent: a Model Context Protocol server on stdio");
-  command->add_option("--branch", options->branch,
-                      "Branch whose wiki to serve (default: the current git branch, else main)");
-  command->add_option("--repo", options->repo, "Repository root (default: .)");
-  add_store_option(*command, options->store);
+  add_location_options(*command, *options,
+                       "Branch whose wiki to serve (default: the current git branch, else main)");
   return Command{command, [options] {
                    // A bad URL is told at once, not at the first tool call.
                    const int checked = run_guarded(

@@ -11,10 +11,8 @@ Command add_rpc_command(CLI::App& app) {
   auto options = std::make_shared<CommonOptions>();
   CLI::App* command = app.add_subcommand(
       "rpc", "Serve the plan of record over JSON Lines on stdin/stdout, on the branch's store");
-  command->add_option("--branch", options->branch,
-                      "Branch whose store to use (default: the current git branch, else main)");
-  command->add_option("--repo", options->repo, "Repository root (default: .)");
-  add_store_option(*command, options->store);
+  add_location_options(*command, *options,
+                       "Branch whose store to use (default: the current git branch, else main)");
   return Command{command, [options] {
                    // Bad options end the command before any request is read;
                    // the store itself is opened by the first op that needs it.

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <iterator>
+#include <set>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -166,6 +167,23 @@ inline void add_column(Json::object_t& fields, const Column& column, const std::
     fields.emplace(std::string(column.name),
                    decode(*text, column.shape, branch, page_id, column.name));
   }
+}
+
+// "DELETE FROM <table> WHERE branch = ? AND page_id IN (?, ...)" over the
+// distinct ids, sorted so that the same ids give the same statement, with its
+// values; no text when there is no id.
+inline std::pair<std::string, std::vector<SqlValue>> delete_pages_statement(
+    std::string_view table, const std::string& branch, const std::vector<std::string>& page_ids) {
+  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
+  if (ids.empty()) return {};
+  std::string sql = "DELETE FROM " + std::string(table) + " WHERE branch = ? AND page_id IN (";
+  std::vector<SqlValue> params{branch};
+  for (const auto& id : ids) {
+    sql += params.size() == 1 ? "?" : ",?";
+    params.emplace_back(id);
+  }
+  sql += ")";
+  return {std::move(sql), std::move(params)};
 }
 
 }  // namespace zenthar_kodrune::workers::wiki::store

@@ -153,19 +153,13 @@ void PostgresWikiStore::update_structure(const std::string& branch, const std::s
 
 void PostgresWikiStore::delete_pages(const std::string& branch,
                                      const std::vector<std::string>& page_ids) {
-  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
-  if (ids.empty()) return;
-  std::string sql = "DELETE FROM wiki_pages WHERE branch = ? AND page_id IN (";
-  std::vector<SqlValue> params{branch};
-  for (const auto& id : ids) {
-    sql += params.size() == 1 ? "?" : ",?";
-    params.emplace_back(id);
-  }
-  sql += ")";
+  auto [sql, params] = store::delete_pages_statement("wiki_pages", branch, page_ids);
+  if (sql.empty()) return;
   db_.write(sql, params);
   // A retired page's saved body goes with its row.
-  sql.replace(0, std::string_view("DELETE FROM wiki_pages").size(), "DELETE FROM wiki_page_bodies");
-  db_.write(sql, std::move(params));
+  auto [bodies_sql, bodies_params] =
+      store::delete_pages_statement("wiki_page_bodies", branch, page_ids);
+  db_.write(bodies_sql, std::move(bodies_params));
 }
 
 Existing PostgresWikiStore::load_pages(const std::string& branch) {

@@ -93,17 +93,8 @@ void SqliteWikiStore::update_structure(const std::string& branch, const std::str
 
 void SqliteWikiStore::delete_pages(const std::string& branch,
                                    const std::vector<std::string>& page_ids) {
-  // Distinct and sorted: the same ids give the same statement.
-  const std::set<std::string> ids(page_ids.begin(), page_ids.end());
-  if (ids.empty()) return;
-  std::string sql = "DELETE FROM wiki_pages WHERE branch = ? AND page_id IN (";
-  std::vector<SqlValue> params{branch};
-  for (const auto& id : ids) {
-    sql += params.size() == 1 ? "?" : ",?";
-    params.emplace_back(id);
-  }
-  sql += ")";
-  db_->execute(sql, params);
+  const auto [sql, params] = store::delete_pages_statement("wiki_pages", branch, page_ids);
+  if (!sql.empty()) db_->execute(sql, params);
 }
 
 void SqliteWikiStore::add_pending_log_line(const std::string& branch, const std::string& line) {
