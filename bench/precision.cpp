@@ -25,6 +25,7 @@
 //
 // CLONE is checked out commit by commit (`git checkout -f`), its memory/
 // folder excluded from git: give it a clone of its own.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -63,62 +64,38 @@ struct Options {
   bool owners = false;
 };
 
-[[noreturn]] void fail(const std::string& message, int code = 1) {
+[[noreturn]] void fail(const std::string& message) {
   std::cerr << "kodrune_precision: " << message << "\n";
-  if (code == 2) {
-    std::cerr << "usage: kodrune_precision --wiki PATH --repo CLONE [--stride N] [--ranges N] "
-                 "[--span N] [--seed N] [--ext .c,.h] [--limit N] [--steps] [--owners]\n";
-  }
-  std::exit(code);
-}
-
-std::size_t number(const std::string& option, const std::string& text) {
-  try {
-    std::size_t used = 0;
-    const unsigned long value = std::stoul(text, &used);
-    if (used == text.size() && value > 0) return value;
-  } catch (const std::exception&) {
-  }
-  fail(option + " wants a positive number, not '" + text + "'", 2);
+  std::exit(1);
 }
 
 Options parse_options(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const auto value = [&]() -> std::string {
-      if (i + 1 >= argc) fail(arg + " wants a value", 2);
-      return argv[++i];
-    };
-    if (arg == "--wiki") {
-      options.wiki = value();
-    } else if (arg == "--repo") {
-      options.repo = value();
-    } else if (arg == "--stride") {
-      options.stride = number(arg, value());
-    } else if (arg == "--ranges") {
-      options.ranges = number(arg, value());
-    } else if (arg == "--span") {
-      options.span = number(arg, value());
-    } else if (arg == "--seed") {
-      options.seed = number(arg, value());
-    } else if (arg == "--limit") {
-      options.limit = number(arg, value());
-    } else if (arg == "--ext") {
-      options.extensions.clear();
-      std::stringstream list(value());
-      for (std::string ext; std::getline(list, ext, ',');) {
-        if (!ext.empty()) options.extensions.push_back(ext);
-      }
-    } else if (arg == "--steps") {
-      options.steps = true;
-    } else if (arg == "--owners") {
-      options.owners = true;
-    } else {
-      fail("unknown option " + arg, 2);
+  std::string extensions;
+  CLI::App app{"Replays a git history through save and changes, and judges each cited range"};
+  app.name("kodrune_precision");
+  app.add_option("--wiki", options.wiki, "The kodrune-wiki binary")->required();
+  app.add_option("--repo", options.repo, "A clone of the history to replay")->required();
+  app.add_option("--stride", options.stride, "Replay every Nth commit")->check(CLI::PositiveNumber);
+  app.add_option("--ranges", options.ranges, "Cited ranges per page")->check(CLI::PositiveNumber);
+  app.add_option("--span", options.span, "Lines per cited range")->check(CLI::PositiveNumber);
+  app.add_option("--seed", options.seed, "Seed of the ranges cited")->check(CLI::PositiveNumber);
+  app.add_option("--ext", extensions, "File extensions to cite, comma-separated");
+  app.add_option("--limit", options.limit, "Stop after N steps")->check(CLI::PositiveNumber);
+  app.add_flag("--steps", options.steps, "Print a line per step");
+  app.add_flag("--owners", options.owners, "Print which page owns each judged range");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    std::exit(app.exit(e));
+  }
+  if (!extensions.empty()) {
+    options.extensions.clear();
+    std::stringstream list(extensions);
+    for (std::string ext; std::getline(list, ext, ',');) {
+      if (!ext.empty()) options.extensions.push_back(ext);
     }
   }
-  if (options.wiki.empty() || options.repo.empty()) fail("--wiki and --repo are required", 2);
   return options;
 }
 

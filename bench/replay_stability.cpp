@@ -20,6 +20,7 @@
 //  - the *page-id churn* is the number of page ids that came or went.
 #include <unistd.h>
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
@@ -56,57 +57,26 @@ struct Options {
   bool steps = false;
 };
 
-[[noreturn]] void usage_error(const std::string& message) {
-  std::cerr << "kodrune_replay_stability: " << message << "\n"
-            << "usage: kodrune_replay_stability --wiki PATH (--paths FILE.jsonl | --git REPO "
-               "[--rev REF]) [--stride N] [--limit N] [--work DIR] [--steps]\n";
-  std::exit(2);
-}
-
-std::size_t positive_number(const std::string& option, const std::string& text) {
-  std::size_t used = 0;
-  unsigned long value = 0;
-  try {
-    value = std::stoul(text, &used);
-  } catch (const std::exception&) {
-    used = 0;
-  }
-  if (used != text.size() || value == 0)
-    usage_error(option + " wants a positive number, not '" + text + "'");
-  return value;
-}
-
 Options parse_options(int argc, char** argv) {
   Options options;
-  for (int i = 1; i < argc; ++i) {
-    const std::string arg = argv[i];
-    const auto value = [&]() -> std::string {
-      if (i + 1 >= argc) usage_error(arg + " needs a value");
-      return argv[++i];
-    };
-    if (arg == "--wiki") {
-      options.wiki = value();
-    } else if (arg == "--paths") {
-      options.paths_file = value();
-    } else if (arg == "--git") {
-      options.git_repo = value();
-    } else if (arg == "--rev") {
-      options.rev = value();
-    } else if (arg == "--stride") {
-      options.stride = positive_number(arg, value());
-    } else if (arg == "--limit") {
-      options.limit = positive_number(arg, value());
-    } else if (arg == "--work") {
-      options.work = value();
-    } else if (arg == "--steps") {
-      options.steps = true;
-    } else {
-      usage_error("unknown argument '" + arg + "'");
+  CLI::App app{"Replays a history through kodrune-wiki plan and tells how much structure moved"};
+  app.name("kodrune_replay_stability");
+  app.add_option("--wiki", options.wiki, "The kodrune-wiki binary")->required();
+  auto* paths = app.add_option("--paths", options.paths_file, "A recorded history (JSON Lines)");
+  auto* git = app.add_option("--git", options.git_repo, "A git repository's first-parent history");
+  paths->excludes(git);
+  app.add_option("--rev", options.rev, "The revision whose history to replay (with --git)");
+  app.add_option("--stride", options.stride, "Replay every Nth step")->check(CLI::PositiveNumber);
+  app.add_option("--limit", options.limit, "Stop after N steps")->check(CLI::PositiveNumber);
+  app.add_option("--work", options.work, "Folder to replay in (default: a temporary one)");
+  app.add_flag("--steps", options.steps, "Print a line per step");
+  try {
+    app.parse(argc, argv);
+    if (options.paths_file.empty() && options.git_repo.empty()) {
+      throw CLI::ValidationError("--paths or --git", "give one history to replay");
     }
-  }
-  if (options.wiki.empty()) usage_error("--wiki is required");
-  if (options.paths_file.empty() == options.git_repo.empty()) {
-    usage_error("give one history: --paths FILE.jsonl or --git REPO");
+  } catch (const CLI::ParseError& e) {
+    std::exit(app.exit(e));
   }
   return options;
 }

@@ -23,35 +23,19 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build=build/bench-release
+# shellcheck source=scripts/bench_build.sh
+source scripts/bench_build.sh
 out=$build/bench-results
 reps=${BENCH_REPETITIONS:-3}
 filter=${BENCH_FILTER:-.}
 repo_files=${BENCH_REPO_FILES:-100000}
 repo=build/bench-repo
 runs=${BENCH_COMMAND_RUNS:-5}
-jobs=$(nproc 2>/dev/null || echo 2)
-[ "$jobs" -gt 2 ] && jobs=2
 
-# GCC 12 at -O2/-O3 reports false array-bounds and stringop-overflow hits
-# inside libstdc++'s string copies (GCC bugs 105329, 105651); they stay
-# warnings here so an optimised build is possible. Set BENCH_CXXFLAGS= to
-# build with every warning an error.
-cxxflags=${BENCH_CXXFLAGS--Wno-error=array-bounds -Wno-error=stringop-overflow}
-
-bash scripts/setup.sh
 mkdir -p "$out"
-if ! {
-  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF \
-    -DKODRUNE_BUILD_BENCH=ON "-DCMAKE_CXX_FLAGS=$cxxflags" &&
-    cmake --build "$build" -j "$jobs" --target kodrune_bench kodrune_bench_make_repo kodrune_bench_make_request \
-      kodrune_bench_parse_floor kodrune_bench_rpc_time kodrune_bench_shared_store kodrune-wiki \
-      kodrune-wiki-harness
-} >"$out/build.log" 2>&1; then
-  tail -n 40 "$out/build.log"
-  echo "bench: the Release build failed; the whole log is $out/build.log" >&2
-  exit 1
-fi
+bench_build bench "$out/build.log" kodrune_bench kodrune_bench_make_repo kodrune_bench_make_request \
+  kodrune_bench_parse_floor kodrune_bench_rpc_time kodrune_bench_shared_store kodrune-wiki \
+  kodrune-wiki-harness
 bench=$build/bench/kodrune_bench
 # BENCH_WIKI times another build of the command (an older one, say) on the
 # same requests.

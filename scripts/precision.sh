@@ -13,25 +13,14 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build=build/bench-release
-jobs=$(nproc 2>/dev/null || echo 2)
-[ "$jobs" -gt 2 ] && jobs=2
-# As in scripts/bench.sh: GCC 12's false array-bounds and stringop-overflow
-# hits at -O2 stay warnings in this optimised build.
-cxxflags=${BENCH_CXXFLAGS--Wno-error=array-bounds -Wno-error=stringop-overflow}
-
+# shellcheck source=scripts/bench_build.sh
+source scripts/bench_build.sh
 # PRECISION_BIN=DIR uses the kodrune-wiki and bench/kodrune_precision built
 # there, and builds nothing.
 if [ -n "${PRECISION_BIN:-}" ]; then
   build=$PRECISION_BIN
-elif ! bash scripts/setup.sh || ! mkdir -p "$build" || ! {
-  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF \
-    -DKODRUNE_BUILD_BENCH=ON "-DCMAKE_CXX_FLAGS=$cxxflags" &&
-    cmake --build "$build" -j "$jobs" --target kodrune-wiki kodrune_precision
-} >"$build/precision-build.log" 2>&1; then
-  tail -n 40 "$build/precision-build.log"
-  echo "precision: the Release build failed; the whole log is $build/precision-build.log" >&2
-  exit 1
+else
+  bench_build precision "$build/precision-build.log" kodrune-wiki kodrune_precision
 fi
 wiki=$(pwd)/$build/kodrune-wiki
 precision=$(pwd)/$build/bench/kodrune_precision

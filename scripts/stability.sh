@@ -13,24 +13,9 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build=build/bench-release
-jobs=$(nproc 2>/dev/null || echo 2)
-[ "$jobs" -gt 2 ] && jobs=2
-# As in scripts/bench.sh: GCC 12's false array-bounds and stringop-overflow
-# hits at -O2 stay warnings in this optimised build.
-cxxflags=${BENCH_CXXFLAGS--Wno-error=array-bounds -Wno-error=stringop-overflow}
-
-bash scripts/setup.sh
-mkdir -p "$build"
-if ! {
-  cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DKODRUNE_BUILD_TESTS=OFF \
-    -DKODRUNE_BUILD_BENCH=ON "-DCMAKE_CXX_FLAGS=$cxxflags" &&
-    cmake --build "$build" -j "$jobs" --target kodrune-wiki kodrune_replay_stability
-} >"$build/stability-build.log" 2>&1; then
-  tail -n 40 "$build/stability-build.log"
-  echo "stability: the Release build failed; the whole log is $build/stability-build.log" >&2
-  exit 1
-fi
+# shellcheck source=scripts/bench_build.sh
+source scripts/bench_build.sh
+bench_build stability "$build/stability-build.log" kodrune-wiki kodrune_replay_stability
 replay=("$build/bench/kodrune_replay_stability" --wiki "$build/kodrune-wiki")
 
 if [ "$#" -gt 0 ]; then

@@ -10,27 +10,14 @@ import readline from 'node:readline';
 
 import puppeteer from 'puppeteer-core';
 
+import { GitRepo } from '../node/git_repo.mjs';
+
 export const exe = process.env.KODRUNE_WIKI_EXE;
 export const chromium = process.env.KODRUNE_CHROMIUM || '/usr/bin/chromium';
 
-export class Repo {
+export class Repo extends GitRepo {
   constructor() {
-    this.root = fs.mkdtempSync(path.join(os.tmpdir(), 'kodrune-browser-'));
-    this.git('init', '-q', '-b', 'main');
-  }
-  git(...args) {
-    execFileSync('git', ['-c', 'user.name=t', '-c', 'user.email=t@t', ...args], { cwd: this.root });
-  }
-  write(file, text) {
-    fs.mkdirSync(path.dirname(path.join(this.root, file)), { recursive: true });
-    fs.writeFileSync(path.join(this.root, file), text);
-  }
-  unit(folder, names) {
-    for (const name of names) this.write(`${folder}/${name}`, `int ${name[0]}() {\n  return 1;\n}\n`);
-  }
-  commit(message) {
-    this.git('add', '-A', '.');
-    this.git('commit', '-q', '--allow-empty', '-m', message);
+    super('kodrune-browser-');
   }
   wiki(...args) {
     return execFileSync(exe, [...args, '--repo', this.root], { cwd: this.root, encoding: 'utf8' });
@@ -41,9 +28,6 @@ export class Repo {
       execFile(exe, [...args, '--repo', this.root], { cwd: this.root, encoding: 'utf8' },
         (error, stdout) => (error ? reject(error) : resolve(stdout)));
     });
-  }
-  remove() {
-    fs.rmSync(this.root, { recursive: true, force: true });
   }
 }
 

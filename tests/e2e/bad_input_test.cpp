@@ -1,5 +1,6 @@
 // kodrune-wiki refuses bad input with one clear line and the right exit code,
 // and never loses or changes stored data doing so.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "e2e/repo_fixture.hpp"
@@ -7,6 +8,8 @@
 
 namespace kodrune_e2e {
 namespace {
+
+using ::testing::HasSubstr;
 
 using zenthar_kodrune::workers::wiki::util::_text_hash;
 
@@ -38,7 +41,7 @@ TEST(BadInput, RefusedBranchNamesAreUsageErrorsNamingTheRule) {
     const RunResult result = repo.run("plan --branch " + quoted(branch));
     EXPECT_EQ(result.code, 2) << branch.substr(0, 40);
     EXPECT_EQ(result.err.rfind("kodrune-wiki: error: invalid branch name", 0), 0u) << result.err;
-    EXPECT_NE(result.err.find(rule), std::string::npos) << result.err.substr(0, 200);
+    EXPECT_THAT(result.err, HasSubstr(rule)) << result.err.substr(0, 200);
   }
   EXPECT_FALSE(fs::exists(repo.root() / "escape"));
   EXPECT_FALSE(fs::exists(repo.root() / "memory/orvane/.store/wiki.db"));
@@ -77,7 +80,7 @@ TEST(BadInput, SaveAndChangesRefuseBadInputAndChangeNothing) {
     const RunResult result = repo.run(command);
     EXPECT_EQ(result.code, 1) << command;
     EXPECT_EQ(result.err.rfind("kodrune-wiki: error: ", 0), 0u) << result.err;
-    EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+    EXPECT_THAT(result.err, HasSubstr(reason));
   }
   EXPECT_EQ(slurp(repo.root() / "memory/orvane/main/pages/module-src.md"), "Kept.\n");
   EXPECT_EQ(repo.rows().at("module-src")["content_hash"], _text_hash("Kept.\n"));
@@ -94,7 +97,7 @@ TEST(BadInput, CorruptDatabaseIsReportedAndLeftAsItWas) {
     const RunResult result = repo.run(command);
     EXPECT_EQ(result.code, 1) << command;
     EXPECT_EQ(result.err.rfind("kodrune-wiki: error: ", 0), 0u) << result.err;
-    EXPECT_NE(result.err.find("wiki.db"), std::string::npos) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("wiki.db"));
     EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
   }
   EXPECT_EQ(slurp(repo.root() / "memory/orvane/.store/wiki.db"), garbage);
@@ -113,7 +116,7 @@ TEST(BadInput, UnknownOptionsAndMissingArgumentsAreUsageErrors) {
   }
   const RunResult help = repo.run("plan --help");
   EXPECT_EQ(help.code, 0);
-  EXPECT_NE(help.out.find("--replan"), std::string::npos);
+  EXPECT_THAT(help.out, HasSubstr("--replan"));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // `check` held to what a build would decide, on a real git repository, in
 // each output form and exit code; `export --format okf` read back with a
 // real YAML parser.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <yaml-cpp/yaml.h>
 
@@ -10,6 +11,8 @@
 
 namespace kodrune_e2e {
 namespace {
+
+using ::testing::HasSubstr;
 
 using Strings = std::vector<std::string>;
 
@@ -53,9 +56,8 @@ TEST(Check, FreshWikiPassesAndNothingIsWritten) {
   EXPECT_EQ(repo.run("check").code, 0);
   const RunResult files = repo.run("check --fail-on files");
   EXPECT_EQ(files.code, 1);
-  EXPECT_NE(files.out.find("FAIL files: page module-src: src/f01.cpp modified since the save"),
-            std::string::npos)
-      << files.out;
+  EXPECT_THAT(files.out,
+              HasSubstr("FAIL files: page module-src: src/f01.cpp modified since the save"));
   EXPECT_EQ(slurp(store), store_before);
   EXPECT_EQ(slurp(log), log_before);
 }
@@ -146,16 +148,13 @@ TEST(Check, UnwrittenPagesAndDriftFailOnlyWhenAskedFor) {
   EXPECT_EQ(repo.run("check").code, 0);
   const RunResult unwritten = repo.run("check --fail-on unwritten");
   EXPECT_EQ(unwritten.code, 1);
-  EXPECT_NE(unwritten.out.find("FAIL unwritten: page module-alpha (alpha) is due and has never "
-                               "been written"),
-            std::string::npos)
-      << unwritten.out;
+  EXPECT_THAT(unwritten.out,
+              HasSubstr("FAIL unwritten: page module-alpha (alpha) is due and has never "
+                        "been written"));
   const RunResult drift = repo.run("check --fail-on drift --format github");
   EXPECT_EQ(drift.code, 1);
-  EXPECT_NE(drift.out.find("::error title=Wiki structure churning::3 structural amendments "
-                           "against a 6-page plan"),
-            std::string::npos)
-      << drift.out;
+  EXPECT_THAT(drift.out, HasSubstr("::error title=Wiki structure churning::3 structural amendments "
+                                   "against a 6-page plan"));
   // Nothing was recorded: a build still finds the three pages new.
   EXPECT_EQ(amendment_lines(repo.plan()),
             (Strings{"add module-alpha", "add module-beta", "add module-gamma"}));
@@ -192,14 +191,13 @@ TEST(Check, UnknownRevisionsAndKindsAreUsageErrors) {
   seed_written(repo);
   const RunResult rev = repo.run("check --since no-such-rev");
   EXPECT_EQ(rev.code, 2);
-  EXPECT_NE(rev.err.find("git does not know the revision \"no-such-rev\""), std::string::npos)
-      << rev.err;
+  EXPECT_THAT(rev.err, HasSubstr("git does not know the revision \"no-such-rev\""));
   const RunResult dash = repo.run("check --since=--output=x");
   EXPECT_EQ(dash.code, 2) << dash.err;
   EXPECT_FALSE(fs::exists(repo.root() / "x"));
   const RunResult kind = repo.run("check --fail-on stale,typos");
   EXPECT_EQ(kind.code, 2);
-  EXPECT_NE(kind.err.find("unknown kind \"typos\""), std::string::npos) << kind.err;
+  EXPECT_THAT(kind.err, HasSubstr("unknown kind \"typos\""));
 }
 
 // The front matter of an exported page, parsed.
@@ -248,7 +246,7 @@ TEST(Export, OkfBundleReadsBackAndASecondExportChangesNothing) {
   EXPECT_EQ(log_lines[0], "# Plan audit log");
   EXPECT_EQ(log_lines[2],
             "## " + repo.run("log --json").json().at(0).at("at").get<std::string>().substr(0, 10));
-  EXPECT_NE(log.find(" add overview [overview]: "), std::string::npos) << log;
+  EXPECT_THAT(log, HasSubstr(" add overview [overview]: "));
 
   // Again, unchanged: no file is written, the user's file stays.
   std::map<std::string, fs::file_time_type> times;
@@ -257,7 +255,7 @@ TEST(Export, OkfBundleReadsBackAndASecondExportChangesNothing) {
   }
   const RunResult second = repo.run("export --format okf " + quoted(out.string()));
   ASSERT_EQ(second.code, 0) << second.err;
-  EXPECT_NE(second.out.find("(0 files changed)"), std::string::npos) << second.out;
+  EXPECT_THAT(second.out, HasSubstr("(0 files changed)"));
   for (const auto& entry : fs::directory_iterator(out)) {
     EXPECT_EQ(times.at(entry.path().filename()), fs::last_write_time(entry.path())) << entry.path();
   }

@@ -2,6 +2,7 @@
 // logs that were cut off or hold bytes that are not UTF-8, and hostile inputs
 // never make kodrune-wiki read or write outside the repository, crash, or
 // fail every later build.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
@@ -11,6 +12,8 @@
 
 namespace kodrune_e2e {
 namespace {
+
+using ::testing::HasSubstr;
 
 // A folder outside the repository holding one file, and what it held.
 struct Outside {
@@ -61,8 +64,7 @@ TEST(HostileRepository, LinksUnderMemoryAreRefusedNotFollowed) {
     }
     const RunResult result = repo.run(command);
     EXPECT_EQ(result.code, 1) << item.link << ": " << result.err;
-    EXPECT_NE(result.err.find("symbolic link"), std::string::npos)
-        << item.link << ": " << result.err;
+    EXPECT_THAT(result.err, HasSubstr("symbolic link")) << item.link << ": " << result.err;
     outside.expect_untouched(item.link);
   }
 }
@@ -86,7 +88,7 @@ TEST(HostileRepository, PageIdTooLongForAFileNameIsNamed) {
   repo.commit("long");
   const RunResult result = repo.save("module-" + folder, "Body.\n");
   EXPECT_EQ(result.code, 1);
-  EXPECT_NE(result.err.find("257 bytes long"), std::string::npos) << result.err;
+  EXPECT_THAT(result.err, HasSubstr("257 bytes long"));
 }
 
 TEST(HostileRepository, DamagedLogIsReadAroundAndExtended) {
@@ -106,7 +108,7 @@ TEST(HostileRepository, DamagedLogIsReadAroundAndExtended) {
   repo.commit("lib");
   const RunResult plan = repo.run("plan");
   EXPECT_EQ(plan.code, 0) << plan.err;
-  EXPECT_NE(plan.err.find("plan-log.jsonl"), std::string::npos) << plan.err;
+  EXPECT_THAT(plan.err, HasSubstr("plan-log.jsonl"));
   const RunResult shown = repo.run("log --json");
   EXPECT_EQ(shown.code, 0) << shown.err;
   const Json entries = Json::parse(shown.out);
@@ -115,11 +117,11 @@ TEST(HostileRepository, DamagedLogIsReadAroundAndExtended) {
   // Both forms show every readable entry and name each line they skip.
   const RunResult text = repo.run("log");
   EXPECT_EQ(text.code, 0) << text.err;
-  EXPECT_NE(text.out.find("\n  add module-lib: "), std::string::npos) << text.out;
-  EXPECT_NE(text.out.find("7: 0 amendments\n"), std::string::npos) << text.out;
+  EXPECT_THAT(text.out, HasSubstr("\n  add module-lib: "));
+  EXPECT_THAT(text.out, HasSubstr("7: 0 amendments\n"));
   for (const char* line : {"line 2:", "line 4:", "line 5:"}) {
-    EXPECT_NE(shown.err.find(line), std::string::npos) << shown.err;
-    EXPECT_NE(text.err.find(line), std::string::npos) << text.err;
+    EXPECT_THAT(shown.err, HasSubstr(line));
+    EXPECT_THAT(text.err, HasSubstr(line));
   }
 }
 
@@ -154,11 +156,10 @@ TEST(HostileRepository, OddFileNamesAreLeftOutByNameOrCarriedAsTheyAre) {
   commit_odd_names(repo);
   const RunResult first = repo.run("plan --json");
   ASSERT_EQ(first.code, 0) << first.err;
-  EXPECT_NE(first.err.find("left out 3 files whose names are not UTF-8 text or hold a control "
-                           "character: \"src/bad\\xff.py\", \"src/tab\\there.py\", "
-                           "\"src/we\\nird.py\""),
-            std::string::npos)
-      << first.err;
+  EXPECT_THAT(first.err,
+              HasSubstr("left out 3 files whose names are not UTF-8 text or hold a control "
+                        "character: \"src/bad\\xff.py\", \"src/tab\\there.py\", "
+                        "\"src/we\\nird.py\""));
   const Json files = plan_of(first.json(), "module-src")["source_files"];
   // Byte order: "e" (0x65) of the decomposed form sorts before 0xc3.
   EXPECT_EQ(files, Json({"src/-dash.py", "src/cafe\xcc\x81.py", "src/caf\xc3\xa9.py", "src/f01.cpp",
@@ -182,8 +183,8 @@ TEST(HostileRepository, OddFileNamesAreLeftOutByNameOrCarriedAsTheyAre) {
   repo.write("src/-dash.py", "x = 3\n");
   const RunResult text = repo.run("changes module-src");
   ASSERT_EQ(text.code, 0) << text.err;
-  EXPECT_NE(text.out.find("modified: src/-dash.py"), std::string::npos) << text.out;
-  EXPECT_NE(text.out.find("stale sections: \"Dash\""), std::string::npos) << text.out;
+  EXPECT_THAT(text.out, HasSubstr("modified: src/-dash.py"));
+  EXPECT_THAT(text.out, HasSubstr("stale sections: \"Dash\""));
 
   const std::string request = repo.scratch_file(R"({"id": 1, "op": "select_stale", "args": {}})"
                                                 "\n",
@@ -199,10 +200,9 @@ TEST(HostileRepository, SaveRefusesATitleOfTwoLines) {
   const RunResult refused = repo.run("save module-src " + repo.scratch_file("Body.\n") +
                                      " --title " + quoted("Two\nlines"));
   EXPECT_EQ(refused.code, 1);
-  EXPECT_NE(refused.err.find("title of page \"module-src\" holds the control character U+000A at "
-                             "byte 3"),
-            std::string::npos)
-      << refused.err;
+  EXPECT_THAT(refused.err,
+              HasSubstr("title of page \"module-src\" holds the control character U+000A at "
+                        "byte 3"));
   EXPECT_TRUE(repo.rows().count("module-src") == 0 ||
               repo.rows().at("module-src").value("content_hash", "").empty());
 }
@@ -230,8 +230,7 @@ TEST(HostileRepository, CommittedStoreWithATriggerIsRefusedAndNeverRuns) {
   for (const std::string& command : commands) {
     const RunResult refused = repo.run(command);
     EXPECT_EQ(refused.code, 1) << command;
-    EXPECT_NE(refused.err.find("holds a trigger \"pwn\" that this program does not create"),
-              std::string::npos)
+    EXPECT_THAT(refused.err, HasSubstr("holds a trigger \"pwn\" that this program does not create"))
         << command << ": " << refused.err;
   }
   EXPECT_EQ(slurp(store), before);

@@ -3,12 +3,15 @@
 // command's own line; a collapsed family's parts carry their saved bodies
 // into the unit page. (The SDK client's session in tests/mcp covers failed
 // saves, a bad argument's message and the ordinary calls.)
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "e2e/repo_fixture.hpp"
 
 namespace kodrune_e2e {
 namespace {
+
+using ::testing::HasSubstr;
 
 struct Session {
   RunResult run;
@@ -207,7 +210,7 @@ TEST(McpServer, OddFileNamesLeaveEveryToolWorkingAndLongIdsAreCutInErrors) {
   std::string cut(1, '"');  // appended: GCC 12 warns falsely on `"\"" + std::string(n, c)`
   cut.append(200, 'p');
   cut.append("\"... (99800 more bytes)");
-  EXPECT_NE(message.find(cut), std::string::npos) << message.substr(0, 300);
+  EXPECT_THAT(message, HasSubstr(cut)) << message.substr(0, 300);
 }
 
 TEST(McpServer, CollapsedFamilyCarriesItsPartsSavedBodiesIntoTheUnitPage) {

@@ -2,6 +2,7 @@
 // change and checks what the next builds plan, record and report. (A first
 // plan, saves, new units, the drift warning and a replan are walked by the
 // SDK client's session in tests/mcp; a first plan's rows are golden.)
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +13,8 @@
 
 namespace kodrune_e2e {
 namespace {
+
+using ::testing::HasSubstr;
 
 using Strings = std::vector<std::string>;
 
@@ -157,8 +160,8 @@ TEST_P(PlanSeries, EditedFileStalesItsPageAndDeletedFolderRetiresItsPage) {
   EXPECT_EQ(repo.rows().count("module-lib"), 0u);
   // The text form of the changes (the JSON form is the SDK session's).
   const RunResult text = repo.run("changes module-src");
-  EXPECT_NE(text.out.find("modified: src/f01.cpp"), std::string::npos) << text.out;
-  EXPECT_NE(text.out.find("stale sections: \"Uses\""), std::string::npos) << text.out;
+  EXPECT_THAT(text.out, HasSubstr("modified: src/f01.cpp"));
+  EXPECT_THAT(text.out, HasSubstr("stale sections: \"Uses\""));
 }
 
 TEST_P(PlanSeries, DriftWarningIsFollowedByTheCommandLinesOwnReplan) {
@@ -175,7 +178,7 @@ TEST_P(PlanSeries, DriftWarningIsFollowedByTheCommandLinesOwnReplan) {
       "Warning: 3 structural amendments against a 6-page plan \u2014 the pinned structure is "
       "churning; consider a full replan (wiki(action=\"generate\", replan=true) or "
       "/kodrune-wiki --replan).\nFrom the command line: kodrune-wiki plan --replan\n";
-  EXPECT_NE(text.out.find(warning), std::string::npos) << text.out;
+  EXPECT_THAT(text.out, HasSubstr(warning));
   // The JSON form carries the warning's own text alone.
   repo.write_unit("delta", 3);
   repo.write_unit("epsilon", 3);

@@ -1,5 +1,6 @@
 // What `changes`, `plan` and `reanchor` say of a page's cited line ranges once
 // the code under them moved, changed or went away, through the real binary.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -9,6 +10,8 @@
 
 namespace kodrune_e2e {
 namespace {
+
+using ::testing::HasSubstr;
 
 namespace wiki = zenthar_kodrune::workers::wiki;
 
@@ -104,7 +107,7 @@ TEST(PreciseStaleness, ChangesJudgeEachCitedRange) {
         "    src/a.cpp L5-L8: moved to L8-L11 (in \"Moved\")\n",
         "    src/b.cpp L3-L5: changed (in \"Edited\")\n",
         "    src/gone.cpp L1-L2: gone (in \"Gone\")\n"}) {
-    EXPECT_NE(text.out.find(line), std::string::npos) << line << "\n" << text.out;
+    EXPECT_THAT(text.out, HasSubstr(line)) << line << "\n" << text.out;
   }
   EXPECT_EQ(repo.plan().at("why").at("module-src"),
             "cited lines changed: src/b.cpp L3-L5; cited lines gone: src/gone.cpp L1-L2; files "
@@ -118,10 +121,9 @@ TEST(PreciseStaleness, ReanchorRefusesChangedCitationsAndFollowsMovedOnes) {
   const std::string before = slurp(repo.root() / "memory/orvane/main/pages/module-src.md");
   const RunResult refused = repo.run("reanchor module-src");
   EXPECT_EQ(refused.code, 1);
-  EXPECT_NE(refused.err.find("module-src: cited lines changed: src/b.cpp L3-L5; cited lines "
-                             "gone: src/gone.cpp L1-L2"),
-            std::string::npos)
-      << refused.err;
+  EXPECT_THAT(refused.err,
+              HasSubstr("module-src: cited lines changed: src/b.cpp L3-L5; cited lines "
+                        "gone: src/gone.cpp L1-L2"));
   EXPECT_EQ(slurp(repo.root() / "memory/orvane/main/pages/module-src.md"), before);
   // Nothing to re-anchor unless named: the page needs its prose written.
   EXPECT_EQ(repo.run("reanchor").out, "no page only needs re-anchoring\n");
@@ -140,10 +142,9 @@ TEST(PreciseStaleness, ReanchorRefusesChangedCitationsAndFollowsMovedOnes) {
             "reanchored module-src\n  src/a.cpp L5-L8 to L8-L11\n  src/a.cpp L15 to L18\n"
             "  src/dup.cpp L6-L8 to L2-L4\n");
   const std::string body = slurp(repo.root() / "memory/orvane/main/pages/module-src.md");
-  EXPECT_NE(body.find("[a](src/a.cpp#L8-L11) and [one line](src/a.cpp#L18)."), std::string::npos)
-      << body;
-  EXPECT_NE(body.find("[the second check](src/dup.cpp#L2-L4)"), std::string::npos) << body;
-  EXPECT_NE(body.find("[b](src/b.cpp#L3-L5)"), std::string::npos) << body;
+  EXPECT_THAT(body, HasSubstr("[a](src/a.cpp#L8-L11) and [one line](src/a.cpp#L18)."));
+  EXPECT_THAT(body, HasSubstr("[the second check](src/dup.cpp#L2-L4)"));
+  EXPECT_THAT(body, HasSubstr("[b](src/b.cpp#L3-L5)"));
 
   // Recorded anew: fresh, every range intact where it now stands.
   EXPECT_EQ(repo.plan().at("stale"), Json::parse(R"(["overview"])"));
@@ -178,8 +179,7 @@ TEST(PreciseStaleness, PageSavedBeforeFingerprintsKeepsTheFileRule) {
             "files changed: src/a.cpp, src/b.cpp, src/dup.cpp and 1 more");
   const RunResult refused = repo.run("reanchor module-src");
   EXPECT_EQ(refused.code, 1);
-  EXPECT_NE(refused.err.find("saved before its cited lines were fingerprinted"), std::string::npos)
-      << refused.err;
+  EXPECT_THAT(refused.err, HasSubstr("saved before its cited lines were fingerprinted"));
 }
 
 // The MCP server's answers to `calls` (tool name, arguments), after the

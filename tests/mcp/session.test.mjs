@@ -7,7 +7,6 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
 import fs from 'node:fs';
-import os from 'node:os';
 import path from 'node:path';
 
 import { Client } from '@modelcontextprotocol/sdk/client/index.js';
@@ -15,29 +14,13 @@ import { StdioClientTransport } from '@modelcontextprotocol/sdk/client/stdio.js'
 import { AjvJsonSchemaValidator } from '@modelcontextprotocol/sdk/validation/ajv';
 import { ErrorCode, McpError } from '@modelcontextprotocol/sdk/types.js';
 
+import { GitRepo } from '../node/git_repo.mjs';
+
 const exe = process.env.KODRUNE_WIKI_EXE;
 
-class Repo {
+class Repo extends GitRepo {
   constructor() {
-    this.root = fs.mkdtempSync(path.join(os.tmpdir(), 'kodrune-mcp-'));
-    this.git('init', '-q', '-b', 'main');
-  }
-  git(...args) {
-    execFileSync('git', ['-c', 'user.name=t', '-c', 'user.email=t@t', ...args], { cwd: this.root });
-  }
-  write(file, text) {
-    fs.mkdirSync(path.dirname(path.join(this.root, file)), { recursive: true });
-    fs.writeFileSync(path.join(this.root, file), text);
-  }
-  unit(folder, names) {
-    for (const name of names) this.write(`${folder}/${name}`, `int ${name[0]}() {\n  return 1;\n}\n`);
-  }
-  commit(message) {
-    this.git('add', '-A', '.');
-    this.git('commit', '-q', '--allow-empty', '-m', message);
-  }
-  remove() {
-    fs.rmSync(this.root, { recursive: true, force: true });
+    super('kodrune-mcp-');
   }
 }
 

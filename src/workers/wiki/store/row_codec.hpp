@@ -145,6 +145,17 @@ inline Json decode(std::string_view text, Shape shape, const std::string& branch
   return value;
 }
 
+// How an upsert replaces a stored row: every column but the row's identity
+// and its place in the branch.
+inline constexpr std::string_view kReplaceOnConflict =
+    "ON CONFLICT (branch, page_id) DO UPDATE SET title = excluded.title, "
+    "description = excluded.description, importance = excluded.importance, "
+    "level = excluded.level, parent_section = excluded.parent_section, "
+    "rel_path = excluded.rel_path, source_files = excluded.source_files, "
+    "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
+    "status = excluded.status, page_type = excluded.page_type, "
+    "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
+
 // "SELECT branch, page_id, ..., build_cache": the columns of a loaded row.
 inline std::string select_columns_sql() {
   std::string sql = "SELECT ";

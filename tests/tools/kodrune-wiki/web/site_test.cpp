@@ -3,6 +3,7 @@
 // never act; and the page tree a large branch shows beside each page.
 #include "kodrune-wiki/web/site.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,6 +12,8 @@
 
 namespace kodrune_cli::web {
 namespace {
+
+using ::testing::HasSubstr;
 
 std::string render(const std::string& markdown) {
   return markdown_html(markdown, [](std::string_view url) { return std::string(url); });
@@ -30,9 +33,9 @@ TEST(UrlPath, KeepsSlashesAndEncodesTheRest) {
 
 TEST(MarkdownHtml, RendersTablesAndFencedCode) {
   const std::string html = render("| a | b |\n|---|---|\n| 1 | 2 |\n\n```cpp\nint x;\n```\n");
-  EXPECT_NE(html.find("<table>"), std::string::npos) << html;
-  EXPECT_NE(html.find("<td>1</td>"), std::string::npos) << html;
-  EXPECT_NE(html.find("<code class=\"language-cpp\">int x;\n</code>"), std::string::npos) << html;
+  EXPECT_THAT(html, HasSubstr("<table>"));
+  EXPECT_THAT(html, HasSubstr("<td>1</td>"));
+  EXPECT_THAT(html, HasSubstr("<code class=\"language-cpp\">int x;\n</code>"));
 }
 
 // Each hostile input, and a text the output must not hold.
@@ -55,7 +58,7 @@ TEST(MarkdownHtml, NeverLetsRawHtmlOrScriptLinksAct) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     const std::string html = render(c.markdown);
-    EXPECT_NE(html.find(c.shown), std::string::npos) << html;
+    EXPECT_THAT(html, HasSubstr(c.shown));
     EXPECT_EQ(html.find(c.forbidden), std::string::npos) << html;
   }
 }
@@ -68,8 +71,8 @@ TEST(MarkdownHtml, SendsEveryLinkAndImageTargetThroughTheRewrite) {
                                            return "/rewritten/" + std::to_string(seen.size());
                                          });
   EXPECT_EQ(seen, (std::vector<std::string>{"src/a.cpp#L1-L3", "pic.png", "https://x.example"}));
-  EXPECT_NE(html.find("href=\"/rewritten/1\""), std::string::npos) << html;
-  EXPECT_NE(html.find("src=\"/rewritten/2\""), std::string::npos) << html;
+  EXPECT_THAT(html, HasSubstr("href=\"/rewritten/1\""));
+  EXPECT_THAT(html, HasSubstr("src=\"/rewritten/2\""));
 }
 
 TEST(LinkedPage, NamesAPageOfTheWikiByAnyOfItsLinkForms) {
@@ -145,10 +148,8 @@ TEST(WikiSiteTree, ALargeBranchsSidebarListsThePagesNeighboursAndLinksToAllPages
     EXPECT_EQ(tree_ids(*site.page_html(c.page), &tree), c.listed);
     const std::string link = "href=\"/tree.html\">All 10 pages</a>";
     EXPECT_EQ(tree.find(link) != std::string::npos, c.limit < all.size()) << tree;
-    EXPECT_NE(tree.find("<li data-page=\"" + std::string(c.page) +
-                        "\" data-state=\"unwritten\" class=\"current\">"),
-              std::string::npos)
-        << tree;
+    EXPECT_THAT(tree, HasSubstr("<li data-page=\"" + std::string(c.page) +
+                                "\" data-state=\"unwritten\" class=\"current\">"));
     EXPECT_EQ(tree_ids(site.tree_page_html()), all);
   }
 }

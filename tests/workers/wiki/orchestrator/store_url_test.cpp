@@ -1,28 +1,14 @@
 // Reading a store's URL: each form, and never a password in what is shown.
+#include "workers/wiki/orchestrator/store_url.hpp"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
-#include <atomic>
-#include <chrono>
-#include <fstream>
-#include <iterator>
-#include <limits>
-#include <stdexcept>
-#include <thread>
-
-#include "support/plans.hpp"
-#include "support/postgres_cluster.hpp"
-#include "support/store_backends.hpp"
-#include "workers/wiki/store/sqlite/database.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
-using kodrune_test::ids_of;
-using kodrune_test::PostgresCluster;
-using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 

@@ -1,6 +1,7 @@
 // The plan log: its exact line, rotation, lines that are not UTF-8, appends
 // and rotations from many processes at once. (The drift signal is golden:
 // audit_drift_signal.)
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
@@ -25,6 +26,8 @@
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 namespace fs = std::filesystem;
 using namespace zenthar_kodrune::workers::wiki;
@@ -191,7 +194,7 @@ TEST_F(AppendPlanLogAfterBadLine, AppendGoesOnAndRotationDropsTheLineWithAWarnin
   EXPECT_EQ(first_page_id(lines.front()), "old-1001");
   EXPECT_EQ(first_page_id(lines.back()), "newest");
   ASSERT_EQ(warnings().size(), 1u);
-  EXPECT_NE(warnings()[0].find(log_.string()), std::string::npos) << warnings()[0];
+  EXPECT_THAT(warnings()[0], HasSubstr(log_.string()));
 }
 
 // Runs `body` in `count` child processes at once; its result is the exit code.

@@ -1,14 +1,34 @@
-// What the planner's tests share: a real folder's names, and a plan's parts.
+// What the planner's tests share: plans by id, made-up and real folders'
+// names, and a plan's parts.
 #pragma once
 
 #include <map>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
+
+// The plan of the list with that id.
+inline const PagePlan& find(const PlanList& plans, const std::string& id) {
+  for (const auto& plan : plans) {
+    if (plan->page_id == id) return *plan;
+  }
+  throw std::runtime_error("no plan " + id);
+}
+
+// n files named f00.cpp, f01.cpp, ... in `folder`.
+inline std::vector<std::string> files_in(const std::string& folder, int n) {
+  std::vector<std::string> files;
+  for (int i = 0; i < n; ++i) {
+    const std::string name = (i < 10 ? "f0" : "f") + std::to_string(i) + ".cpp";
+    files.push_back(folder.empty() ? name : folder + "/" + name);
+  }
+  return files;
+}
 
 // A folder of a real compression library, 27 files.
 inline const std::vector<std::string> kCompress = [] {

@@ -21,23 +21,6 @@ namespace {
 
 using kodrune_test::ids_of;
 
-const PagePlan& find(const PlanList& plans, const std::string& id) {
-  for (const auto& plan : plans) {
-    if (plan->page_id == id) return *plan;
-  }
-  throw std::runtime_error("no plan " + id);
-}
-
-// n files named f00.cpp, f01.cpp, ... in `folder`.
-std::vector<std::string> files_in(const std::string& folder, int n) {
-  std::vector<std::string> files;
-  for (int i = 0; i < n; ++i) {
-    const std::string name = (i < 10 ? "f0" : "f") + std::to_string(i) + ".cpp";
-    files.push_back(folder.empty() ? name : folder + "/" + name);
-  }
-  return files;
-}
-
 TEST(Slug, LowersAndJoinsRunsOfOtherCharacters) {
   const std::pair<std::string, std::string> cases[] = {
       {"src/Core", "src-core"},

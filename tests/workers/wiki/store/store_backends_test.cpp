@@ -4,18 +4,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
-#include <atomic>
-#include <chrono>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <stdexcept>
-#include <thread>
 
 #include "support/plans.hpp"
-#include "support/postgres_cluster.hpp"
+#include "workers/wiki/store/postgres/postgres_store.hpp"
 #include "workers/wiki/store/sqlite/database.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
@@ -23,10 +17,7 @@ namespace zenthar_kodrune::workers::wiki {
 namespace {
 
 using kodrune_test::ids_of;
-using kodrune_test::PostgresCluster;
-using ::testing::AllOf;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 // The first value of the first row of `sql`, as the backend stores it.
 std::string raw_text(WikiStore& store, const std::string& sql) {

@@ -20,15 +20,6 @@ namespace zenthar_kodrune::workers::wiki::store::postgres {
 
 namespace {
 
-using store::decode;
-using store::encode;
-using store::encode_mapping;
-using store::kColumns;
-using store::kUpdateStructure;
-using store::row_values;
-using store::Shape;
-using store::structure_values;
-
 constexpr std::string_view kSchema[] = {
     R"sql(CREATE TABLE IF NOT EXISTS wiki_pages (
   branch text NOT NULL,
@@ -132,17 +123,11 @@ void PostgresWikiStore::upsert_wiki_page(const std::string& branch, const std::s
                                          const std::string& title, const WikiPageColumns& columns) {
   // insertion_order takes the next value of its sequence on insert only, so
   // a replaced row keeps its place.
-  static constexpr std::string_view kUpsert =
+  static const std::string kUpsert =
       "INSERT INTO wiki_pages (branch, page_id, title, description, importance, level, "
       "parent_section, rel_path, source_files, source_hashes, related_pages, status, page_type, "
-      "content_hash, build_cache) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) "
-      "ON CONFLICT (branch, page_id) DO UPDATE SET title = excluded.title, "
-      "description = excluded.description, importance = excluded.importance, "
-      "level = excluded.level, parent_section = excluded.parent_section, "
-      "rel_path = excluded.rel_path, source_files = excluded.source_files, "
-      "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
-      "status = excluded.status, page_type = excluded.page_type, "
-      "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
+      "content_hash, build_cache) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) " +
+      std::string(kReplaceOnConflict);
   db_.write(kUpsert, row_values(branch, page_id, title, columns));
 }
 

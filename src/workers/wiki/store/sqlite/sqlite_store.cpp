@@ -40,19 +40,13 @@ void SqliteWikiStore::upsert_wiki_page(const std::string& branch, const std::str
   // The order column is set on insert only, so a replaced row keeps its place.
   // Order is only read within a branch, so the next value is taken from the
   // branch's own rows, which the (branch, insertion_order) index finds at once.
-  static constexpr std::string_view kUpsert =
+  static const std::string kUpsert =
       "INSERT INTO wiki_pages (branch, page_id, title, description, importance, level, "
       "parent_section, rel_path, source_files, source_hashes, related_pages, status, page_type, "
       "content_hash, build_cache, insertion_order) "
       "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
-      "(SELECT COALESCE(MAX(insertion_order), 0) + 1 FROM wiki_pages WHERE branch = ?)) "
-      "ON CONFLICT (branch, page_id) DO UPDATE SET title = excluded.title, "
-      "description = excluded.description, importance = excluded.importance, "
-      "level = excluded.level, parent_section = excluded.parent_section, "
-      "rel_path = excluded.rel_path, source_files = excluded.source_files, "
-      "source_hashes = excluded.source_hashes, related_pages = excluded.related_pages, "
-      "status = excluded.status, page_type = excluded.page_type, "
-      "content_hash = excluded.content_hash, build_cache = excluded.build_cache";
+      "(SELECT COALESCE(MAX(insertion_order), 0) + 1 FROM wiki_pages WHERE branch = ?)) " +
+      std::string(store::kReplaceOnConflict);
   std::vector<SqlValue> params = row_values(branch, page_id, title, columns);
   params.emplace_back(branch);
   db_->execute(kUpsert, params);

@@ -1,28 +1,22 @@
 // What only the PostgreSQL store has to get right: errors that never show the
 // password, its schema version, the branch locks that serialise workers,
 // placeholders, pipelined writes and a connection lost mid-build.
+#include "workers/wiki/store/postgres/postgres_store.hpp"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
-#include <limits>
-#include <stdexcept>
 #include <thread>
 
-#include "support/plans.hpp"
 #include "support/postgres_cluster.hpp"
 #include "support/store_backends.hpp"
-#include "workers/wiki/store/sqlite/database.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 namespace zenthar_kodrune::workers::wiki {
 namespace {
 
-using kodrune_test::ids_of;
 using kodrune_test::PostgresCluster;
 using ::testing::AllOf;
 using ::testing::HasSubstr;

@@ -1,20 +1,19 @@
 // What only the SQLite store has to get right: its schema checks, the
 // older layout, its busy wait, the hash cache's shape and its kept statements.
+#include "zenthar_kodrune/workers/wiki/sqlite_store.hpp"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <atomic>
 #include <chrono>
 #include <fstream>
 #include <iterator>
-#include <limits>
 #include <stdexcept>
 #include <thread>
 
 #include "support/plans.hpp"
-#include "support/postgres_cluster.hpp"
-#include "support/store_backends.hpp"
+#include "support/temp_dir.hpp"
 #include "workers/wiki/store/sqlite/database.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
@@ -22,10 +21,7 @@ namespace zenthar_kodrune::workers::wiki {
 namespace {
 
 using kodrune_test::ids_of;
-using kodrune_test::PostgresCluster;
-using ::testing::AllOf;
 using ::testing::HasSubstr;
-using ::testing::Not;
 
 std::string read_bytes(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
