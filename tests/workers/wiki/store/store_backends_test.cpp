@@ -235,9 +235,9 @@ TEST_P(WikiStoreTest, FileHashCacheReplacesEntriesByPath) {
   const auto owned = open_store();
   WikiStore& store = *owned;
   const std::uint64_t big_inode = std::numeric_limits<std::uint64_t>::max();
-  store.save_file_hashes({{"src/a.cpp", {10, 1700000000123456789, 42, "ha"}},
-                          {"src/b.cpp", {20, -5, big_inode, "hb"}}});
-  store.save_file_hashes({{"src/a.cpp", {11, 1700000000999999999, 43, "ha2"}}});
+  store.save_file_hashes({{"src/a.cpp", {{10, 1700000000123456789, 42}, "ha"}},
+                          {"src/b.cpp", {{20, -5, big_inode}, "hb"}}});
+  store.save_file_hashes({{"src/a.cpp", {{11, 1700000000999999999, 43}, "ha2"}}});
 
   const auto cache = store.load_file_hash_cache();
   ASSERT_EQ(cache.size(), 2u);

@@ -166,7 +166,7 @@ TEST(SqliteWikiStore, FileHashCacheRowOfTheWrongShapeIsAnError) {
   for (const auto& c : cases) {
     kodrune_test::TempDir tmp;
     SqliteWikiStore store(tmp.path() / "wiki.db");
-    store.save_file_hashes({{"src/a.cpp", {10, 20, 30, "ha"}}});
+    store.save_file_hashes({{"src/a.cpp", {{10, 20, 30}, "ha"}}});
     store.db().execute(c.damage);
     try {
       store.load_file_hash_cache();
