@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <future>
 #include <map>
 #include <unordered_set>
 
@@ -229,13 +230,28 @@ void WikiGenerator::forget_reads() {
 
 Derivation WikiGenerator::derive(bool replan, bool prefetch) {
   forget_reads();
+  // The hash cache is read while git lists the files and they are stamped:
+  // on a large repository each takes a tenth of a second. The store reads
+  // it over a connection of its own, and indexing touches neither.
+  std::future<void> cache_load;
+  if (prefetch && !cache_loaded_) {
+    cache_load = std::async(std::launch::async, [this] {
+      hasher_->load_cache(unmirrored_store_->load_file_hash_cache());
+    });
+  }
   index_ = index_repository(checkout_root_, options_.planner);
   warn_left_out(index_.left_out);
   if (prefetch) {
     // The hasher, the index and the cache are left to the prefetch thread
-    // until collect_prefetch: nothing below touches them. The store reads
-    // the cache over a connection of its own.
-    prefetch_ = std::async(std::launch::async, [this] { prefetch_hashes(); });
+    // until collect_prefetch: nothing below touches them.
+    prefetch_ =
+        std::async(std::launch::async, [this, cache_load = std::move(cache_load)]() mutable {
+          if (cache_load.valid()) {
+            cache_load.get();
+            cache_loaded_ = true;
+          }
+          prefetch_hashes();
+        });
   }
   const Existing& existing = _existing();
   Derivation derivation;

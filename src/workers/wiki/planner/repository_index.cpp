@@ -28,14 +28,12 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Closes a descriptor when the scope ends.
 // Every tracked path, in the index's order (sorted bytewise), whether or not
 // a file is there now.
 std::vector<std::string> git_tracked_files(const fs::path& root, bool& ok) {
   ok = false;
-  const util::ProcessResult inside =
-      util::run_process({"git", "-C", root.string(), "rev-parse", "--is-inside-work-tree"});
-  if (inside.exit_code != 0 || inside.out.rfind("true", 0) != 0) return {};
+  // Outside a work tree (no repository, a bare one, inside .git) ls-files
+  // fails on its own, so no second git process asks first.
   const util::ProcessResult listed = util::run_process(
       {"git", "-C", root.string(), "-c", "core.quotepath=off", "ls-files", "-z", "--cached"});
   if (listed.exit_code != 0) return {};
