@@ -76,9 +76,9 @@ class RecordView {
     if (record_ == nullptr) return;
     for (const auto& [id, row] : *record_) {
       if (model::is_custom_id(id) || !is_pinned_level(row_text(row, "level", "module"))) continue;
-      for (auto& path : row_text_list(row, "source_files")) page_of_.emplace(std::move(path), id);
-      for (auto& child : row_text_list(row, "related_pages"))
-        parent_of_.emplace(std::move(child), id);
+      for (const std::string* path : texts_in(row, "source_files")) page_of_.emplace(*path, id);
+      for (const std::string* child : texts_in(row, "related_pages"))
+        parent_of_.emplace(*child, id);
     }
   }
 
@@ -96,7 +96,7 @@ class RecordView {
   std::optional<std::string> page_of(const std::vector<std::string>& files) const {
     for (const auto& path : files) {
       const auto at = page_of_.find(path);
-      if (at != page_of_.end()) return at->second;
+      if (at != page_of_.end()) return std::string(at->second);
     }
     return std::nullopt;
   }
@@ -119,9 +119,25 @@ class RecordView {
   const Json& row(const std::string& id) const { return record_->at(id); }
 
  private:
+  // The texts of a list column, in the row; raises what row_text_list
+  // raises. A large record lists every file once, so nothing is copied.
+  static std::vector<const std::string*> texts_in(const Json& row, std::string_view key) {
+    std::vector<const std::string*> texts;
+    const Json* value = find_value(row, key);
+    if (value == nullptr || is_empty(*value)) return texts;
+    if (!value->is_array()) row_text_list(row, key);
+    texts.reserve(value->size());
+    for (const auto& item : *value) {
+      if (!item.is_string()) row_text_list(row, key);
+      texts.push_back(&item.get_ref<const std::string&>());
+    }
+    return texts;
+  }
+
   const Existing* record_;
-  std::unordered_map<std::string, std::string> page_of_;
-  std::unordered_map<std::string, std::string> parent_of_;
+  // Views into the record's rows, which outlive this view.
+  std::unordered_map<std::string_view, std::string_view> page_of_;
+  std::unordered_map<std::string_view, std::string_view> parent_of_;
 };
 
 // Whether every child is named by position ("<id>-part-<n>"): a family an
