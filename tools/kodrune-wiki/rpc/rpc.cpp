@@ -229,6 +229,9 @@ class InputBuffer {
                                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
                                   : ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
     if (room == MAP_FAILED) throw std::bad_alloc();
+    // A large request fills megabytes: in 2 MiB pages where the kernel
+    // allows them, it faults a few hundred times rather than thousands.
+    ::madvise(room, capacity, MADV_HUGEPAGE);
     data_ = static_cast<char*>(room);
     capacity_ = capacity;
   }
