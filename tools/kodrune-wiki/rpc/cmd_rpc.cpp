@@ -15,11 +15,13 @@ Command add_rpc_command(CLI::App& app) {
                        "Branch whose store to use (default: the current git branch, else main)");
   return Command{command, [options] {
                    // Bad options end the command before any request is read;
-                   // the store itself is opened by the first op that needs it.
+                   // the store itself, and the current git branch when none
+                   // is given, are found by the first op that needs them: a
+                   // worker's pure requests never wait for git.
                    const int checked = run_guarded(
                        [&] {
                          check_repo(*options);
-                         options->branch = resolve_branch(*options);
+                         if (!options->branch.empty()) options->branch = resolve_branch(*options);
                          resolve_store(options->store);
                          return 0;
                        },

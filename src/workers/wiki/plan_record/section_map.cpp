@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "workers/wiki/plan_record/prose_citations.hpp"
+#include "workers/wiki/plan_record/stale_sections.hpp"
 #include "workers/wiki/util/repo_facts.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -188,38 +189,16 @@ std::vector<std::pair<std::string, std::string>> _sections(std::string_view body
   return out;
 }
 
-Json section_map(std::string_view body, const Json& citations, const Json& file_hashes) {
-  if (!is_empty(file_hashes) && !file_hashes.is_object()) {
-    throw TypeError(std::string("file_hashes must be a mapping, not ") + file_hashes.type_name());
-  }
-  // Paths and symbols that are not text are written out as JSON; their text
-  // lives here, where growing never moves what is already held.
-  std::deque<std::string> owned;
+namespace {
 
-  // Indexed before any section is read, so a bad line number fails the call
-  // whatever the body holds. A later citation with the same identity wins.
-  // Open addressing over one vector of entries: no allocation per citation.
-  IndexOf<IdentityView, StoredCitation, IdentityViewHash> stored;
-  if (!citations.is_null()) {
-    const Json& list = require_list(citations, "citations");
-    stored.reserve(list.size());
-    for (const Json& citation : list) {
-      if (auto plain = plain_citation(citation)) {
-        stored.insert_or_assign(plain->first, plain->second);
-        continue;
-      }
-      CitationKey key = citation_key(citation);
-      owned.push_back(std::move(key.path));
-      StoredCitation entry;
-      entry.citation = &citation;
-      if (const Json* symbol = find_value(citation, "symbol")) {
-        entry.symbol_kind = symbol_kind(*symbol);
-        if (symbol->is_string()) entry.symbol = symbol->get_ref<const std::string&>();
-      }
-      stored.insert_or_assign(IdentityView{owned.back(), key.line_start, key.line_end}, entry);
-    }
-  }
+using CitationIndex = IndexOf<IdentityView, StoredCitation, IdentityViewHash>;
 
+// The map's records once the stored citations are indexed. `append_hash`
+// adds a file's content hash, as text, to the hash input (nothing for none).
+// `owned` keeps the text of symbols written out as JSON.
+template <typename AppendHash>
+Json map_sections(std::string_view body, const CitationIndex& stored,
+                  std::deque<std::string>& owned, AppendHash append_hash) {
   Json out = Json::array();
   std::vector<SectionSpan> sections = section_spans(body);
   out.get_ref<Json::array_t&>().reserve(sections.size());
@@ -266,13 +245,7 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
       if (i > 0) hash_input.push_back('\n');
       hash_input.append(files[i]);
       hash_input.push_back('\0');
-      const Json* hash = find_value(file_hashes, files[i]);
-      if (hash == nullptr || hash->is_null()) continue;
-      if (hash->is_string()) {
-        hash_input.append(hash->get_ref<const std::string&>());
-      } else {
-        hash_input.append(value_text(*hash));
-      }
+      append_hash(hash_input, files[i]);
     }
 
     Json record = Json::object();
@@ -285,6 +258,70 @@ Json section_map(std::string_view body, const Json& citations, const Json& file_
     out.push_back(std::move(record));
   }
   return out;
+}
+
+}  // namespace
+
+Json section_map(std::string_view body, const Json& citations, const Json& file_hashes) {
+  if (!is_empty(file_hashes) && !file_hashes.is_object()) {
+    throw TypeError(std::string("file_hashes must be a mapping, not ") + file_hashes.type_name());
+  }
+  // Paths and symbols that are not text are written out as JSON; their text
+  // lives here, where growing never moves what is already held.
+  std::deque<std::string> owned;
+
+  // Indexed before any section is read, so a bad line number fails the call
+  // whatever the body holds. A later citation with the same identity wins.
+  // Open addressing over one vector of entries: no allocation per citation.
+  CitationIndex stored;
+  if (!citations.is_null()) {
+    const Json& list = require_list(citations, "citations");
+    stored.reserve(list.size());
+    for (const Json& citation : list) {
+      if (auto plain = plain_citation(citation)) {
+        stored.insert_or_assign(plain->first, plain->second);
+        continue;
+      }
+      CitationKey key = citation_key(citation);
+      owned.push_back(std::move(key.path));
+      StoredCitation entry;
+      entry.citation = &citation;
+      if (const Json* symbol = find_value(citation, "symbol")) {
+        entry.symbol_kind = symbol_kind(*symbol);
+        if (symbol->is_string()) entry.symbol = symbol->get_ref<const std::string&>();
+      }
+      stored.insert_or_assign(IdentityView{owned.back(), key.line_start, key.line_end}, entry);
+    }
+  }
+  return map_sections(body, stored, owned, [&](std::string& out, std::string_view path) {
+    const Json* hash = find_value(file_hashes, path);
+    if (hash == nullptr || hash->is_null()) return;
+    if (hash->is_string()) {
+      out.append(hash->get_ref<const std::string&>());
+    } else {
+      out.append(value_text(*hash));
+    }
+  });
+}
+
+Json plan_record::section_map_of_views(
+    std::string_view body, const std::vector<CitationView>& citations,
+    const std::unordered_map<std::string_view, std::string_view>& file_hashes) {
+  std::deque<std::string> owned;
+  CitationIndex stored;
+  stored.reserve(citations.size());
+  for (const CitationView& citation : citations) {
+    StoredCitation entry;
+    entry.symbol_kind =
+        citation.symbol.empty() ? StoredCitation::Symbol::kNone : StoredCitation::Symbol::kText;
+    entry.symbol = citation.symbol;
+    stored.insert_or_assign(IdentityView{citation.path, citation.line_start, citation.line_end},
+                            entry);
+  }
+  return map_sections(body, stored, owned, [&](std::string& out, std::string_view path) {
+    const auto hash = file_hashes.find(path);
+    if (hash != file_hashes.end()) out.append(hash->second);
+  });
 }
 
 }  // namespace zenthar_kodrune::workers::wiki

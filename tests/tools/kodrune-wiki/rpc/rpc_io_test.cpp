@@ -200,5 +200,72 @@ TEST(RpcIo, PinPlanFromTheDocumentAnswersAsFromValues) {
   EXPECT_GE(answered, 8);
 }
 
+// Two sections, the first citing a.py and b.py, the second a.py again.
+const std::string kCitingBody =
+    R"("intro\n## One\nSee [a.py](a.py#L1-L4) and [b.py](b.py#L2-L3).\n## Two\nAgain [a.py](a.py#L1-L4).")";
+
+std::string section_request(const std::string& citations, const std::string& hashes,
+                            const std::string& body = kCitingBody) {
+  return R"({"id": 4, "op": "section_map", "args": {"body": )" + body + R"(, "citations": )" +
+         citations + R"(, "file_hashes": )" + hashes + "}}";
+}
+
+// The same for section_map: citations and hashes of the common shape are
+// read in place, every other shape by the values' reader.
+TEST(RpcIo, SectionMapFromTheDocumentAnswersAsFromValues) {
+  const std::string cite_a = R"({"path": "a.py", "line_start": 1, "line_end": 4, "symbol": "run"})";
+  const std::string cite_b = R"({"path": "b.py", "line_start": 2, "line_end": 3})";
+  const std::string both = "[" + cite_a + ", " + cite_b + "]";
+  const std::string hashes = R"({"a.py": "h1", "b.py": "h2"})";
+  const std::string requests[] = {
+      section_request(both, hashes),
+      section_request("[]", "{}"),
+      // A later citation of one identity wins; symbols null, empty, other.
+      section_request(
+          "[" + cite_a +
+              R"(, {"path": "a.py", "line_start": 1, "line_end": 4, "symbol": "later"}])",
+          hashes),
+      section_request(R"([{"path": "a.py", "line_start": 1, "line_end": 4, "symbol": null}])",
+                      hashes),
+      section_request(R"([{"path": "a.py", "line_start": 1, "line_end": 4, "symbol": ""}])",
+                      hashes),
+      section_request(R"([{"path": "a.py", "line_start": 1, "line_end": 4, "symbol": ["x"]}])",
+                      hashes),
+      // Lines that are not 64-bit integers, paths that are not text.
+      section_request(R"([{"path": "a.py", "line_start": 1.0, "line_end": 4}])", hashes),
+      section_request(R"([{"path": "a.py", "line_start": "1", "line_end": 4}])", hashes),
+      section_request(R"([{"path": "a.py", "line_start": -0, "line_end": 4}])", hashes),
+      section_request(R"([{"path": "a.py", "line_start": 18446744073709551615, "line_end": 4}])",
+                      hashes),
+      section_request(R"([{"path": 7, "line_start": 1, "line_end": 4}])", hashes),
+      section_request(R"([{"line_start": 1, "line_end": 4}])", hashes),
+      section_request("[5]", hashes),
+      // Hashes: repeated, null, not text, not a mapping.
+      section_request(both, R"({"a.py": "h1", "a.py": null, "b.py": "h2", "b.py": "h3"})"),
+      section_request(both, R"({"a.py": null, "a.py": "h4"})"),
+      section_request(both, R"({"a.py": 5, "b.py": {"x": 1}})"),
+      section_request(both, "[]"),
+      section_request(both, "null"),
+      section_request("null", hashes),
+      section_request("{}", hashes),
+      // The body, and missing arguments.
+      section_request(both, hashes, "5"),
+      R"({"id": 4, "op": "section_map", "args": {"body": "x", "citations": []}})",
+      R"({"id": 4, "op": "section_map", "args": {"citations": [], "file_hashes": {}}})",
+  };
+  OpTable ops;
+  register_component_ops(ops);
+  OpTable from_values;
+  from_values.emplace("section_map", RpcHandler(ops.at("section_map").from_values));
+  ASSERT_TRUE(ops.at("section_map").from_document);
+  int answered = 0;
+  for (const auto& request : requests) {
+    const std::string answer = rpc_respond(ops, request);
+    EXPECT_EQ(answer, rpc_respond(from_values, request)) << request;
+    answered += answer.find("\"hash\":") != std::string::npos ? 1 : 0;
+  }
+  EXPECT_GE(answered, 10);
+}
+
 }  // namespace
 }  // namespace kodrune_cli::rpc
