@@ -40,11 +40,11 @@
 #include <string>
 #include <vector>
 
-#include "workers/wiki/util/process.hpp"
-#include "zenthar_kodrune/workers/wiki/planner.hpp"
+#include "replay_git.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace fs = std::filesystem;
+using kodrune_bench::split;
 using zenthar_kodrune::workers::wiki::Json;
 using zenthar_kodrune::workers::wiki::util::ProcessResult;
 using zenthar_kodrune::workers::wiki::util::run_process;
@@ -100,27 +100,7 @@ Options parse_options(int argc, char** argv) {
 }
 
 std::string git(const Options& options, const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {"git", "-C", options.repo};
-  argv.insert(argv.end(), args.begin(), args.end());
-  const ProcessResult result = run_process(argv);
-  if (result.exit_code != 0) {
-    std::string joined;
-    for (const auto& arg : args) joined += " " + arg;
-    fail("git" + joined + " failed");
-  }
-  return result.out;
-}
-
-std::vector<std::string> split(const std::string& text, char separator) {
-  std::vector<std::string> out;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find(separator, start);
-    if (end == std::string::npos) end = text.size();
-    out.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return out;
+  return kodrune_bench::git(options.repo, args);
 }
 
 std::optional<std::vector<std::string>> file_lines(const fs::path& path) {
@@ -311,10 +291,7 @@ void print(const std::string& label, const Tally& tally) {
             << tally.truly_moved << "\n";
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  const Options options = parse_options(argc, argv);
+int run(const Options& options) {
   {
     const fs::path exclude = fs::path(options.repo) / ".git" / "info" / "exclude";
     fs::create_directories(exclude.parent_path());
@@ -334,4 +311,11 @@ int main(int argc, char** argv) {
   git(options, {"checkout", "-q", "-f", tip});
   print("total", total);
   return total.misses == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Options options = parse_options(argc, argv);
+  return kodrune_bench::run_reporting("kodrune_precision", [&] { return run(options); });
 }

@@ -35,11 +35,12 @@
 #include <unordered_set>
 #include <vector>
 
-#include "workers/wiki/util/process.hpp"
-#include "zenthar_kodrune/workers/wiki/planner.hpp"
+#include "replay_git.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
 namespace fs = std::filesystem;
+using kodrune_bench::git;
+using kodrune_bench::split;
 using zenthar_kodrune::workers::wiki::Json;
 using zenthar_kodrune::workers::wiki::util::ProcessResult;
 using zenthar_kodrune::workers::wiki::util::run_process;
@@ -81,29 +82,6 @@ Options parse_options(int argc, char** argv) {
   return options;
 }
 
-ProcessResult checked(const std::vector<std::string>& argv) {
-  ProcessResult result = run_process(argv);
-  if (result.exit_code != 0) {
-    std::string command;
-    for (const auto& arg : argv) command += (command.empty() ? "" : " ") + arg;
-    throw std::runtime_error("'" + command + "' failed with exit code " +
-                             std::to_string(result.exit_code));
-  }
-  return result;
-}
-
-std::vector<std::string> split(const std::string& text, char separator) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find(separator, start);
-    if (end == std::string::npos) end = text.size();
-    if (end > start) parts.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return parts;
-}
-
 // One replayed step: its label and every path it tracks.
 struct Step {
   std::string label;
@@ -142,17 +120,15 @@ void recorded_steps(const Options& options, Visit visit) {
 // The same for a git repository's first-parent history.
 template <typename Visit>
 void git_steps(const Options& options, Visit visit) {
-  const auto commits = split(checked({"git", "-C", options.git_repo, "rev-list", "--first-parent",
-                                      "--reverse", options.rev})
-                                 .out,
-                             '\n');
+  const auto commits =
+      split(git(options.git_repo, {"rev-list", "--first-parent", "--reverse", options.rev}), '\n');
   std::size_t sampled = 0;
   for (std::size_t i = 0; i < commits.size(); i += options.stride) {
     if (options.limit != 0 && sampled == options.limit) return;
     ++sampled;
-    const auto listed = checked({"git", "-C", options.git_repo, "-c", "core.quotepath=off",
-                                 "ls-tree", "-r", "-z", "--name-only", commits[i]});
-    const auto names = split(listed.out, '\0');
+    const auto names = split(git(options.git_repo, {"-c", "core.quotepath=off", "ls-tree", "-r",
+                                                    "-z", "--name-only", commits[i]}),
+                             '\0');
     visit(Step{"step " + std::to_string(i) + " " + commits[i].substr(0, 12),
                std::set<std::string>(names.begin(), names.end())});
   }
@@ -221,10 +197,7 @@ class ReplayRepo {
     }
   }
 
-  void git(std::vector<std::string> args) {
-    args.insert(args.begin(), {"git", "-C", root_.string()});
-    checked(args);
-  }
+  void git(const std::vector<std::string>& args) { kodrune_bench::git(root_.string(), args); }
 
   fs::path root_;
   std::set<std::string> current_;
@@ -442,10 +415,5 @@ int run(const Options& options) {
 
 int main(int argc, char** argv) {
   const Options options = parse_options(argc, argv);
-  try {
-    return run(options);
-  } catch (const std::exception& error) {
-    std::cerr << "kodrune_replay_stability: " << error.what() << "\n";
-    return 1;
-  }
+  return kodrune_bench::run_reporting("kodrune_replay_stability", [&] { return run(options); });
 }
