@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "workers/wiki/orchestrator/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
@@ -76,6 +77,16 @@ struct Command {
   CLI::App* app = nullptr;
   std::function<int()> run;
 };
+
+// What a subcommand over written pages does with the pages named (none: its
+// own default set); `json` asks for one JSON value instead of text.
+using PagesRun = std::function<void(zenthar_kodrune::workers::wiki::WikiGenerator& generator,
+                                    const std::vector<std::string>& page_ids, bool json)>;
+
+// The subcommand `name` over written pages: PAGE_ID... (`pages_help` saying
+// which pages none means), the common options, and `run` on the orchestrator.
+Command add_pages_command(CLI::App& app, const std::string& name, const std::string& description,
+                          const std::string& pages_help, PagesRun run);
 
 Command add_plan_command(CLI::App& app);
 Command add_save_command(CLI::App& app);
