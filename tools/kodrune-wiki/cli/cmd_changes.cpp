@@ -6,9 +6,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
-using wiki::Json;
-
 namespace {
 
 void print_list(std::ostream& out, const char* label, const Json& items) {

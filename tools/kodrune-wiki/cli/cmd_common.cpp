@@ -8,7 +8,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
 
 void add_common_options(CLI::App& command, CommonOptions& options) {

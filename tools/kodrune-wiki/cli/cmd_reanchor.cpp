@@ -6,9 +6,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
-using wiki::Json;
-
 Json reanchor_json(const std::vector<wiki::ReanchorResult>& results) {
   Json pages = Json::array();
   for (const auto& result : results) {
