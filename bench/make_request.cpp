@@ -49,6 +49,16 @@ std::vector<std::string> files_of(std::size_t unit, std::size_t files) {
 }
 std::string page_of(std::size_t unit) { return "module-src-m" + std::to_string(unit); }
 
+// A pin_plan request of a build that does not replan.
+Json pin_plan_request(Json existing, Json fresh, const std::vector<std::string>& live) {
+  Json args = Json::object();
+  args["fresh_plans"] = std::move(fresh);
+  args["existing"] = std::move(existing);
+  args["live_paths"] = live;
+  args["replan"] = false;
+  return request("pin_plan", std::move(args));
+}
+
 // `rows` stored module pages of ten files each, and the planner's plan one
 // cycle later: one folder in a hundred deleted, one in fifty grown by a file,
 // one new folder per hundred. Rows hold the columns reconciliation reads;
@@ -94,12 +104,7 @@ Json pin_plan(std::size_t rows, bool whole) {
     plan(unit, unit % 50 == 7 ? 11 : 10);
   }
   for (std::size_t unit = rows; unit < rows + rows / 100; ++unit) plan(unit, 10);
-  Json args = Json::object();
-  args["fresh_plans"] = std::move(fresh);
-  args["existing"] = std::move(existing);
-  args["live_paths"] = live;
-  args["replan"] = false;
-  return request("pin_plan", std::move(args));
+  return pin_plan_request(std::move(existing), std::move(fresh), live);
 }
 
 // `rows` stored module pages of ten files and one that is gone; the planner
@@ -131,12 +136,7 @@ Json pin_plan_kept(std::size_t rows) {
     row["source_files"] = std::move(files);
     existing[page_of(unit)] = std::move(row);
   }
-  Json args = Json::object();
-  args["fresh_plans"] = std::move(fresh);
-  args["existing"] = std::move(existing);
-  args["live_paths"] = live;
-  args["replan"] = false;
-  return request("pin_plan", std::move(args));
+  return pin_plan_request(std::move(existing), std::move(fresh), live);
 }
 
 // A body of about `body_bytes` in many short sections (one per 3.3 KB), each

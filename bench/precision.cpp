@@ -40,27 +40,22 @@
 #include <string>
 #include <vector>
 
-#include "workers/wiki/util/process.hpp"
-#include "zenthar_kodrune/workers/wiki/planner.hpp"
+#include "replay.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace fs = std::filesystem;
-using zenthar_kodrune::workers::wiki::Json;
-using zenthar_kodrune::workers::wiki::util::ProcessResult;
-using zenthar_kodrune::workers::wiki::util::run_process;
-
+namespace kodrune_bench {
 namespace {
 
-struct Options {
-  std::string wiki;
-  std::string repo;
-  std::size_t stride = 1;
+namespace fs = std::filesystem;
+using wiki::Json;
+
+// What is cited: up to `ranges` ranges of `span` lines, placed from `seed`,
+// in each changed file whose name ends in one of `extensions`.
+struct Options : ReplayOptions {
   std::size_t ranges = 3;
   std::size_t span = 10;
   std::uint64_t seed = 1;
   std::vector<std::string> extensions = {".c", ".h", ".cc", ".cpp", ".cxx", ".hpp", ".hh"};
-  std::size_t limit = 0;
-  bool steps = false;
   bool owners = false;
 };
 
@@ -74,21 +69,14 @@ Options parse_options(int argc, char** argv) {
   std::string extensions;
   CLI::App app{"Replays a git history through save and changes, and judges each cited range"};
   app.name("kodrune_precision");
-  app.add_option("--wiki", options.wiki, "The kodrune-wiki binary")->required();
+  add_replay_options(app, options);
   app.add_option("--repo", options.repo, "A clone of the history to replay")->required();
-  app.add_option("--stride", options.stride, "Replay every Nth commit")->check(CLI::PositiveNumber);
   app.add_option("--ranges", options.ranges, "Cited ranges per page")->check(CLI::PositiveNumber);
   app.add_option("--span", options.span, "Lines per cited range")->check(CLI::PositiveNumber);
   app.add_option("--seed", options.seed, "Seed of the ranges cited")->check(CLI::PositiveNumber);
   app.add_option("--ext", extensions, "File extensions to cite, comma-separated");
-  app.add_option("--limit", options.limit, "Stop after N steps")->check(CLI::PositiveNumber);
-  app.add_flag("--steps", options.steps, "Print a line per step");
   app.add_flag("--owners", options.owners, "Print which page owns each judged range");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    std::exit(app.exit(e));
-  }
+  parse_or_exit(app, argc, argv);
   if (!extensions.empty()) {
     options.extensions.clear();
     std::stringstream list(extensions);
@@ -97,30 +85,6 @@ Options parse_options(int argc, char** argv) {
     }
   }
   return options;
-}
-
-std::string git(const Options& options, const std::vector<std::string>& args) {
-  std::vector<std::string> argv = {"git", "-C", options.repo};
-  argv.insert(argv.end(), args.begin(), args.end());
-  const ProcessResult result = run_process(argv);
-  if (result.exit_code != 0) {
-    std::string joined;
-    for (const auto& arg : args) joined += " " + arg;
-    fail("git" + joined + " failed");
-  }
-  return result.out;
-}
-
-std::vector<std::string> split(const std::string& text, char separator) {
-  std::vector<std::string> out;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find(separator, start);
-    if (end == std::string::npos) end = text.size();
-    out.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return out;
 }
 
 std::optional<std::vector<std::string>> file_lines(const fs::path& path) {
@@ -132,11 +96,11 @@ std::optional<std::vector<std::string>> file_lines(const fs::path& path) {
   return split(text.str(), '\n');
 }
 
-Json wiki(const Options& options, const std::vector<std::string>& args) {
+Json run_wiki(const Options& options, const std::vector<std::string>& args) {
   std::vector<std::string> argv = {options.wiki};
   argv.insert(argv.end(), args.begin(), args.end());
   argv.insert(argv.end(), {"--repo", options.repo, "--branch", "main", "--json"});
-  const ProcessResult result = run_process(argv);
+  const wiki::util::ProcessResult result = wiki::util::run_process(argv);
   if (result.exit_code != 0) fail("kodrune-wiki " + args.front() + " failed");
   return Json::parse(result.out);
 }
@@ -188,7 +152,7 @@ Tally replay_pair(const Options& options, std::size_t step, const std::string& b
   tally.pairs = 1;
   std::vector<std::string> changed;
   for (const auto& line :
-       split(git(options, {"diff", "--no-renames", "--name-status", base, next}), '\n')) {
+       split(git(options.repo, {"diff", "--no-renames", "--name-status", base, next}), '\n')) {
     const auto fields = split(line, '\t');
     if (fields.size() != 2 || (fields[0] != "M" && fields[0] != "D")) continue;
     const std::string& path = fields[1];
@@ -201,9 +165,9 @@ Tally replay_pair(const Options& options, std::size_t step, const std::string& b
   }
   if (changed.empty()) return tally;
 
-  git(options, {"checkout", "-q", "-f", base});
-  git(options, {"clean", "-fdq"});
-  const Json plan = wiki(options, {"plan"});
+  git(options.repo, {"checkout", "-q", "-f", base});
+  git(options.repo, {"clean", "-fdq"});
+  const Json plan = run_wiki(options, {"plan"});
   std::map<std::string, std::string> owner;
   std::string fallback;
   for (const auto& item : plan.at("plans")) {
@@ -244,16 +208,16 @@ Tally replay_pair(const Options& options, std::size_t step, const std::string& b
     }
     std::ofstream(scratch / "body.md", std::ios::binary) << body;
     std::ofstream(scratch / "citations.json", std::ios::binary) << citations.dump();
-    wiki(options, {"save", page, (scratch / "body.md").string(), "--citations",
-                   (scratch / "citations.json").string()});
+    run_wiki(options, {"save", page, (scratch / "body.md").string(), "--citations",
+                       (scratch / "citations.json").string()});
   }
 
-  git(options, {"checkout", "-q", "-f", next});
-  git(options, {"clean", "-fdq"});
+  git(options.repo, {"checkout", "-q", "-f", next});
+  git(options.repo, {"clean", "-fdq"});
   if (by_page.empty()) return tally;
   // Every written page: one whose files all went is retired, and its ranges
   // stay unreported.
-  const Json changes = wiki(options, {"changes"});
+  const Json changes = run_wiki(options, {"changes"});
 
   for (const auto& [page, cited] : by_page) {
     std::map<std::pair<std::string, std::int64_t>, const Json*> reported;
@@ -311,18 +275,14 @@ void print(const std::string& label, const Tally& tally) {
             << tally.truly_moved << "\n";
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  const Options options = parse_options(argc, argv);
+int run(const Options& options) {
   {
     const fs::path exclude = fs::path(options.repo) / ".git" / "info" / "exclude";
     fs::create_directories(exclude.parent_path());
     std::ofstream(exclude, std::ios::app) << "\n/memory/\n";
   }
-  const std::string tip = split(git(options, {"rev-parse", "HEAD"}), '\n').at(0);
-  const std::vector<std::string> commits =
-      split(git(options, {"rev-list", "--first-parent", "--reverse", tip}), '\n');
+  const std::string tip = split(git(options.repo, {"rev-parse", "HEAD"}), '\n').at(0);
+  const std::vector<std::string> commits = first_parent_commits(options.repo, tip);
   Tally total;
   std::size_t done = 0;
   for (std::size_t i = 0; i + options.stride < commits.size(); i += options.stride) {
@@ -331,7 +291,16 @@ int main(int argc, char** argv) {
     if (options.steps && pair.ranges != 0) print("step " + std::to_string(i), pair);
     total.add(pair);
   }
-  git(options, {"checkout", "-q", "-f", tip});
+  git(options.repo, {"checkout", "-q", "-f", tip});
   print("total", total);
   return total.misses == 0 ? 0 : 1;
+}
+
+}  // namespace
+}  // namespace kodrune_bench
+
+int main(int argc, char** argv) {
+  return kodrune_bench::run_reporting("kodrune_precision", [&] {
+    return kodrune_bench::run(kodrune_bench::parse_options(argc, argv));
+  });
 }

@@ -35,73 +35,38 @@
 #include <unordered_set>
 #include <vector>
 
-#include "workers/wiki/util/process.hpp"
-#include "zenthar_kodrune/workers/wiki/planner.hpp"
+#include "replay.hpp"
 #include "zenthar_kodrune/workers/wiki/types.hpp"
 
-namespace fs = std::filesystem;
-using zenthar_kodrune::workers::wiki::Json;
-using zenthar_kodrune::workers::wiki::util::ProcessResult;
-using zenthar_kodrune::workers::wiki::util::run_process;
-
+namespace kodrune_bench {
 namespace {
 
-struct Options {
-  std::string wiki;
+namespace fs = std::filesystem;
+using wiki::Json;
+
+// The history is --git (`repo`, from `rev`) or --paths, a recorded one.
+struct Options : ReplayOptions {
   std::string paths_file;
-  std::string git_repo;
   std::string rev = "HEAD";
-  std::size_t stride = 1;
-  std::size_t limit = 0;  // 0: every step
   std::string work;
-  bool steps = false;
 };
 
 Options parse_options(int argc, char** argv) {
   Options options;
   CLI::App app{"Replays a history through kodrune-wiki plan and tells how much structure moved"};
   app.name("kodrune_replay_stability");
-  app.add_option("--wiki", options.wiki, "The kodrune-wiki binary")->required();
+  add_replay_options(app, options);
   auto* paths = app.add_option("--paths", options.paths_file, "A recorded history (JSON Lines)");
-  auto* git = app.add_option("--git", options.git_repo, "A git repository's first-parent history");
+  auto* git = app.add_option("--git", options.repo, "A git repository's first-parent history");
   paths->excludes(git);
   app.add_option("--rev", options.rev, "The revision whose history to replay (with --git)");
-  app.add_option("--stride", options.stride, "Replay every Nth step")->check(CLI::PositiveNumber);
-  app.add_option("--limit", options.limit, "Stop after N steps")->check(CLI::PositiveNumber);
   app.add_option("--work", options.work, "Folder to replay in (default: a temporary one)");
-  app.add_flag("--steps", options.steps, "Print a line per step");
-  try {
-    app.parse(argc, argv);
-    if (options.paths_file.empty() && options.git_repo.empty()) {
+  parse_or_exit(app, argc, argv, [&] {
+    if (options.paths_file.empty() && options.repo.empty()) {
       throw CLI::ValidationError("--paths or --git", "give one history to replay");
     }
-  } catch (const CLI::ParseError& e) {
-    std::exit(app.exit(e));
-  }
+  });
   return options;
-}
-
-ProcessResult checked(const std::vector<std::string>& argv) {
-  ProcessResult result = run_process(argv);
-  if (result.exit_code != 0) {
-    std::string command;
-    for (const auto& arg : argv) command += (command.empty() ? "" : " ") + arg;
-    throw std::runtime_error("'" + command + "' failed with exit code " +
-                             std::to_string(result.exit_code));
-  }
-  return result;
-}
-
-std::vector<std::string> split(const std::string& text, char separator) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start < text.size()) {
-    std::size_t end = text.find(separator, start);
-    if (end == std::string::npos) end = text.size();
-    if (end > start) parts.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return parts;
 }
 
 // One replayed step: its label and every path it tracks.
@@ -142,17 +107,14 @@ void recorded_steps(const Options& options, Visit visit) {
 // The same for a git repository's first-parent history.
 template <typename Visit>
 void git_steps(const Options& options, Visit visit) {
-  const auto commits = split(checked({"git", "-C", options.git_repo, "rev-list", "--first-parent",
-                                      "--reverse", options.rev})
-                                 .out,
-                             '\n');
+  const auto commits = first_parent_commits(options.repo, options.rev);
   std::size_t sampled = 0;
   for (std::size_t i = 0; i < commits.size(); i += options.stride) {
     if (options.limit != 0 && sampled == options.limit) return;
     ++sampled;
-    const auto listed = checked({"git", "-C", options.git_repo, "-c", "core.quotepath=off",
-                                 "ls-tree", "-r", "-z", "--name-only", commits[i]});
-    const auto names = split(listed.out, '\0');
+    const auto names = split(git(options.repo, {"-c", "core.quotepath=off", "ls-tree", "-r", "-z",
+                                                "--name-only", commits[i]}),
+                             '\0');
     visit(Step{"step " + std::to_string(i) + " " + commits[i].substr(0, 12),
                std::set<std::string>(names.begin(), names.end())});
   }
@@ -221,10 +183,7 @@ class ReplayRepo {
     }
   }
 
-  void git(std::vector<std::string> args) {
-    args.insert(args.begin(), {"git", "-C", root_.string()});
-    checked(args);
-  }
+  void git(const std::vector<std::string>& args) { kodrune_bench::git(root_.string(), args); }
 
   fs::path root_;
   std::set<std::string> current_;
@@ -361,7 +320,7 @@ int run(const Options& options) {
                                                    ("kodrune-replay-" + std::to_string(::getpid()))
                                              : fs::path(options.work);
   ReplayRepo repo(work);
-  const std::string wiki = fs::absolute(options.wiki).string();
+  const std::string binary = fs::absolute(options.wiki).string();
 
   std::size_t builds = 0;
   std::size_t skipped_paths = 0;
@@ -372,8 +331,8 @@ int run(const Options& options) {
   const auto replay = [&](const Step& step) {
     skipped_paths += repo.become(step.paths, step.label);
     const auto start = std::chrono::steady_clock::now();
-    const ProcessResult planned =
-        run_process({wiki, "plan", "--json", "--repo", repo.root().string()});
+    const wiki::util::ProcessResult planned =
+        wiki::util::run_process({binary, "plan", "--json", "--repo", repo.root().string()});
     build_ms.push_back(
         std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
             .count());
@@ -439,13 +398,10 @@ int run(const Options& options) {
 }
 
 }  // namespace
+}  // namespace kodrune_bench
 
 int main(int argc, char** argv) {
-  const Options options = parse_options(argc, argv);
-  try {
-    return run(options);
-  } catch (const std::exception& error) {
-    std::cerr << "kodrune_replay_stability: " << error.what() << "\n";
-    return 1;
-  }
+  return kodrune_bench::run_reporting("kodrune_replay_stability", [&] {
+    return kodrune_bench::run(kodrune_bench::parse_options(argc, argv));
+  });
 }

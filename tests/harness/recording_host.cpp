@@ -42,17 +42,13 @@ class RecordingHost::Store final : public wiki::WikiStore, public wiki::Database
                         const std::string& title, const wiki::WikiPageColumns& columns) override {
     Json entry = record("upsert_wiki_page");
     entry["args"] = Json::array({branch, page_id, title});
-    Json kwargs = Json::object();
-    kwargs["description"] = columns.description;
-    kwargs["importance"] = columns.importance;
-    kwargs["level"] = columns.level;
-    kwargs["parent_section"] = columns.parent_section;
-    kwargs["rel_path"] = columns.rel_path;
-    kwargs["source_files"] = columns.source_files;
-    kwargs["source_hashes"] = columns.source_hashes;
-    kwargs["related_pages"] = columns.related_pages;
-    kwargs["status"] = columns.status;
-    kwargs["page_type"] = columns.page_type;
+    // The columns in the order a loaded row shows them, from the stores' own
+    // stored_row: the key columns are in "args" already, and the recorded
+    // calls carry no content hash or build cache.
+    Json kwargs = wiki::stored_row(branch, page_id, title, columns);
+    for (const char* key : {"branch", "page_id", "title", "content_hash", "build_cache"}) {
+      kwargs.erase(key);
+    }
     entry["kwargs"] = std::move(kwargs);
     host_.calls_.push_back(std::move(entry));
   }

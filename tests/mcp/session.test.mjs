@@ -24,13 +24,10 @@ class Repo extends GitRepo {
   }
 }
 
-test('an agent writes a wiki through the MCP server', async () => {
-  assert.ok(exe, 'KODRUNE_WIKI_EXE must name the kodrune-wiki binary');
-  const repo = new Repo();
-  repo.unit('src', ['a.cpp', 'b.cpp', 'c.cpp']);
-  repo.unit('lib', ['x.cpp', 'y.cpp']);
-  repo.commit('seed');
-
+// Runs `session` with a client of `kodrune-wiki mcp` serving `repo`: the
+// server's stderr is shown when the session fails, and the repository goes
+// with the session either way.
+async function withServer(repo, session) {
   const transport = new StdioClientTransport({
     command: exe,
     args: ['mcp', '--repo', repo.root],
@@ -43,6 +40,24 @@ test('an agent writes a wiki through the MCP server', async () => {
   const client = new Client({ name: 'kodrune-wiki-test', version: '1.0.0' });
   try {
     await client.connect(transport);
+    await session(client);
+  } catch (error) {
+    if (stderr) console.error(`server stderr:\n${stderr}`);
+    throw error;
+  } finally {
+    await client.close();
+    repo.remove();
+  }
+}
+
+test('an agent writes a wiki through the MCP server', async () => {
+  assert.ok(exe, 'KODRUNE_WIKI_EXE must name the kodrune-wiki binary');
+  const repo = new Repo();
+  repo.unit('src', ['a.cpp', 'b.cpp', 'c.cpp']);
+  repo.unit('lib', ['x.cpp', 'y.cpp']);
+  repo.commit('seed');
+
+  await withServer(repo, async (client) => {
     assert.equal(client.getServerVersion().name, 'kodrune-wiki');
     assert.match(client.getInstructions(), /wiki\(action="generate", replan=true\)/);
 
@@ -205,13 +220,7 @@ test('an agent writes a wiki through the MCP server', async () => {
     await assert.rejects(client.readResource({ uri: 'wiki://main/pages/overview.md' }),
                          (error) => error instanceof McpError && error.code === -32002);
     await client.ping();
-  } catch (error) {
-    if (stderr) console.error(`server stderr:\n${stderr}`);
-    throw error;
-  } finally {
-    await client.close();
-    repo.remove();
-  }
+  });
 });
 
 // A plan of 70 pages, one of them a catch-all page of 30 files, read as an
@@ -225,14 +234,7 @@ test('long lists and bodies come in slices', async () => {
     repo.unit(`u${String(unit).padStart(2, '0')}`, ['a.cpp', 'b.cpp', 'c.cpp']);
   }
   repo.commit('seed');
-  const client = new Client({ name: 'kodrune-wiki-test', version: '1.0.0' });
-  let stderr = '';
-  const transport = new StdioClientTransport({
-    command: exe, args: ['mcp', '--repo', repo.root], cwd: repo.root, env: { ...process.env }, stderr: 'pipe',
-  });
-  transport.stderr.on('data', (chunk) => (stderr += chunk));
-  try {
-    await client.connect(transport);
+  await withServer(repo, async (client) => {
     const call = async (name, args) => {
       const result = await client.callTool({ name, arguments: args });
       assert.ok(!result.isError, `${name}: ${JSON.stringify(result.content)}`);
@@ -320,11 +322,5 @@ test('long lists and bodies come in slices', async () => {
     repo.unit('v00', ['a.cpp', 'b.cpp']);
     repo.commit('a new unit past the page budget');
     assert.equal(await catchAllFiles(), filesBefore + 2);
-  } catch (error) {
-    if (stderr) console.error(`server stderr:\n${stderr}`);
-    throw error;
-  } finally {
-    await client.close();
-    repo.remove();
-  }
+  });
 });

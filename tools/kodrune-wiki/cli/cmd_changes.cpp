@@ -6,15 +6,7 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
-using wiki::Json;
-
 namespace {
-
-struct ChangesOptions {
-  CommonOptions common;
-  std::vector<std::string> page_ids;
-};
 
 void print_list(std::ostream& out, const char* label, const Json& items) {
   if (items.empty()) return;
@@ -61,52 +53,44 @@ void print_citations(std::ostream& out, const Json& citations) {
   out << "  cited ranges: " << citations.size() << " (" << intact << " intact)\n" << lines;
 }
 
+void print_changes(wiki::WikiGenerator& generator, const std::vector<std::string>& page_ids,
+                   bool json) {
+  const Json changes = generator.precise_changes(page_ids);
+  if (json) {
+    std::cout << changes.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
+    return;
+  }
+  if (changes.empty()) std::cout << "no written pages\n";
+  for (const auto& [id, change] : changes.items()) {
+    if (change.empty()) {
+      std::cout << id << ": never written\n";
+      continue;
+    }
+    const Json& files = change.at("changed_files");
+    const Json& sections = change.at("stale_sections");
+    if (files.at("added").empty() && files.at("removed").empty() && files.at("modified").empty() &&
+        sections.empty()) {
+      std::cout << id << ": unchanged\n";
+      continue;
+    }
+    std::cout << id << ":\n";
+    print_list(std::cout, "added", files.at("added"));
+    print_list(std::cout, "removed", files.at("removed"));
+    print_list(std::cout, "modified", files.at("modified"));
+    print_headings(std::cout, "stale sections", sections);
+    print_headings(std::cout, "changed sections", change.at("changed_sections"));
+    print_citations(std::cout, change.at("citations"));
+  }
+}
+
 }  // namespace
 
 Command add_changes_command(CLI::App& app) {
-  auto options = std::make_shared<ChangesOptions>();
-  CLI::App* command = app.add_subcommand(
-      "changes",
+  return add_pages_command(
+      app, "changes",
       "For each written page: files added, removed, modified, stale sections, and what each "
-      "cited line range did (intact, moved, changed, gone)");
-  command->add_option("PAGE_ID", options->page_ids,
-                      "Pages to look at (default: every written page)");
-  add_common_options(*command, options->common);
-  return Command{
-      command, [options] {
-        return run_guarded(
-            [&] {
-              auto generator = open_generator(options->common);
-              const Json changes = generator->precise_changes(options->page_ids);
-              if (options->common.json) {
-                std::cout << changes.dump(-1, ' ', false, Json::error_handler_t::replace) << "\n";
-                return 0;
-              }
-              if (changes.empty()) std::cout << "no written pages\n";
-              for (const auto& [id, change] : changes.items()) {
-                if (change.empty()) {
-                  std::cout << id << ": never written\n";
-                  continue;
-                }
-                const Json& files = change.at("changed_files");
-                const Json& sections = change.at("stale_sections");
-                if (files.at("added").empty() && files.at("removed").empty() &&
-                    files.at("modified").empty() && sections.empty()) {
-                  std::cout << id << ": unchanged\n";
-                  continue;
-                }
-                std::cout << id << ":\n";
-                print_list(std::cout, "added", files.at("added"));
-                print_list(std::cout, "removed", files.at("removed"));
-                print_list(std::cout, "modified", files.at("modified"));
-                print_headings(std::cout, "stale sections", sections);
-                print_headings(std::cout, "changed sections", change.at("changed_sections"));
-                print_citations(std::cout, change.at("citations"));
-              }
-              return 0;
-            },
-            std::cerr);
-      }};
+      "cited line range did (intact, moved, changed, gone)",
+      "Pages to look at (default: every written page)", print_changes);
 }
 
 }  // namespace kodrune_cli

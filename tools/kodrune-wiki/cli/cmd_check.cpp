@@ -16,9 +16,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
-using wiki::Json;
-
 namespace {
 
 // The kinds of finding, in the order a report lists them.

@@ -8,7 +8,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
 
 void add_common_options(CLI::App& command, CommonOptions& options) {
@@ -82,6 +81,28 @@ int run_guarded(const std::function<int()>& body, std::ostream& err) {
     err << error_line(e) << "\n";
     return 1;
   }
+}
+
+Command add_pages_command(CLI::App& app, const std::string& name, const std::string& description,
+                          const std::string& pages_help, PagesRun run) {
+  struct PagesOptions {
+    CommonOptions common;
+    std::vector<std::string> page_ids;
+  };
+  // Shared with the run, which main() calls once the options are parsed.
+  auto options = std::make_shared<PagesOptions>();
+  CLI::App* command = app.add_subcommand(name, description);
+  command->add_option("PAGE_ID", options->page_ids, pages_help);
+  add_common_options(*command, options->common);
+  return Command{command, [options, run = std::move(run)] {
+                   return run_guarded(
+                       [&] {
+                         auto generator = open_generator(options->common);
+                         run(*generator, options->page_ids, options->common.json);
+                         return 0;
+                       },
+                       std::cerr);
+                 }};
 }
 
 std::string percent_encoded(std::string_view text, bool keep_slash) {

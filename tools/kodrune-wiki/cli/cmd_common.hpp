@@ -10,11 +10,16 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "workers/wiki/orchestrator/store_url.hpp"
 #include "zenthar_kodrune/workers/wiki/orchestrator.hpp"
 
 namespace kodrune_cli {
+
+// The library and its JSON value, as every front end names them.
+namespace wiki = zenthar_kodrune::workers::wiki;
+using wiki::Json;
 
 // A bad option value found after parsing (exit code 2).
 struct UsageError : std::runtime_error {
@@ -38,7 +43,7 @@ void add_location_options(CLI::App& command, CommonOptions& options,
 void add_store_option(CLI::App& command, std::string& store);
 
 // The store URL checked; a bad one is a UsageError.
-zenthar_kodrune::workers::wiki::orchestrator::StoreUrl resolve_store(const std::string& store);
+wiki::orchestrator::StoreUrl resolve_store(const std::string& store);
 
 // The branch to use: the option checked by git's ref-name rules, else the
 // current git branch, else "main". A bad name is a UsageError.
@@ -48,9 +53,8 @@ std::string resolve_branch(const CommonOptions& options);
 void check_repo(const CommonOptions& options);
 
 // The orchestrator for the options (repository folder checked first).
-std::unique_ptr<zenthar_kodrune::workers::wiki::WikiGenerator> open_generator(
-    const CommonOptions& options,
-    zenthar_kodrune::workers::wiki::WikiGeneratorOptions generator_options = {});
+std::unique_ptr<wiki::WikiGenerator> open_generator(
+    const CommonOptions& options, wiki::WikiGeneratorOptions generator_options = {});
 
 // The one line a failure is reported with: "kodrune-wiki: error: ...".
 std::string error_line(const std::exception& error);
@@ -64,18 +68,26 @@ std::string percent_encoded(std::string_view text, bool keep_slash);
 
 // `plan --json`: the branch, every planned page with its state, the
 // amendments, the remap, the drift warning, the stale pages and why.
-zenthar_kodrune::workers::wiki::Json plan_json(
-    const std::string& branch, const zenthar_kodrune::workers::wiki::BuildResult& result);
+wiki::Json plan_json(const std::string& branch, const wiki::BuildResult& result);
 
 // `reanchor --json`: {"reanchored": [{"page_id", "moved", "content_hash", "citations"}]}.
-zenthar_kodrune::workers::wiki::Json reanchor_json(
-    const std::vector<zenthar_kodrune::workers::wiki::ReanchorResult>& results);
+wiki::Json reanchor_json(const std::vector<wiki::ReanchorResult>& results);
 
 // A subcommand as main() sees it: parsed or not, and what running it does.
 struct Command {
   CLI::App* app = nullptr;
   std::function<int()> run;
 };
+
+// What a subcommand over written pages does with the pages named (none: its
+// own default set); `json` asks for one JSON value instead of text.
+using PagesRun = std::function<void(wiki::WikiGenerator& generator,
+                                    const std::vector<std::string>& page_ids, bool json)>;
+
+// The subcommand `name` over written pages: PAGE_ID... (`pages_help` saying
+// which pages none means), the common options, and `run` on the orchestrator.
+Command add_pages_command(CLI::App& app, const std::string& name, const std::string& description,
+                          const std::string& pages_help, PagesRun run);
 
 Command add_plan_command(CLI::App& app);
 Command add_save_command(CLI::App& app);

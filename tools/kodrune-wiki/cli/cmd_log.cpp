@@ -5,9 +5,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
-using wiki::Json;
-
 namespace {
 
 struct LogOptions {

@@ -6,18 +6,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
-using wiki::Json;
-
-namespace {
-
-struct ReanchorOptions {
-  CommonOptions common;
-  std::vector<std::string> page_ids;
-};
-
-}  // namespace
-
 Json reanchor_json(const std::vector<wiki::ReanchorResult>& results) {
   Json pages = Json::array();
   for (const auto& result : results) {
@@ -31,39 +19,35 @@ Json reanchor_json(const std::vector<wiki::ReanchorResult>& results) {
   return {{"reanchored", std::move(pages)}};
 }
 
+namespace {
+
+void print_reanchored(wiki::WikiGenerator& generator, const std::vector<std::string>& page_ids,
+                      bool json) {
+  const auto results = generator.reanchor(page_ids);
+  if (json) {
+    std::cout << reanchor_json(results).dump(-1, ' ', false, Json::error_handler_t::replace)
+              << "\n";
+    return;
+  }
+  if (results.empty()) std::cout << "no page only needs re-anchoring\n";
+  for (const auto& result : results) {
+    std::cout << "reanchored " << result.page_id;
+    if (result.moved.empty()) std::cout << " (no anchor moved)";
+    std::cout << "\n";
+    for (const auto& moved : result.moved) {
+      std::cout << "  " << moved << "\n";
+    }
+  }
+}
+
+}  // namespace
+
 Command add_reanchor_command(CLI::App& app) {
-  auto options = std::make_shared<ReanchorOptions>();
-  CLI::App* command = app.add_subcommand(
-      "reanchor",
+  return add_pages_command(
+      app, "reanchor",
       "Re-record written pages whose cited lines are all intact or moved, their line anchors "
-      "moved to where the lines are now");
-  command->add_option("PAGE_ID", options->page_ids,
-                      "Pages to re-anchor (default: every stale page that only needs it)");
-  add_common_options(*command, options->common);
-  return Command{command, [options] {
-                   return run_guarded(
-                       [&] {
-                         auto generator = open_generator(options->common);
-                         const auto results = generator->reanchor(options->page_ids);
-                         if (options->common.json) {
-                           std::cout << reanchor_json(results).dump(-1, ' ', false,
-                                                                    Json::error_handler_t::replace)
-                                     << "\n";
-                           return 0;
-                         }
-                         if (results.empty()) std::cout << "no page only needs re-anchoring\n";
-                         for (const auto& result : results) {
-                           std::cout << "reanchored " << result.page_id;
-                           if (result.moved.empty()) std::cout << " (no anchor moved)";
-                           std::cout << "\n";
-                           for (const auto& moved : result.moved) {
-                             std::cout << "  " << moved << "\n";
-                           }
-                         }
-                         return 0;
-                       },
-                       std::cerr);
-                 }};
+      "moved to where the lines are now",
+      "Pages to re-anchor (default: every stale page that only needs it)", print_reanchored);
 }
 
 }  // namespace kodrune_cli

@@ -8,9 +8,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
-using wiki::Json;
-
 namespace {
 
 struct SaveOptions {

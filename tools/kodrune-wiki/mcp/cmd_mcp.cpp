@@ -9,7 +9,6 @@
 
 namespace kodrune_cli {
 
-namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
 
 Command add_mcp_command(CLI::App& app) {

@@ -198,6 +198,16 @@ Json save_output_schema() {
 
 Json build_tools() {
   Json tools = Json::array();
+  // What a client may tell its user before a call. No tool reaches past the
+  // repository and its store; a build adds to the record, a save replaces a
+  // page's body.
+  const Json builds = {
+      {"readOnlyHint", false}, {"destructiveHint", false}, {"openWorldHint", false}};
+  const Json rewrites_a_page = {{"readOnlyHint", false},
+                                {"destructiveHint", true},
+                                {"idempotentHint", true},
+                                {"openWorldHint", false}};
+  const Json reads = {{"readOnlyHint", true}, {"openWorldHint", false}};
   const Json replan_flag = flag(
       "Let the fresh structure win, carrying old prose onto it (what the drift warning asks for)");
   tools.push_back(
@@ -211,8 +221,7 @@ Json build_tools() {
         object({{"replan", replan_flag}, {"force", flag("Select every page for writing")}}, {},
                true)},
        {"outputSchema", plan_output_schema()},
-       {"annotations",
-        {{"readOnlyHint", false}, {"destructiveHint", false}, {"openWorldHint", false}}}});
+       {"annotations", builds}});
   tools.push_back(
       {{"name", "wiki"},
        {"title", "The writer's work list"},
@@ -240,8 +249,7 @@ Json build_tools() {
                                                "answer before, for the slice after it")}},
                               {"action"}, true)},
        {"outputSchema", wiki_output_schema()},
-       {"annotations",
-        {{"readOnlyHint", false}, {"destructiveHint", false}, {"openWorldHint", false}}}});
+       {"annotations", builds}});
   tools.push_back(
       {{"name", "save_page"},
        {"title", "Save a written page"},
@@ -255,11 +263,7 @@ Json build_tools() {
                                {"title", text("Display title the author chose")}},
                               {"page_id", "body"}, true)},
        {"outputSchema", save_output_schema()},
-       {"annotations",
-        {{"readOnlyHint", false},
-         {"destructiveHint", true},
-         {"idempotentHint", true},
-         {"openWorldHint", false}}}});
+       {"annotations", rewrites_a_page}});
   tools.push_back(
       {{"name", "changes"},
        {"title", "What changed under written pages"},
@@ -283,7 +287,7 @@ Json build_tools() {
                                 {"total", integer("Pages answered for, this slice and the others")},
                                 {"next_cursor", cursor_or_null()}},
                                {"branch", "changes"})},
-       {"annotations", {{"readOnlyHint", true}, {"openWorldHint", false}}}});
+       {"annotations", reads}});
   tools.push_back(
       {{"name", "reanchor"},
        {"title", "Move a page's line anchors to where its cited lines are now"},
@@ -302,11 +306,7 @@ Json build_tools() {
                                               {"page_id", "moved", "content_hash", "citations"}))},
                 {"reanchored_total", integer("How many pages, when more than listed")}},
                {"branch", "reanchored"})},
-       {"annotations",
-        {{"readOnlyHint", false},
-         {"destructiveHint", true},
-         {"idempotentHint", true},
-         {"openWorldHint", false}}}});
+       {"annotations", rewrites_a_page}});
   tools.push_back(
       {{"name", "read_page"},
        {"title", "Read a saved page"},
@@ -330,7 +330,7 @@ Json build_tools() {
                 {"size", integer("The whole body's size in bytes")},
                 {"next_offset", integer_or_null("Where the next slice starts; null at the end")}},
                {"page_id", "title", "uri", "body"})},
-       {"annotations", {{"readOnlyHint", true}, {"openWorldHint", false}}}});
+       {"annotations", reads}});
   return tools;
 }
 

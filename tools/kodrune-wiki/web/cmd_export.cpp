@@ -21,9 +21,7 @@ using web::linked_page;
 using web::SiteLinks;
 using web::WikiSite;
 
-namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
-using wiki::Json;
 
 namespace {
 

@@ -25,9 +25,7 @@ using web::SiteLinks;
 using web::url_path;
 using web::WikiSite;
 
-namespace wiki = zenthar_kodrune::workers::wiki;
 namespace fs = std::filesystem;
-using wiki::Json;
 
 namespace {
 

@@ -66,101 +66,71 @@ TEST(Fingerprint, KeepsContextUpToTheFileEdges) {
   }
 }
 
+using State = orchestrator::CitationState;
+
+// What the index should make of a cited range in the file as it is now.
 struct Case {
   const char* name;
-  Lines before;
-  int line_start;
-  int line_end;
   Lines now;
-  orchestrator::CitationState state;
+  State state;
   int now_start;
   int now_end;
 };
 
+// Lines `line_start` to `line_end` of `before`, cited, judged in `c.now`.
+void expect_judged(const Lines& before, int line_start, int line_end, const Case& c) {
+  const auto fingerprint = orchestrator::fingerprint_of(hashes(before), line_start, line_end);
+  ASSERT_TRUE(fingerprint) << c.name;
+  orchestrator::LineIndex index(hashes(c.now));
+  const orchestrator::Judgement judged = index.judge(*fingerprint, line_start);
+  EXPECT_EQ(orchestrator::state_name(judged.state), std::string(orchestrator::state_name(c.state)))
+      << c.name;
+  EXPECT_EQ(judged.line_start, c.now_start) << c.name;
+  EXPECT_EQ(judged.line_end, c.now_end) << c.name;
+}
+
 TEST(LineIndex, JudgesACitedRangeAgainstTheFileNow) {
   const Lines base = {"// top", "#include <x>", "", "int f() {", "  return g();", "}",
                       "",       "int h;"};
+  // `int f` and its body, lines 4 to 6 of base.
   const Case cases[] = {
-      {"identical", base, 4, 6, base, orchestrator::CitationState::intact, 4, 6},
+      {"identical", base, State::intact, 4, 6},
       {"edit below only",
-       base,
-       4,
-       6,
        {"// top", "#include <x>", "", "int f() {", "  return g();", "}", "", "long h;"},
-       orchestrator::CitationState::intact,
+       State::intact,
        4,
        6},
       {"edit above",
-       base,
-       4,
-       6,
        {"// top", "// more", "// and more", "#include <x>", "", "int f() {", "  return g();", "}",
         "", "int h;"},
-       orchestrator::CitationState::moved,
+       State::moved,
        6,
        8},
       {"lines removed above",
-       base,
-       4,
-       6,
        {"int f() {", "  return g();", "}", "", "int h;"},
-       orchestrator::CitationState::moved,
+       State::moved,
        1,
        3},
       {"edit inside",
-       base,
-       4,
-       6,
        {"// top", "#include <x>", "", "int f() {", "  return g() + 1;", "}", "", "int h;"},
-       orchestrator::CitationState::changed,
+       State::changed,
        0,
        0},
       {"line inserted inside",
-       base,
-       4,
-       6,
        {"// top", "#include <x>", "", "int f() {", "  log();", "  return g();", "}"},
-       orchestrator::CitationState::changed,
+       State::changed,
        0,
        0},
       {"moved with new context",
-       base,
-       4,
-       6,
        {"int h;", "", "", "", "", "int f() {", "  return g();", "}"},
-       orchestrator::CitationState::moved,
+       State::moved,
        6,
        8},
-      {"emptied", base, 4, 6, {}, orchestrator::CitationState::changed, 0, 0},
-      {"cut short",
-       base,
-       4,
-       6,
-       {"// top", "#include <x>", "", "int f() {"},
-       orchestrator::CitationState::changed,
-       0,
-       0},
-      {"past the end of a shorter file",
-       base,
-       7,
-       8,
-       {"", "int h;"},
-       orchestrator::CitationState::moved,
-       1,
-       2},
+      {"emptied", {}, State::changed, 0, 0},
+      {"cut short", {"// top", "#include <x>", "", "int f() {"}, State::changed, 0, 0},
   };
-  for (const auto& c : cases) {
-    const auto fingerprint =
-        orchestrator::fingerprint_of(hashes(c.before), c.line_start, c.line_end);
-    ASSERT_TRUE(fingerprint) << c.name;
-    orchestrator::LineIndex index(hashes(c.now));
-    const orchestrator::Judgement judged = index.judge(*fingerprint, c.line_start);
-    EXPECT_EQ(orchestrator::state_name(judged.state),
-              std::string(orchestrator::state_name(c.state)))
-        << c.name;
-    EXPECT_EQ(judged.line_start, c.now_start) << c.name;
-    EXPECT_EQ(judged.line_end, c.now_end) << c.name;
-  }
+  for (const auto& c : cases) expect_judged(base, 4, 6, c);
+  expect_judged(base, 7, 8, {"past the end of a shorter file", {"", "int h;"}, State::moved, 1, 2});
 }
 
 TEST(LineIndex, ContextDecidesBetweenDuplicateBlocks) {
