@@ -13,7 +13,7 @@ bash scripts/setup.sh
 # both shares the compiled objects. Every option is set here, as it is
 # there: neither script depends on what the other left in the cache.
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O2 -DNDEBUG" \
-  -DKODRUNE_BUILD_TESTS=OFF -DKODRUNE_BUILD_BENCH=OFF >/dev/null
+  -DKODRUNE_BUILD_TESTS=OFF -DKODRUNE_BUILD_BENCH=OFF -DCMAKE_UNITY_BUILD=ON >/dev/null
 if [ "${1:-}" = "--configure-only" ]; then exit 0; fi
 cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)" --target kodrune-wiki >/dev/null
 
