@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <span>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -105,6 +106,24 @@ TEST(RpcIo, AnswersEveryLineInOrderWhateverItsLengthAndEnding) {
   EXPECT_EQ(answers, expected);
 }
 
+// Answers each request with `op` read from the document and from values,
+// expects the same bytes, and counts the answers that hold `answered`.
+int answered_alike(const std::string& op, std::span<const std::string> requests,
+                   std::string_view answered) {
+  OpTable ops;
+  register_component_ops(ops);
+  EXPECT_TRUE(ops.at(op).from_document);
+  OpTable from_values;
+  from_values.emplace(op, RpcHandler(ops.at(op).from_values));
+  int count = 0;
+  for (const auto& request : requests) {
+    const std::string answer = rpc_respond(ops, request);
+    EXPECT_EQ(answer, rpc_respond(from_values, request)) << request;
+    count += answer.find(answered) != std::string::npos ? 1 : 0;
+  }
+  return count;
+}
+
 std::string pin_request(const std::string& fresh, const std::string& existing,
                         const std::string& live, const std::string& more = "") {
   return R"({"id": 9, "op": "pin_plan", "args": {"fresh_plans": )" + fresh + R"(, "existing": )" +
@@ -185,19 +204,8 @@ TEST(RpcIo, PinPlanFromTheDocumentAnswersAsFromValues) {
       R"({"id": -0, "op": "pin_plan", "args": {"fresh_plans": [], "existing": {}, "live_paths": []}})",
       R"({"op": "pin_plan", "id": [1, {"a": null}], "args": {"fresh_plans": [], "existing": {}, "live_paths": []}})",
   };
-  OpTable ops;
-  register_component_ops(ops);
-  OpTable from_values;
-  from_values.emplace("pin_plan", RpcHandler(ops.at("pin_plan").from_values));
-  ASSERT_TRUE(ops.at("pin_plan").from_document);
-  int answered = 0;
-  for (const auto& request : requests) {
-    const std::string answer = rpc_respond(ops, request);
-    EXPECT_EQ(answer, rpc_respond(from_values, request)) << request;
-    answered += answer.find("\"result\":") != std::string::npos ? 1 : 0;
-  }
   // Both kinds of answer are compared, not only errors.
-  EXPECT_GE(answered, 8);
+  EXPECT_GE(answered_alike("pin_plan", requests, "\"result\":"), 8);
 }
 
 // Two sections, the first citing a.py and b.py, the second a.py again.
@@ -253,18 +261,7 @@ TEST(RpcIo, SectionMapFromTheDocumentAnswersAsFromValues) {
       R"({"id": 4, "op": "section_map", "args": {"body": "x", "citations": []}})",
       R"({"id": 4, "op": "section_map", "args": {"citations": [], "file_hashes": {}}})",
   };
-  OpTable ops;
-  register_component_ops(ops);
-  OpTable from_values;
-  from_values.emplace("section_map", RpcHandler(ops.at("section_map").from_values));
-  ASSERT_TRUE(ops.at("section_map").from_document);
-  int answered = 0;
-  for (const auto& request : requests) {
-    const std::string answer = rpc_respond(ops, request);
-    EXPECT_EQ(answer, rpc_respond(from_values, request)) << request;
-    answered += answer.find("\"hash\":") != std::string::npos ? 1 : 0;
-  }
-  EXPECT_GE(answered, 10);
+  EXPECT_GE(answered_alike("section_map", requests, "\"hash\":"), 10);
 }
 
 }  // namespace
