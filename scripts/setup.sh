@@ -9,7 +9,7 @@ packages=(
   build-essential cmake git pkg-config
   nlohmann-json3-dev libtsl-ordered-map-dev libpcre2-dev libspdlog-dev
   libsqlite3-dev libssl-dev libcli11-dev libmimalloc-dev libutfcpp-dev libsimdjson-dev
-  libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev
+  libgtest-dev libgmock-dev libbenchmark-dev clang clang-format libclang-rt-14-dev lld
   postgresql libpq-dev libyaml-cpp-dev
   libcpp-httplib-dev libcmark-gfm-dev libcmark-gfm-extensions-dev chromium
 )

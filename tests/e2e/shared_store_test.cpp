@@ -119,11 +119,11 @@ TEST_F(SharedStore, ServerLostMidBuildFailsTheBuildAndKeepsTheLastCommit) {
   }
 }
 
-// 8 workers, 4 on each of two branches, each running 25 rounds of a plan
+// 8 workers, 4 on each of two branches, each running 12 rounds of a plan
 // and a save of its own page while files change between rounds.
 TEST_F(SharedStore, ConcurrentWorkersLoseNoSaveAndLogEveryBuildOnce) {
   constexpr int kWorkers = 8;
-  constexpr int kRounds = 25;
+  constexpr int kRounds = 12;
   const std::string branches[] = {"main", "feature/load"};
   std::vector<std::unique_ptr<GitRepo>> repos;
   for (int w = 0; w < kWorkers; ++w) {
