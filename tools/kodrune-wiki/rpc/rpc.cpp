@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -223,18 +224,39 @@ class InputBuffer {
 
  private:
   void grow(std::size_t capacity) {
-    const auto page = static_cast<std::size_t>(::sysconf(_SC_PAGESIZE));
-    capacity = (capacity + page - 1) / page * page;
-    void* room = data_ == nullptr ? ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE,
-                                           MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
-                                  : ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE);
-    if (room == MAP_FAILED) throw std::bad_alloc();
+    capacity = (capacity + kHugePage - 1) / kHugePage * kHugePage;
+    // The kernel backs only whole, aligned 2 MiB ranges of a mapping with a
+    // huge page, and places a new or moved mapping wherever it likes: room
+    // taken as it came faulted a 10 MB request in 4 KiB at a time, 2,000
+    // faults. The room is therefore moved to an aligned place of its own.
+    void* spare = ::mmap(nullptr, capacity + kHugePage, PROT_NONE,
+                         MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (spare == MAP_FAILED) throw std::bad_alloc();
+    const auto spare_at = reinterpret_cast<std::uintptr_t>(spare);
+    const std::uintptr_t aligned = (spare_at + kHugePage - 1) & ~(kHugePage - 1);
+    void* room = reinterpret_cast<void*>(aligned);
+    // Over the aligned part of the spare range: the pages move, not the bytes.
+    void* placed = data_ == nullptr
+                       ? ::mmap(room, capacity, PROT_READ | PROT_WRITE,
+                                MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0)
+                       : ::mremap(data_, capacity_, capacity, MREMAP_MAYMOVE | MREMAP_FIXED, room);
+    if (placed == MAP_FAILED) {
+      ::munmap(spare, capacity + kHugePage);
+      throw std::bad_alloc();
+    }
+    if (aligned > spare_at) ::munmap(spare, aligned - spare_at);
+    const std::uintptr_t tail = aligned + capacity;
+    if (tail < spare_at + capacity + kHugePage) {
+      ::munmap(reinterpret_cast<void*>(tail), spare_at + capacity + kHugePage - tail);
+    }
     // A large request fills megabytes: in 2 MiB pages where the kernel
-    // allows them, it faults a few hundred times rather than thousands.
+    // allows them, it faults a few times rather than thousands.
     ::madvise(room, capacity, MADV_HUGEPAGE);
     data_ = static_cast<char*>(room);
     capacity_ = capacity;
   }
+
+  static constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
 
   char* data_ = nullptr;
   std::size_t size_ = 0;
