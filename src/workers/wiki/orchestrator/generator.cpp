@@ -239,7 +239,14 @@ Derivation WikiGenerator::derive(bool replan, bool prefetch) {
       hasher_->load_cache(unmirrored_store_->load_file_hash_cache());
     });
   }
+  // The stored rows are read while git lists the files, likewise: a branch
+  // whose catch-all page holds 97,000 files decodes its rows for as long as
+  // git takes to list them. The rows' connection is the build's, which
+  // nothing else uses until they are in.
+  std::future<void> rows_load =
+      std::async(std::launch::async, [this] { static_cast<void>(_existing()); });
   index_ = index_repository(checkout_root_, options_.planner);
+  rows_load.get();
   warn_left_out(index_.left_out);
   if (prefetch) {
     // The hasher, the index and the cache are left to the prefetch thread
