@@ -53,15 +53,18 @@ echo
 # The requests of the rpc section (name, kind, size, the binary that serves
 # them: "wiki" the product, "harness" the test harness), generated once into
 # build/bench-requests: pin_plan over 2k/8k/32k stored rows of ten paths each
-# (and the 32k rows with every column a store row carries), _select_stale
-# over 10k plans, section_map over an 8 MiB body and over pages citing
-# 10k/20k/40k files.
+# (and the 32k rows with every column a store row carries, and 32k rows of
+# which two in three are kept from the record), _select_stale over 10k plans,
+# section_map over an 8 MiB body (with 10k citations, and with 2,500
+# sections citing 20k) and over pages citing 10k/20k/40k files.
 rpc_requests='pin_plan_2k pin_plan 2000 wiki
 pin_plan_8k pin_plan 8000 wiki
 pin_plan_32k pin_plan 32000 wiki
 pin_plan_32k_whole_rows pin_plan_full 32000 wiki
+pin_plan_32k_kept pin_plan_kept 32000 wiki
 select_stale_10k select_stale 10000 harness
 section_map_8MiB_body section_map 8388608 wiki
+section_map_8MB_many section_map_many 8388608 wiki
 section_map_10k_files section_map_hashes 10000 wiki
 section_map_20k_files section_map_hashes 20000 wiki
 section_map_40k_files section_map_hashes 40000 wiki'
