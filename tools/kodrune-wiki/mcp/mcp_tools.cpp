@@ -38,6 +38,10 @@ const Json& WikiService::tools() const {
 wiki::WikiGenerator& WikiService::generator() {
   if (!generator_) {
     generator_ = open_();
+    // The store's file-hash cache, read once as a build reads it: without
+    // it, the session's first status call read and hashed every file of the
+    // tree, where a build reads only those whose stamp it does not hold.
+    generator_->refresh();
     generator_->hasher().set_progress_callback([this](std::size_t done, std::size_t total) {
       std::lock_guard lock(progress_mutex_);
       if (progress_) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <filesystem>
 #include <streambuf>
 #include <thread>
 
@@ -111,6 +112,28 @@ TEST(McpSession, ReportsLongHashingOnlyToARequestWithAProgressToken) {
   EXPECT_EQ(progress.back(), 5);
   // Both calls were answered; the second, with no token, got no progress.
   EXPECT_EQ(answers.size(), 3 + progress.size());
+}
+
+TEST(McpSession, FirstStatusReadsNoFileWhoseHashTheStoreHolds) {
+  GitRepo repo;
+  repo.write_unit("src", 5);
+  repo.commit("seed");
+  // Older than a clock tick, so the build keeps their hashes in the store.
+  const auto old = std::filesystem::file_time_type::clock::now() - std::chrono::hours(1);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(repo.root() / "src")) {
+    if (entry.is_regular_file()) std::filesystem::last_write_time(entry.path(), old);
+  }
+  serve_lines(repo,
+              {initialize(), request(1, "tools/call",
+                                     {{"name", "wiki"}, {"arguments", {{"action", "generate"}}}})});
+
+  // A new session: any file it read would be reported as hashing.
+  Json status = request(2, "tools/call", {{"name", "wiki"}, {"arguments", {{"action", "status"}}}});
+  status["params"]["_meta"] = {{"progressToken", "hashing"}};
+  const auto answers = serve_lines(repo, {initialize(), status});
+  ASSERT_EQ(answers.size(), 2u) << answers.back().dump();
+  EXPECT_EQ(answers.back().at("id"), 2);
+  EXPECT_FALSE(answers.back().at("result").value("isError", false)) << answers.back().dump();
 }
 
 TEST(McpSession, CancelledRequestsGetNoAnswerWhetherWaitingOrRunning) {
