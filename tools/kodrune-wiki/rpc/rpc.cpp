@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "workers/wiki/util/huge_pages.hpp"
 #include "workers/wiki/util/quoting.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 #include "zenthar_kodrune/workers/wiki/plan_record.hpp"
@@ -29,6 +30,7 @@
 namespace kodrune_cli::rpc {
 
 namespace wiki = zenthar_kodrune::workers::wiki;
+using wiki::util::kHugePage;
 
 namespace {
 
@@ -255,8 +257,6 @@ class InputBuffer {
     data_ = static_cast<char*>(room);
     capacity_ = capacity;
   }
-
-  static constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
 
   char* data_ = nullptr;
   std::size_t size_ = 0;

@@ -3,14 +3,13 @@
 // message a bad text gets.
 #include "workers/wiki/util/json_document.hpp"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <new>
 #include <string>
 
+#include "workers/wiki/util/huge_pages.hpp"
 #include "zenthar_kodrune/workers/wiki/errors.hpp"
 
 namespace zenthar_kodrune::workers::wiki::util {
@@ -67,25 +66,6 @@ class DepthLimitedBuilder {
   std::size_t depth_ = 0;
 };
 
-// Asks for huge pages over every 2 MiB page that [start, start + size)
-// touches. A large buffer starts just past its allocator's header, and its
-// first megabytes are the ones a parse writes most, so the page it starts in
-// counts too: the advice only makes memory around the buffer eligible for
-// huge pages, which the allocator asks for its own memory anyway.
-void huge_pages_for(const void* start, std::size_t size) {
-  constexpr std::uintptr_t kHugePage = std::uintptr_t{2} << 20;
-  if (start == nullptr || size < kHugePage) return;
-  const std::uintptr_t from = reinterpret_cast<std::uintptr_t>(start) & ~(kHugePage - 1);
-  const std::uintptr_t to = reinterpret_cast<std::uintptr_t>(start) + size;
-  ::madvise(reinterpret_cast<void*>(from), to - from, MADV_HUGEPAGE);
-  // The allocator wrote its header into the first page already, and the
-  // kernel faults no huge page in over a page it mapped small: that page is
-  // made huge now. MADV_COLLAPSE came with Linux 6.1 and has no name in
-  // glibc 2.36; an older kernel refuses it, and the page stays as it was.
-  constexpr int kCollapse = 25;
-  ::madvise(reinterpret_cast<void*>(from), kHugePage, kCollapse);
-}
-
 [[noreturn]] void too_deep() {
   throw ValueError("JSON nests deeper than " + std::to_string(MAX_JSON_DEPTH) + " levels");
 }
@@ -137,9 +117,10 @@ struct JsonDocument::Reader {
     }
     // The buffers' sizes as the parser allocates them, at the least. simdjson
     // keeps them in members it documents as its own but leaves public.
-    huge_pages_for(parser.doc.tape.get(), size * sizeof(std::uint64_t));
-    huge_pages_for(parser.doc.string_buf.get(), size / 3 * 5);
-    huge_pages_for(parser.implementation->structural_indexes.get(), size * sizeof(std::uint32_t));
+    advise_huge_pages(parser.doc.tape.get(), size * sizeof(std::uint64_t));
+    advise_huge_pages(parser.doc.string_buf.get(), size / 3 * 5);
+    advise_huge_pages(parser.implementation->structural_indexes.get(),
+                      size * sizeof(std::uint32_t));
   }
 
   simdjson::dom::parser parser;
